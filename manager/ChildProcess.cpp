@@ -1,0 +1,40 @@
+#include "ChildProcess.h"
+
+namespace {
+const int StartTimeout = 4000;
+const int StopTimeout = 2000;
+} // namespace
+
+QProcess *startChild(const QString &program, const QStringList &arguments,
+                     const QProcessEnvironment &environment)
+{
+    QProcess *process = new QProcess;
+    // Not only against noise among the log lines: Qt 4.8 gives a child that is opened with NotOpen
+    // pipes all the same, reads them and keeps what it reads in this process's memory for ever.
+    process->setStandardOutputFile(QLatin1String("/dev/null"));
+    process->setStandardErrorFile(QLatin1String("/dev/null"));
+    process->setProcessEnvironment(environment);
+    process->start(program, arguments, QIODevice::NotOpen);
+    if (!process->waitForStarted(StartTimeout))
+        discardChild(process);
+    return process;
+}
+
+bool terminateChild(QProcess *process)
+{
+    process->terminate();
+    return process->waitForFinished(StopTimeout);
+}
+
+void discardChild(QProcess *&field)
+{
+    if (!field)
+        return;
+    QProcess *const process = field;
+    field = 0;
+    QObject::disconnect(process, 0, 0, 0);
+    process->kill();
+    // Reaps it. The destructor would do the same, but complain on standard error.
+    process->waitForFinished();
+    delete process;
+}

@@ -1,0 +1,13 @@
+#ifndef SHELLCOMMAND_H
+#define SHELLCOMMAND_H
+
+#include <QtCore/QByteArray>
+
+/**
+ * Runs a command through the shell and waits for its end. Returns what system() returns: the raw
+ * wait status, 0 for success, 256 for exit status 1, or -1 when no shell could be started.
+ * What the command prints is dropped: standard output and error of the service are its own.
+ */
+int runShellCommand(const QByteArray &command);
+
+#endif

@@ -1,0 +1,226 @@
+// The configuration store as an INI file, read and written with GLib's key file: it keeps comments,
+// order and unknown keys, and takes a section named GENERAL as it is.
+#include <glib.h>
+
+#include "Configuration.h"
+#include "FileReplacement.h"
+#include "PlatformLog.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QFile>
+#include <memory>
+
+namespace {
+struct KeyFileDeleter
+{
+    void operator()(GKeyFile *keys) const { g_key_file_free(keys); }
+};
+typedef std::unique_ptr<GKeyFile, KeyFileDeleter> KeyFile;
+
+struct TextDeleter
+{
+    void operator()(gchar *text) const { g_free(text); }
+};
+typedef std::unique_ptr<gchar, TextDeleter> Text;
+
+/** An error that GLib reports; `out` is what its functions take. */
+class Error
+{
+public:
+    Error() { }
+    ~Error() { g_clear_error(&m_error); }
+
+    GError **out() { return &m_error; }
+    bool is(GQuark domain, int code) const { return g_error_matches(m_error, domain, code); }
+    QString message() const { return QString::fromUtf8(m_error->message); }
+
+private:
+    Q_DISABLE_COPY(Error)
+
+    GError *m_error = 0;
+};
+
+QByteArray settingsPath()
+{
+    const QByteArray path = qgetenv("ULMO_SETTINGS");
+    return path.isEmpty() ? QByteArray("/var/lib/ulmo/settings.ini") : path;
+}
+
+/**
+ * GLib takes only lines with '#' for comments. Those with ';' are hidden from it behind this, which
+ * no text holds by chance.
+ */
+const char CommentMark[] = "#\x1f";
+
+QByteArray withCommentsMarked(const QByteArray &content)
+{
+    QByteArray marked;
+    for (int begin = 0; begin < content.size();) {
+        const int newline = content.indexOf('\n', begin);
+        const int end = newline < 0 ? content.size() : newline + 1;
+        const QByteArray line = content.mid(begin, end - begin);
+        if (line.trimmed().startsWith(';'))
+            marked += CommentMark;
+        marked += line;
+        begin = end;
+    }
+    return marked;
+}
+
+/** Without keys where the text is not an INI file. */
+KeyFile parse(const char *text, int length, Error &error)
+{
+    KeyFile keys(g_key_file_new());
+    const GKeyFileFlags keepAll =
+        static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);
+    if (!g_key_file_load_from_data(keys.get(), text, length, keepAll, error.out()))
+        keys.reset();
+    return keys;
+}
+
+int lineAt(const QByteArray &content, int position)
+{
+    return content.left(position).count('\n') + 1;
+}
+
+/**
+ * The line that makes the parser give up, which does not tell: it ends the shortest beginning
+ * of the file that is refused.
+ */
+int faultyLine(const QByteArray &content)
+{
+    int accepted = 0;
+    int refused = content.size();
+    while (accepted < refused) {
+        const int middle = accepted + (refused - accepted) / 2;
+        const int newline = content.indexOf('\n', middle);
+        const int end = newline < 0 ? content.size() : newline + 1;
+        Error error;
+        if (parse(content.constData(), end, error))
+            accepted = end;
+        else
+            refused = middle;
+    }
+    return lineAt(content, refused);
+}
+
+/** Reads the file; a missing one is empty. Without keys, but with a reason, where it fails. */
+KeyFile readKeyFile(const QByteArray &path, QString &reason)
+{
+    Error error;
+    gchar *text = 0;
+    gsize length = 0;
+    if (!g_file_get_contents(path.constData(), &text, &length, error.out())) {
+        if (error.is(G_FILE_ERROR, G_FILE_ERROR_NOENT))
+            return KeyFile(g_key_file_new());
+        reason = error.message();
+        return KeyFile();
+    }
+    const Text owner(text);
+    QByteArray content(text, static_cast<int>(length));
+    if (content.startsWith("\xef\xbb\xbf")) // editors on Windows mark UTF-8 so
+        content.remove(0, 3);
+
+    const gchar *invalid = 0;
+    if (!g_utf8_validate(content.constData(), content.size(), &invalid)) {
+        const int position = static_cast<int>(invalid - content.constData());
+        reason = QString::fromLatin1("line %1: not UTF-8 text").arg(lineAt(content, position));
+        return KeyFile();
+    }
+    content = withCommentsMarked(content);
+    KeyFile keys = parse(content.constData(), content.size(), error);
+    if (!keys)
+        reason = QString::fromLatin1("line %1: %2").arg(faultyLine(content)).arg(error.message());
+    return keys;
+}
+} // namespace
+
+struct Configuration::Private
+{
+    const QString objectPath;
+    const QByteArray path;
+    /** Null when the file was unusable. */
+    KeyFile keys;
+
+    /** Reads the file anew and logs why it is unusable. */
+    KeyFile read() const
+    {
+        QString reason;
+        KeyFile read = readKeyFile(path, reason);
+        if (!read)
+            log(1, QString::fromLatin1("unusable: ") + reason);
+        return read;
+    }
+
+    void log(int level, const QString &text) const
+    {
+        platformLog(level, objectPath,
+                    QString::fromLatin1("settings file %1 %2").arg(QFile::decodeName(path), text));
+    }
+};
+
+Configuration::Configuration(const QString &objectPath)
+    : d(new Private {objectPath, settingsPath(), KeyFile()})
+{
+    d->keys = d->read();
+}
+
+Configuration::~Configuration()
+{
+    delete d;
+}
+
+bool Configuration::isValid() const
+{
+    return d->keys != nullptr;
+}
+
+int Configuration::ReadConfigValue(const QString &section, const QString &key, int defaultValue,
+                                   bool *ok, bool)
+{
+    const Text value(d->keys ? g_key_file_get_value(d->keys.get(), section.toUtf8().constData(),
+                                                    key.toUtf8().constData(), 0)
+                             : 0);
+    bool isInteger = false;
+    const int number = QByteArray(value.get()).toInt(&isInteger);
+    if (value && !isInteger)
+        d->log(2,
+               QString::fromLatin1("[%1] %2: \"%3\" is no integer, the default is used")
+                   .arg(section, key, QString::fromUtf8(value.get())));
+    if (ok)
+        *ok = isInteger;
+    return isInteger ? number : defaultValue;
+}
+
+QString Configuration::ReadConfigValue(const QString &section, const QString &key,
+                                       const QString &defaultValue, bool *ok, bool)
+{
+    const Text value(d->keys ? g_key_file_get_string(d->keys.get(), section.toUtf8().constData(),
+                                                     key.toUtf8().constData(), 0)
+                             : 0);
+    if (ok)
+        *ok = value != nullptr;
+    return value ? QString::fromUtf8(value.get()) : defaultValue;
+}
+
+bool Configuration::WriteConfigValue(const QString &section, const QString &key,
+                                     const QString &text, bool)
+{
+    // Others may have written since this client read the file.
+    KeyFile keys = d->read();
+    if (!keys)
+        return false;
+    g_key_file_set_string(keys.get(), section.toUtf8().constData(), key.toUtf8().constData(),
+                          text.toUtf8().constData());
+    gsize length = 0;
+    const Text data(g_key_file_to_data(keys.get(), &length, 0));
+    QByteArray content(data.get(), static_cast<int>(length));
+    content.replace(CommentMark, "");
+    const QString reason = replaceFile(d->path, content);
+    if (!reason.isEmpty()) {
+        d->log(2, QString::fromLatin1("not written: ") + reason);
+        return false;
+    }
+    d->keys.swap(keys);
+    return true;
+}
