@@ -1,31 +1,40 @@
-// A message bus of a test's own.
+// A message bus of a test's own: nothing may reach a bus of the machine.
 #ifndef PRIVATEBUS_H
 #define PRIVATEBUS_H
 
+#include <QtCore/QFile>
 #include <QtCore/QProcess>
 #include <QtCore/QString>
+#include <QtCore/QTemporaryDir>
 #include <QtDBus/QDBusConnection>
 
-/**
- * Runs a dbus-daemon that allows everything, for as long as the object lives. No bus of the machine
- * is touched.
- */
+/** Runs a dbus-daemon that allows everything, for as long as the object lives. */
 class PrivateBus
 {
 public:
     PrivateBus()
     {
-        m_daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_daemon.start(QStringLiteral("dbus-daemon"),
-                       {QStringLiteral("--session"), QStringLiteral("--nofork"),
-                        QStringLiteral("--nopidfile"), QStringLiteral("--print-address")});
-        if (m_daemon.waitForStarted() && m_daemon.waitForReadyRead())
-            m_address = QString::fromLatin1(m_daemon.readLine().trimmed());
+        QFile configuration(m_folder.filePath("bus.conf"));
+        if (!configuration.open(QIODevice::WriteOnly))
+            return;
+        configuration.write(
+            "<busconfig><type>session</type><listen>unix:dir=" + m_folder.path().toUtf8()
+            + "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
+              "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>");
+        configuration.close();
+        m_daemon.start("dbus-daemon",
+                       {"--nofork", "--nopidfile", "--print-address",
+                        "--config-file=" + configuration.fileName()});
+        while (!m_daemon.canReadLine()) {
+            if (!m_daemon.waitForReadyRead(10000))
+                return;
+        }
+        m_address = QString::fromLatin1(m_daemon.readLine().trimmed());
     }
 
     ~PrivateBus() { stop(); }
 
-    /** Empty when the daemon could not be started. */
+    /** Empty when there is no bus, for want of dbus-daemon for example. */
     QString address() const { return m_address; }
 
     /** A new connection of a name of its own; the caller disconnects it by that name. */
@@ -37,11 +46,12 @@ public:
     /** Ends the bus; everybody on it is disconnected. */
     void stop()
     {
-        m_daemon.terminate();
+        m_daemon.kill();
         m_daemon.waitForFinished();
     }
 
 private:
+    QTemporaryDir m_folder;
     QProcess m_daemon;
     QString m_address;
 };
