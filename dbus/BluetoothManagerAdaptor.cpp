@@ -28,7 +28,7 @@ int BluetoothManagerAdaptor::RemoveAllDevices()
     return manager()->RemoveAllDevices();
 }
 
-int BluetoothManagerAdaptor::RemoveDevice(QString Device)
+int BluetoothManagerAdaptor::RemoveDevice(const QString &Device)
 {
     return manager()->RemoveDevice(Device);
 }
@@ -43,7 +43,7 @@ int BluetoothManagerAdaptor::SetMute(int Enable)
     return manager()->SetMute(Enable);
 }
 
-int BluetoothManagerAdaptor::SetPid(QString Pid)
+int BluetoothManagerAdaptor::SetPid(const QString &Pid)
 {
     return manager()->SetPid(Pid);
 }

@@ -85,7 +85,7 @@ public:
 
 Q_SIGNALS:
     void BluetoothOn(bool On);
-    void BluetoothPidChanged(QString Pid);
+    void BluetoothPidChanged(const QString &Pid);
     void ConnectAudioDevice();
     void DisconnectAudioDevice();
     void NoPlayConnectedDevive();
@@ -94,10 +94,10 @@ public Q_SLOTS:
     int DisconnectDevice();
     int GetStatus(bool &Enable, bool &On, QString &pid);
     int RemoveAllDevices();
-    int RemoveDevice(QString Device);
+    int RemoveDevice(const QString &Device);
     int SetEnabled(bool Enable);
     int SetMute(int Enable);
-    int SetPid(QString Pid);
+    int SetPid(const QString &Pid);
     int SetVolume(int Enable);
 
 private:

@@ -751,7 +751,7 @@ QVariant BluetoothManager::IsTrustDevice(const QString &devicePath)
         LOG_LINE(LogWarning, "error reading trust for %s", qPrintable(devicePath));
         return QVariant();
     }
-    const QVariant trusted = properties.value().value("Trusted");
+    QVariant trusted = properties.value().value("Trusted");
     LOG_LINE(LogWarning, "trust for %s is %s", qPrintable(devicePath),
              qPrintable(trusted.toString()));
     return trusted;
@@ -786,7 +786,7 @@ bool BluetoothManager::defaultAdapter(QString *adapterPath)
     return true;
 }
 
-int BluetoothManager::RemoveDevice(QString Device)
+int BluetoothManager::RemoveDevice(const QString &Device)
 {
     LOG_LINE(LogInformation, "RemoveDevice");
     QString adapterPath;
@@ -1079,7 +1079,7 @@ void BluetoothManager::ulmoSupOnShutdown()
     QCoreApplication::exit(0);
 }
 
-int BluetoothManager::SetPid(QString Pid)
+int BluetoothManager::SetPid(const QString &Pid)
 {
     LOG_LINE(LogInformation, "[DBUS|Internal] SetPid(%s) requested", pidForLog(Pid).constData());
     if (!isValidPid(Pid))

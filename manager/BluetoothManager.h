@@ -53,13 +53,13 @@ Q_SIGNALS:
      *  the published one. */
     void NoPlayConnectedDevive();
     /** The pairing PIN in force. */
-    void BluetoothPidChanged(QString Pid);
+    void BluetoothPidChanged(const QString &Pid);
 
 public Q_SLOTS:
     // The exported methods. All return 0 for done or nothing to do and 1 for a refusal, SetVolume
     // and SetMute the raw wait status of a failed command.
     /** Sets the pairing PIN, four digits; forgets all devices and restarts a running stack. */
-    int SetPid(QString Pid);
+    int SetPid(const QString &Pid);
     /** Switches Bluetooth on or off and remembers it. 1 while a start is in progress. */
     int SetEnabled(bool Enable);
     int GetStatus(bool &Enable, bool &On, QString &Pid);
@@ -72,7 +72,7 @@ public Q_SLOTS:
     /** Forgets every device; 1 when BlueZ cannot be asked. */
     int RemoveAllDevices();
     /** Forgets the device with an address "AA:BB:CC:DD:EE:FF"; 1 when BlueZ cannot be asked. */
-    int RemoveDevice(QString Device);
+    int RemoveDevice(const QString &Device);
 
 private Q_SLOTS:
     void serviceBluezRegistered(const QString &name);

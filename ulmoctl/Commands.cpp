@@ -80,7 +80,7 @@ const char MissingServiceHint[] =
 
 Outcome failure(ExitStatus exitStatus, const QString &text, const char *hint = 0)
 {
-    const Outcome outcome = {exitStatus, text, hint, JsonObject()};
+    Outcome outcome = {exitStatus, text, hint, JsonObject()};
     return outcome;
 }
 
