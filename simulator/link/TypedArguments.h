@@ -1,0 +1,23 @@
+#ifndef TYPEDARGUMENTS_H
+#define TYPEDARGUMENTS_H
+
+#include <QJsonArray>
+#include <QStringList>
+#include <QVariantList>
+
+/**
+ * Cuts a control line into words as a shell does: blanks separate, single or double quotes keep
+ * together. False when a quote is not closed.
+ */
+bool splitWords(const QString &line, QStringList *words);
+
+/**
+ * Values with explicit D-Bus types: s:TEXT i:NUMBER u:NUMBER b:true|false o:PATH as:A,B,C and
+ * v:TYPE:VALUE. False, with \p error set, when a word is none of them.
+ */
+bool parseTypedArguments(const QStringList &words, QVariantList *arguments, QString *error);
+
+/// D-Bus values, as QtDBus gives them, as JSON; variants as what they hold.
+QJsonArray toJson(const QVariantList &arguments);
+
+#endif

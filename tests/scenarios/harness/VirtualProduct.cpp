@@ -1,0 +1,402 @@
+#include "VirtualProduct.h"
+
+#include "JournalText.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QJsonDocument>
+#include <QTest>
+
+#include <csignal>
+#include <cstdio>
+#include <sys/prctl.h>
+
+namespace {
+
+/// Far more than anything takes that a test waits for, on a machine that is busy.
+const int GenerousMs = 40000;
+const int Skipped = 77;
+const int TailLength = 80;
+
+/// Dies with the test, however that ends.
+class Launcher : public QProcess
+{
+protected:
+    void setupChildProcess() override { prctl(PR_SET_PDEATHSIG, SIGKILL); }
+};
+
+QString textOf(const QJsonObject &pattern)
+{
+    return QJsonDocument(pattern).toJson(QJsonDocument::Compact);
+}
+
+bool valueFits(const QJsonValue &value, const QJsonValue &wanted)
+{
+    const QString text = wanted.toString();
+    if (text.endsWith('*'))
+        return value.toString().startsWith(text.chopped(1));
+    if (!wanted.isArray())
+        return value == wanted;
+    const QJsonArray array = value.toArray();
+    const QJsonArray beginning = wanted.toArray();
+    for (int i = 0; i < beginning.size(); ++i) {
+        if (i >= array.size() || !valueFits(array.at(i), beginning.at(i)))
+            return false;
+    }
+    return true;
+}
+
+QString commandLine(const QJsonObject &entry)
+{
+    QStringList words {entry.value("program").toString()};
+    for (const QJsonValue &argument : entry.value("arguments").toArray())
+        words.append(argument.toString());
+    return words.join(' ');
+}
+
+} // namespace
+
+VirtualProduct::VirtualProduct(const Options &options, Place place)
+{
+    start(options, place);
+}
+
+VirtualProduct::VirtualProduct(Place place)
+{
+    start(Options(), place);
+}
+
+VirtualProduct::~VirtualProduct()
+{
+    if (QTest::currentTestFailed()) {
+        m_failed = true;
+        printTail();
+        m_folder->setAutoRemove(false);
+        printf("The virtual product's folder is kept: %s\n", qPrintable(folder()));
+    }
+    // Nothing inside survives this.
+    m_launcher->kill();
+    m_launcher->waitForFinished();
+    delete m_launcher;
+}
+
+QString VirtualProduct::launcher()
+{
+    return QStringLiteral(SIMULATOR_FOLDER "/virtual-product");
+}
+
+QString VirtualProduct::control()
+{
+    return QStringLiteral(SIMULATOR_FOLDER "/product-control");
+}
+
+bool VirtualProduct::isPossible(QString *reason)
+{
+    QProcess check;
+    check.start(launcher(), {"--check"});
+    const bool finished = check.waitForFinished(GenerousMs);
+    *reason = check.readAllStandardError().trimmed();
+    return finished && check.exitStatus() == QProcess::NormalExit && check.exitCode() == 0;
+}
+
+void VirtualProduct::start(const Options &options, const Place &place)
+{
+    m_folder.reset(new QTemporaryDir(QDir::tempPath() + "/product-XXXXXX"));
+    m_launcher = new Launcher;
+    if (!writeSettings(options)) {
+        fail("cannot write the settings", place);
+        return;
+    }
+    QStringList arguments {"--out", folder(), "--pulse", options.realPulse ? "real" : "scripted"};
+    if (!options.startService)
+        arguments.append("--no-service");
+    for (const QString &variable : options.environment)
+        arguments << "--env" << variable;
+    for (const QString &line : options.tell)
+        arguments << "--tell" << line;
+    m_launcher->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    m_launcher->start(launcher(), arguments);
+    while (!m_launcher->canReadLine()) {
+        if (!m_launcher->waitForReadyRead(GenerousMs)) {
+            fail("the virtual product does not start", place);
+            return;
+        }
+    }
+    m_hub.connectToServer(folder() + "/hub");
+    if (!m_hub.waitForConnected(GenerousMs))
+        fail("no hub: " + m_hub.errorString(), place);
+    m_hub.write("{\"follow\":true}\n");
+}
+
+bool VirtualProduct::writeSettings(const Options &options)
+{
+    QByteArray text = options.settingsFile;
+    QString section;
+    for (auto setting = options.settings.begin(); setting != options.settings.end(); ++setting) {
+        if (setting.key().section('/', 0, 0) != section) {
+            section = setting.key().section('/', 0, 0);
+            text += '[' + section.toUtf8() + "]\n";
+        }
+        text += setting.key().section('/', 1).toUtf8() + '='
+            + setting.value().toVariant().toString().toUtf8() + '\n';
+    }
+    if (text.isEmpty())
+        return m_folder->isValid();
+    QFile file(settingsFile());
+    return file.open(QIODevice::WriteOnly) && file.write(text) == text.size();
+}
+
+void VirtualProduct::fail(const QString &text, const Place &place)
+{
+    if (!m_failed)
+        QTest::qFail(qPrintable(text), place.file, place.line);
+    m_failed = true;
+}
+
+bool VirtualProduct::readMore(int milliseconds)
+{
+    if (!m_hub.canReadLine() && !m_hub.waitForReadyRead(milliseconds))
+        return false;
+    while (m_hub.canReadLine()) {
+        const QJsonObject object = QJsonDocument::fromJson(m_hub.readLine()).object();
+        if (object.contains("journal"))
+            m_journal.append(object.value("journal").toObject());
+        else
+            m_answers.append(object);
+    }
+    return true;
+}
+
+bool VirtualProduct::waitUntil(const std::function<bool()> &arrived)
+{
+    const QDeadlineTimer deadline(GenerousMs);
+    while (!m_failed && !arrived()) {
+        if (!readMore(int(deadline.remainingTime())) && deadline.hasExpired())
+            return false;
+        if (m_hub.state() != QLocalSocket::ConnectedState && !m_hub.canReadLine())
+            return arrived();
+    }
+    return !m_failed;
+}
+
+/// The hub's answer to \p request, after everything that was in the journal before it.
+QJsonObject VirtualProduct::answerTo(const QJsonObject &request, const Place &place)
+{
+    if (m_failed)
+        return QJsonObject();
+    m_hub.write(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n');
+    if (!waitUntil([this] { return !m_answers.isEmpty(); })) {
+        fail("no answer to " + textOf(request), place);
+        return QJsonObject();
+    }
+    return m_answers.takeAt(0).toObject();
+}
+
+QString VirtualProduct::tell(const QString &line, Place place)
+{
+    const QJsonObject answer = answerTo({{"tell", line}}, place);
+    if (answer.contains("error"))
+        fail(line + ": " + answer.value("error").toString(), place);
+    return answer.value("ok").toString();
+}
+
+QString VirtualProduct::tellRefused(const QString &line, Place place)
+{
+    const QJsonObject answer = answerTo({{"tell", line}}, place);
+    if (answer.contains("ok"))
+        fail("not refused: " + line, place);
+    return answer.value("error").toString();
+}
+
+QJsonObject VirtualProduct::attempt(const QString &line, Place place)
+{
+    return answerTo({{"tell", line}}, place);
+}
+
+QJsonArray VirtualProduct::call(const QString &method, const QStringList &arguments, Place place)
+{
+    QStringList words {"call", method};
+    for (QString argument : arguments)
+        words.append('"' + argument + '"');
+    const QString line = words.join(' ');
+    const QJsonObject answer = answerTo({{"tell", line}}, place);
+    if (answer.contains("error"))
+        fail(line + ": " + answer.value("error").toString(), place);
+    return answer.value("values").toArray();
+}
+
+QJsonObject VirtualProduct::expect(const QString &what, const Predicate &predicate, Place place)
+{
+    const int from = m_cursor;
+    const bool found = waitUntil([this, &predicate] {
+        while (m_cursor < m_journal.size()) {
+            if (predicate(m_journal.at(m_cursor++)))
+                return true;
+        }
+        return false;
+    });
+    if (found)
+        return m_journal.at(m_cursor - 1);
+    m_cursor = from;
+    fail("did not happen: " + what, place);
+    return QJsonObject();
+}
+
+QJsonObject VirtualProduct::expect(const Pattern &pattern, Place place)
+{
+    return expect(
+        textOf(pattern), [&pattern](const QJsonObject &entry) { return fits(entry, pattern); },
+        place);
+}
+
+QJsonObject VirtualProduct::expectLog(int level, const QString &message, Place place)
+{
+    return expect(log(level, message), place);
+}
+
+void VirtualProduct::expectLogs(int level, const QStringList &messages, Place place)
+{
+    for (const QString &message : messages)
+        expectLog(level, message, place);
+}
+
+QJsonObject VirtualProduct::expectCommand(const QString &wanted, Place place)
+{
+    return expect(
+        wanted,
+        [&wanted](const QJsonObject &entry) {
+            return entry.value("kind") == "start" && commandLine(entry) == wanted;
+        },
+        place);
+}
+
+QJsonObject VirtualProduct::expectNone(const Pattern &unwanted, const Pattern &marker, Place place)
+{
+    const int from = m_cursor;
+    const QJsonObject found = expect(marker, place);
+    for (int i = from; i < m_cursor - 1; ++i) {
+        if (fits(m_journal.at(i), unwanted))
+            fail("happened before " + textOf(marker) + ": " + journalText(m_journal.at(i)), place);
+    }
+    return found;
+}
+
+int VirtualProduct::mark()
+{
+    answerTo({{"sync", true}}, {__FILE__, __LINE__});
+    return m_journal.size();
+}
+
+void VirtualProduct::rewind(int position)
+{
+    m_cursor = position;
+}
+
+void VirtualProduct::forget()
+{
+    mark();
+    m_journal.clear();
+    m_cursor = 0;
+}
+
+QVector<QJsonObject> VirtualProduct::entries(const Pattern &pattern, int from)
+{
+    mark();
+    QVector<QJsonObject> found;
+    for (int i = from; i < m_journal.size(); ++i) {
+        if (fits(m_journal.at(i), pattern))
+            found.append(m_journal.at(i));
+    }
+    return found;
+}
+
+QStringList VirtualProduct::commands(int from)
+{
+    QStringList list;
+    for (const QJsonObject &entry : entries({{"kind", "start"}}, from)) {
+        if (entry.value("program") != "service")
+            list.append(commandLine(entry));
+    }
+    return list;
+}
+
+QStringList VirtualProduct::messages(int from)
+{
+    QStringList list;
+    for (const QJsonObject &entry : entries({{"kind", "log"}}, from))
+        list.append(entry.value("message").toString());
+    return list;
+}
+
+int VirtualProduct::serviceExit(Place place)
+{
+    const QJsonObject end = expect({{"kind", "end"}, {"program", "service"}}, place);
+    return end.contains("signal") ? -end.value("signal").toInt() : end.value("status").toInt(-1);
+}
+
+QJsonObject VirtualProduct::settings() const
+{
+    QJsonObject settings;
+    QFile file(settingsFile());
+    file.open(QIODevice::ReadOnly);
+    QString section;
+    for (const QByteArray &bytes : file.readAll().split('\n')) {
+        const QString line = QString::fromUtf8(bytes).trimmed();
+        if (line.startsWith('['))
+            section = line.mid(1).chopped(1);
+        else if (line.contains('=') && !line.startsWith('#'))
+            settings.insert(section + '/' + line.section('=', 0, 0).trimmed(),
+                            line.section('=', 1).trimmed());
+    }
+    return settings;
+}
+
+VirtualProduct::Pattern VirtualProduct::log(int level, const QString &message)
+{
+    return {{"kind", "log"}, {"level", level}, {"message", message}};
+}
+
+VirtualProduct::Pattern VirtualProduct::command(const QString &commandLine)
+{
+    QStringList words = commandLine.split(' ');
+    const QString program = words.takeFirst();
+    return {
+        {"kind", "start"}, {"program", program}, {"arguments", QJsonArray::fromStringList(words)}};
+}
+
+VirtualProduct::Pattern VirtualProduct::message(const QString &kind, const QString &member)
+{
+    return {{"lane", "bus"}, {"kind", kind}, {"member", member}};
+}
+
+bool VirtualProduct::fits(const QJsonObject &entry, const Pattern &pattern)
+{
+    for (auto field = pattern.begin(); field != pattern.end(); ++field) {
+        if (!entry.contains(field.key()) || !valueFits(entry.value(field.key()), field.value()))
+            return false;
+    }
+    return true;
+}
+
+void VirtualProduct::printTail() const
+{
+    printf("The journal's last entries:\n");
+    for (const QJsonObject &entry : m_journal.mid(qMax(0, m_journal.size() - TailLength))) {
+        if (!isBusBookkeeping(entry))
+            printf("%s\n", qPrintable(journalText(entry)));
+    }
+    fflush(stdout);
+}
+
+int runScenario(QObject *test, int argc, char **argv)
+{
+    QString reason;
+    const bool listsOnly = QCoreApplication::arguments().contains("-datatags")
+        || QCoreApplication::arguments().contains("-functions");
+    if (!listsOnly && !VirtualProduct::isPossible(&reason)) {
+        printf("SKIP: %s\n", qPrintable(reason));
+        return Skipped;
+    }
+    return QTest::qExec(test, argc, argv);
+}

@@ -1,0 +1,605 @@
+// The ground that every other scenario stands on: the namespaces, the programs of the board and
+// their faults, the control lines and the order of the journal.
+
+#include "VirtualProduct.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCall>
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QTest>
+
+#include <csignal>
+#include <unistd.h>
+
+namespace {
+
+const int GenerousMs = 60000;
+
+struct Outcome
+{
+    int status = -1; ///< as a shell sees it: 128 + signal
+    QString output;
+    QString error;
+};
+
+Outcome run(const QString &program, const QStringList &arguments, const QByteArray &input = {})
+{
+    QProcess process;
+    process.start(program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    Outcome outcome;
+    if (process.waitForFinished(GenerousMs))
+        outcome.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode()
+                                                                      : 128 + process.exitCode();
+    outcome.output = QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+    outcome.error = QString::fromUtf8(process.readAllStandardError()).trimmed();
+    return outcome;
+}
+
+/// Arguments of the launcher for a product without the service.
+QStringList bareProduct(const QString &folder, const QStringList &command)
+{
+    return QStringList {"--no-service", "--pulse", "scripted", "--out", folder, "--"} + command;
+}
+
+/// What \p script (for bash) says when it runs inside a product.
+Outcome runInside(const QString &script, const QByteArray &input = {})
+{
+    const QTemporaryDir folder;
+    return run(VirtualProduct::launcher(), bareProduct(folder.path(), {"bash", "-c", script}),
+               input);
+}
+
+/// The processes below \p ancestor, as seen from outside.
+QList<int> descendants(qint64 ancestor)
+{
+    QList<int> found;
+    const QString children =
+        run("cat", {QString("/proc/%1/task/%1/children").arg(ancestor)}).output;
+    for (const QString &child : children.split(' ', Qt::SkipEmptyParts))
+        found += QList<int> {child.toInt()} + descendants(child.toInt());
+    return found;
+}
+
+bool isAnyAlive(const QList<int> &processes)
+{
+    for (int process : processes) {
+        if (kill(process, 0) == 0)
+            return true;
+    }
+    return false;
+}
+
+VirtualProduct::Options withoutService()
+{
+    VirtualProduct::Options options;
+    options.startService = false;
+    return options;
+}
+
+} // namespace
+
+class tst_launcher : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    // Where it runs
+    void outsideIsUnseen();
+    void outsideIsUntouched_data();
+    void outsideIsUntouched();
+    void programsCannotBeReplaced_data();
+    void programsCannotBeReplaced();
+    void refusesWithoutNamespaces();
+    void ordinaryUser();
+    void overlaysThatCannotStack();
+    void foldersAnywhere_data();
+    void foldersAnywhere();
+    void sandboxEnds_data();
+    void sandboxEnds();
+    // The command inside
+    void commandStatus_data();
+    void commandStatus();
+    void commandReadsInput();
+    // The board's programs
+    void faults_data();
+    void faults();
+    void ignoredTermination();
+    void scriptedSoundServer();
+    // The hub
+    void refusedLines();
+    void rejectsBadFirstLines();
+    void journalOrder();
+    void busNames();
+    void messagesAreComplete();
+    void typedArguments();
+    void faultySoundManager_data();
+    void faultySoundManager();
+    void loginManager();
+};
+
+void tst_launcher::outsideIsUnseen()
+{
+    const Outcome seen = runInside("ps");
+    QVERIFY(seen.output.contains("\n"));
+    QVERIFY2(!seen.output.contains("tst_launcher"), qPrintable(seen.output));
+    // The service ends processes by what their command lines contain; the first process must stay.
+    QVERIFY(!seen.output.contains(QRegularExpression("bluetoothd|/usr/bin/(agent|pulseaudio)")));
+}
+
+void tst_launcher::outsideIsUntouched_data()
+{
+    QTest::addColumn<QString>("folder");
+    for (const char *folder : {"/run", "/var/run/pulse", "/tmp", "/var/lib", "/dev/shm"})
+        QTest::newRow(folder) << folder;
+}
+
+void tst_launcher::outsideIsUntouched()
+{
+    QFETCH(QString, folder);
+    const QString file = QString("%1/from-inside-%2").arg(folder).arg(getpid());
+    const Outcome written = runInside(QString("echo mark > %1 && cat %1").arg(file));
+    QCOMPARE(written.output, QString("mark"));
+    QVERIFY(!QFileInfo::exists(file));
+}
+
+void tst_launcher::programsCannotBeReplaced_data()
+{
+    QTest::addColumn<QString>("folder");
+    for (const char *folder : {"/usr/bin", "/usr/sbin", "/etc"})
+        QTest::newRow(folder) << folder;
+}
+
+void tst_launcher::programsCannotBeReplaced()
+{
+    QFETCH(QString, folder);
+    const Outcome touched = runInside("touch " + folder + "/from-inside");
+    QCOMPARE(touched.status, 1);
+    QVERIFY(!QFileInfo::exists(folder + "/from-inside"));
+}
+
+void tst_launcher::refusesWithoutNamespaces()
+{
+    // Root of a user namespace that may not have any below it, without the right to do without.
+    const QString powerless = "echo 0 > /proc/sys/user/max_user_namespaces && "
+                              "exec setpriv --bounding-set -sys_admin --inh-caps -sys_admin \"$@\"";
+    const QStringList prefix {"--user", "--map-root-user", "sh", "-c", powerless, "sh"};
+    if (run("unshare", prefix + QStringList {"true"}).status != 0)
+        QSKIP("no user namespace to take the rights away in");
+
+    const QTemporaryDir folder;
+    const QStringList launcher = prefix + QStringList {VirtualProduct::launcher()};
+    for (const QStringList &arguments :
+         {QStringList {"--check"}, bareProduct(folder.path(), {"echo", "inside"})}) {
+        const Outcome refused = run("unshare", launcher + arguments);
+        QCOMPARE(refused.status, 77);
+        QCOMPARE(refused.output, QString());
+        QVERIFY2(refused.error.startsWith("virtual-product: cannot make namespaces of its own: "),
+                 qPrintable(refused.error));
+        QVERIFY(!refused.error.contains('\n'));
+        QVERIFY(refused.error.contains("--cap-add SYS_ADMIN"));
+    }
+}
+
+void tst_launcher::ordinaryUser()
+{
+    if (geteuid() != 0)
+        QSKIP("all of these tests run as an ordinary user");
+    const QStringList nobody {"--reuid", "65534", "--regid", "65534", "--clear-groups"};
+    if (run("setpriv", nobody + QStringList {"test", "-x", VirtualProduct::launcher()}).status != 0)
+        QSKIP("the build folder is not open to others");
+
+    const QTemporaryDir folder;
+    QCOMPARE(chown(qPrintable(folder.path()), 65534, 65534), 0);
+    // The sound server's user and group have to exist among the one user that there is.
+    const Outcome inside =
+        run("setpriv",
+            nobody + QStringList {VirtualProduct::launcher()}
+                + bareProduct(folder.path(),
+                              {"bash", "-c",
+                               "id -u; id -u pulse; id -g pulse; hciconfig hci0 up && pactl x; "
+                               "echo $?; touch /run/mine /tmp/mine && echo written"}));
+    QCOMPARE(inside.output.split('\n'), QStringList({"0", "0", "0", "1", "written"}));
+}
+
+void tst_launcher::overlaysThatCannotStack()
+{
+    // They stack two deep, so the third has to do without.
+    const QTemporaryDir folder;
+    const QStringList innermost = bareProduct(
+        "/tmp/innermost", {"bash", "-c", "hciconfig hci0 up && type -p sort hciconfig"});
+    const QStringList inner =
+        bareProduct("/tmp/inner", QStringList {VirtualProduct::launcher()} + innermost);
+    const Outcome inside =
+        run(VirtualProduct::launcher(),
+            bareProduct(folder.path(), QStringList {VirtualProduct::launcher()} + inner));
+    QCOMPARE(inside.output, QString("/usr/bin/sort\n/usr/bin/hciconfig"));
+}
+
+void tst_launcher::foldersAnywhere_data()
+{
+    QTest::addColumn<QString>("place");
+    QTest::newRow("blanks") << QDir::tempPath() + "/folder with 'blanks'-XXXXXX";
+    QTest::newRow("home") << QDir::homePath() + "/product-XXXXXX";
+    QTest::newRow("/run") << "/run/product-XXXXXX";
+    QTest::newRow("/mnt") << "/mnt/product-XXXXXX";
+    QTest::newRow("deep") << QDir::tempPath() + '/' + QString(100, 'x') + "-XXXXXX";
+}
+
+void tst_launcher::foldersAnywhere()
+{
+    QFETCH(QString, place);
+    const QTemporaryDir folder(place);
+    if (!folder.isValid())
+        QSKIP("cannot write there");
+
+    // A build of its own, with as much of it as a product without the service needs.
+    const QFileInfo launcher(VirtualProduct::launcher());
+    const QString simulator = folder.path() + "/build/simulator";
+    QDir().mkpath(simulator);
+    for (const char *program : {"virtual-product", "set-up-board", "enter-namespaces",
+                                "product-simulator", "product-tool"})
+        QVERIFY(QFile::copy(launcher.path() + '/' + program, simulator + '/' + program));
+    const QString out = folder.path() + "/out";
+    QDir().mkpath(out + "/sub");
+
+    QProcess process;
+    process.setWorkingDirectory(out + "/sub");
+    process.start(simulator + "/virtual-product",
+                  bareProduct(out, {"bash", "-c", "hciconfig hci0 up && pwd && touch ../mark"}));
+    QVERIFY(process.waitForFinished(GenerousMs));
+    QCOMPARE(process.readAllStandardError(), QByteArray());
+    QCOMPARE(process.readAllStandardOutput().trimmed(),
+             QDir(out).canonicalPath().toUtf8() + "/sub");
+    QVERIFY(QFileInfo::exists(out + "/mark"));
+    QVERIFY(QFileInfo::exists(out + "/journal.jsonl"));
+}
+
+void tst_launcher::sandboxEnds_data()
+{
+    QTest::addColumn<QString>("how");
+    QTest::addColumn<int>("status");
+    QTest::newRow("killed") << "KILL" << 128 + SIGKILL;
+    QTest::newRow("terminated") << "TERM" << 128 + SIGTERM;
+    QTest::newRow("told to quit") << "quit" << 0;
+}
+
+void tst_launcher::sandboxEnds()
+{
+    QFETCH(QString, how);
+    QFETCH(int, status);
+    const QTemporaryDir folder;
+    QProcess launcher;
+    launcher.start(VirtualProduct::launcher(), {"--pulse", "scripted", "--out", folder.path()});
+    while (!launcher.canReadLine())
+        QVERIFY(launcher.waitForReadyRead(GenerousMs));
+    const QList<int> inside = descendants(launcher.processId());
+    QVERIFY(inside.size() >= 5); // first process, hub, two buses, service
+
+    if (how == "quit") {
+        QCOMPARE(run(VirtualProduct::control(), {"--out", folder.path(), "quit"}).status, 0);
+    } else {
+        kill(pid_t(launcher.processId()), how == "KILL" ? SIGKILL : SIGTERM);
+    }
+    QVERIFY(launcher.waitForFinished(GenerousMs));
+    QCOMPARE(launcher.exitStatus() == QProcess::CrashExit ? 128 + launcher.exitCode()
+                                                          : launcher.exitCode(),
+             status);
+    QTRY_VERIFY_WITH_TIMEOUT(!isAnyAlive(inside), GenerousMs);
+}
+
+void tst_launcher::commandStatus_data()
+{
+    QTest::addColumn<QString>("script");
+    QTest::addColumn<int>("status");
+    QTest::newRow("success") << "true" << 0;
+    QTest::newRow("failure") << "exit 5" << 5;
+    QTest::newRow("signal") << "kill -TERM $$" << 128 + SIGTERM;
+    QTest::newRow("not found") << "exec /no/such/program" << 127;
+}
+
+void tst_launcher::commandStatus()
+{
+    QFETCH(QString, script);
+    QFETCH(int, status);
+    QCOMPARE(runInside(script).status, status);
+}
+
+void tst_launcher::commandReadsInput()
+{
+    QCOMPARE(runInside("cat", "from \"outside\"\n").output, QString("from \"outside\""));
+}
+
+void tst_launcher::faults_data()
+{
+    QTest::addColumn<QString>("lines"); // told one by one
+    QTest::addColumn<QString>("script");
+    QTest::addColumn<QString>("output");
+    const QString upAndDown = "for i in up down; do hciconfig hci0 $i; echo -n \"$? \"; done";
+    const QString thrice = "for i in 1 2 3; do hciconfig hci0 up; echo -n \"$? \"; done";
+    const QString once = "hciconfig hci0 up 2>/dev/null; echo $?";
+
+    QTest::newRow("none") << "" << upAndDown << "0 0";
+    QTest::newRow("exit") << "fault hciconfig exit=3" << upAndDown << "3 3";
+    QTest::newRow("one argument") << "fault hciconfig:down exit=3" << upAndDown << "0 3";
+    QTest::newRow("blanks") << "fault hciconfig:hci0 up exit=3" << upAndDown << "3 0";
+    QTest::newRow("another program") << "fault sdptool exit=3" << upAndDown << "0 0";
+    QTest::newRow("times") << "fault hciconfig exit=1 times=2" << thrice << "1 1 0";
+    QTest::newRow("after") << "fault hciconfig exit=1 after=2" << thrice << "0 0 1";
+    QTest::newRow("after and times")
+        << "fault hciconfig exit=1 times=1 after=1" << thrice << "0 1 0";
+    QTest::newRow("the later counts")
+        << "fault hciconfig exit=1\nfault hciconfig exit=2" << once << "2";
+    QTest::newRow("cleared") << "fault hciconfig exit=1\nfault clear hciconfig" << once << "0";
+    QTest::newRow("all cleared") << "fault hciconfig missing\nfault clear" << once << "0";
+    QTest::newRow("another cleared")
+        << "fault hciconfig exit=1\nfault clear sdptool" << once << "1";
+    QTest::newRow("crash") << "fault hciconfig crash"
+                           << "{ " + once + "; } 2>/dev/null"
+                           << "139";
+    QTest::newRow("missing") << "fault hciconfig missing" << once << "127";
+    QTest::newRow("hang") << "fault hciconfig hang"
+                          << "hciconfig hci0 up & until product-control 'kill hciconfig TERM'; "
+                             "do :; done 2>/dev/null; wait $!; echo $?"
+                          << "143";
+    QTest::newRow("delay") << "fault hciconfig delay=300"
+                           << "t=${EPOCHREALTIME/./}; hciconfig hci0 up; "
+                              "((${EPOCHREALTIME/./} - t >= 300000)) && echo late"
+                           << "late";
+}
+
+void tst_launcher::faults()
+{
+    QFETCH(QString, lines);
+    QFETCH(QString, script);
+    QFETCH(QString, output);
+    QString told;
+    for (const QString &line : lines.split('\n', Qt::SkipEmptyParts))
+        told += "product-control '" + line + "' || exit 99; ";
+    const Outcome outcome = runInside(told + script);
+    QCOMPARE(outcome.output, output);
+}
+
+void tst_launcher::ignoredTermination()
+{
+    const Outcome outcome =
+        runInside("product-control 'fault pulseaudio ignore-term'; pulseaudio --system & "
+                  "until pactl stat; do :; done; product-control 'kill pulseaudio TERM'; "
+                  "pactl stat && product-control 'kill pulseaudio'; wait $! 2>/dev/null; echo $?");
+    QCOMPARE(outcome.output, QString("137"));
+}
+
+void tst_launcher::scriptedSoundServer()
+{
+    const Outcome outcome = runInside(
+        "say() { \"$@\" >/dev/null; echo -n \"$? \"; }; "
+        "say pactl stat; pulseaudio --system & until pactl stat; do :; done; "
+        "ls /var/run/pulse; say pactl load-module module-bluetooth-discover; "
+        "say pactl load-module module-loopback source=bluez_source.00_AA_01_01_00_01 sink=output; "
+        "say pactl set-source-output-volume 0 40%; "
+        "kill $!; wait $!; echo -n \"$? \"; say pactl stat; ls /var/run/pulse");
+    QCOMPARE(outcome.output, QString("1 pid\n0 1 1 0 1"));
+}
+
+void tst_launcher::refusedLines()
+{
+    VirtualProduct product(withoutService());
+    const QStringList lines {"nonsense",
+                             "fault",
+                             "fault hciconfig",
+                             "fault hciconfig exit",
+                             "fault hciconfig exit=-1",
+                             "fault hciconfig exit=1 time=2",
+                             "fault hciconfig:up missing",
+                             "fault hciconfig missing times=1",
+                             "fault nobody exit=1",
+                             "fault clear nobody",
+                             "fault bluetoothd no-nonsense",
+                             "fault soundmanager nonsense",
+                             "fault bluez:Disconnect error",
+                             "fault bluez:Device.Disconnect",
+                             "fault bluez:Device.Disconnect nonsense",
+                             "kill hciconfig",
+                             "kill",
+                             "service nonsense",
+                             "service stop",
+                             "service kill NONSENSE",
+                             "call",
+                             "call SetVolume 40",
+                             "call SetVolume i:forty",
+                             "volume loud",
+                             "pin",
+                             "phone anna connect",
+                             "timescale 0",
+                             "backend nonsense",
+                             "platform nonsense",
+                             "login nonsense",
+                             "bus nonsense kill",
+                             "spoof /org/bluez",
+                             "pin \"7351"};
+    for (const QString &line : lines)
+        QVERIFY2(!product.tellRefused(line).isEmpty(), qPrintable(line));
+    QCOMPARE(product.entries({{"lane", "control"}, {"kind", "error"}}).size(), lines.size());
+}
+
+void tst_launcher::rejectsBadFirstLines()
+{
+    const QTemporaryDir folder;
+    const Outcome outcome = run(VirtualProduct::launcher(),
+                                {"--no-service", "--pulse", "scripted", "--out", folder.path(),
+                                 "--tell", "fault nobody exit=1", "--", "echo", "inside"});
+    QCOMPARE(outcome.status, 1);
+    QCOMPARE(outcome.output, QString());
+    QCOMPARE(outcome.error,
+             QString("virtual-product: fault nobody exit=1: there is no program \"nobody\""));
+}
+
+void tst_launcher::journalOrder()
+{
+    using Product = VirtualProduct;
+    Product::Options options;
+    options.tell = QStringList{"fault bluetoothd adapter-delay=0"};
+    Product product(options);
+    // The cause stands before its effect: a log line before the program that is started next, a
+    // program before the log line about its result, a message before the log line about it.
+    product.expect({{"kind", "start"}, {"program", "service"}});
+    product.expectLog(4, "startStartupSequence requested");
+    product.expectCommand("modprobe btwilink");
+    product.expectCommand("connmanctl enable bluetooth");
+    product.expectCommand("hciconfig hci0 up");
+    product.expect(Product::message("signal", "NameOwnerChanged"));
+    product.expectLog(4, "bluez service registered org.bluez");
+    product.expectCommand("hciconfig hci0 sspmode 0");
+    product.expectLog(4, "set legacy mode (hciconfig hci0 sspmode 0) 0");
+    product.expectCommand("hciconfig hci0 lm master,accept");
+    product.expectLog(4, "set lm master,accept 0");
+    product.expectLog(4, "agent started and wait registration");
+    product.expect(Product::message("signal", "BluetoothOn"));
+    product.rewind(0); // the agent is another process, and may be earlier
+    product.expect(Product::message("reply", "RegisterAgent"));
+    product.tell("service stop");
+    product.expectLog(2, "signal SIGINT or SIGTERM received");
+    product.expectLog(4, "Succesfully terminated");
+    QCOMPARE(product.serviceExit(), 0);
+
+    double before = 0;
+    for (const QJsonObject &entry : product.entries({})) {
+        QVERIFY(entry["time"].toDouble() >= before);
+        before = entry["time"].toDouble();
+    }
+}
+
+void tst_launcher::busNames()
+{
+    VirtualProduct::Options options;
+    options.settings = {{"BLUETOOTH/bt-enable", 0}, {"BLUETOOTH/bt-pid", "1234"}};
+    VirtualProduct product(options);
+    product.expectLog(4, "Bluetooth Manager running");
+    QCOMPARE(product.call("GetStatus"), QJsonArray({0, false, false, "1234"}));
+    const QJsonObject call = product.expect(VirtualProduct::message("call", "GetStatus"));
+    QCOMPARE(call["senderName"].toString(), QString("caller"));
+    QCOMPARE(call["destinationName"].toString(), QString("service"));
+    product.expectLog(4, "[DBUS|Internal] GetStatus() requested");
+    const QJsonObject reply = product.expect(VirtualProduct::message("reply", "GetStatus"));
+    QCOMPARE(reply["senderName"].toString(), QString("service"));
+    QCOMPARE(reply["replySerial"], call["serial"]);
+    QCOMPARE(reply["arguments"].toArray(), QJsonArray({0, false, false, "1234"}));
+    QCOMPARE(product.tell("status"),
+             QString("Bluetooth is off and disabled; the PIN is 1234 "
+                     "(Status 0, Enable false, On false, pid \"1234\")"));
+}
+
+void tst_launcher::messagesAreComplete()
+{
+    VirtualProduct::Options options;
+    options.settings = {{"BLUETOOTH/bt-enable", 0}};
+    VirtualProduct product(options);
+    product.expectLog(4, "Bluetooth Manager running");
+
+    const int count = 2000;
+    QDBusConnection client = QDBusConnection::connectToBus(product.sessionBusAddress(), "client");
+    QVERIFY(client.isConnected());
+    for (int i = 0; i < count; ++i) {
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            "com.orbitalis.ulmo.bluetoothmanager",
+            "/com/orbitalis/ulmo/bluetoothmanager/bluetoothobj", QString(), "SetMute");
+        call << i;
+        client.asyncCall(call);
+    }
+    int answered = 0;
+    product.expect("the last reply", [&answered](const QJsonObject &entry) {
+        answered += VirtualProduct::fits(entry, VirtualProduct::message("reply", "SetMute"));
+        return answered == count;
+    });
+    int next = 0;
+    for (const QJsonObject &call : product.entries(VirtualProduct::message("call", "SetMute")))
+        QCOMPARE(call["arguments"].toArray(), QJsonArray {next++});
+    QCOMPARE(next, count);
+}
+
+void tst_launcher::typedArguments()
+{
+    VirtualProduct product(withoutService());
+    product.tell("spoof /org/bluez/x org.bluez.Device.Spoofed \"s:a text\" i:-1 u:4000000000 "
+                 "b:true o:/org/bluez as:one,two v:b:false v:as:");
+    const QJsonObject entry = product.expect(VirtualProduct::message("signal", "Spoofed"));
+    QCOMPARE(entry["signature"].toString(), QString("siuboasvv"));
+    QCOMPARE(entry["bus"].toString(), QString("system"));
+    QCOMPARE(entry["path"].toString(), QString("/org/bluez/x"));
+    QCOMPARE(entry["interface"].toString(), QString("org.bluez.Device"));
+    QCOMPARE(entry["arguments"].toArray(),
+             QJsonArray({"a text", -1, 4000000000.0, true, "/org/bluez", QJsonArray {"one", "two"},
+                         false, QJsonArray {}}));
+}
+
+void tst_launcher::faultySoundManager_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<QString>("answer"); // to StopPlay; empty: none before the service ends
+    QTest::newRow("works") << ""
+                           << "reply";
+    QTest::newRow("late") << "fault soundmanager delay=50"
+                          << "reply";
+    QTest::newRow("refuses") << "fault soundmanager refuse"
+                             << "error";
+    QTest::newRow("never") << "fault soundmanager never"
+                           << "";
+    QTest::newRow("absent") << "fault soundmanager absent"
+                            << "";
+    QTest::newRow("back") << "fault soundmanager absent\nfault clear soundmanager"
+                          << "reply";
+}
+
+void tst_launcher::faultySoundManager()
+{
+    QFETCH(QString, fault);
+    QFETCH(QString, answer);
+    VirtualProduct::Options options;
+    options.settings = {{"BLUETOOTH/bt-enable", 0}};
+    options.tell = fault.split('\n', Qt::SkipEmptyParts);
+    VirtualProduct product(options);
+    product.expectLog(4, "Bluetooth Manager running");
+    const int before = product.mark();
+    product.tell("platform suspend");
+    product.expect(VirtualProduct::message("signal", "DisconnectAudioDevice"));
+    if (!answer.isEmpty()) {
+        product.rewind(before); // the answer may be faster than the signal
+        product.expect(VirtualProduct::message(answer, "StopPlay"));
+        return;
+    }
+    const int from = product.mark();
+    QCOMPARE(product.call("GetStatus").size(), 4);
+    product.tell("service kill KILL");
+    product.serviceExit();
+    QVERIFY(product.entries(VirtualProduct::message("reply", "StopPlay"), from).isEmpty());
+    QVERIFY(product.entries(VirtualProduct::message("error", "StopPlay"), from).isEmpty());
+    QCOMPARE(product.entries(VirtualProduct::message("call", "StopPlay")).size(),
+             fault.endsWith("absent") ? 0 : 1);
+}
+
+void tst_launcher::loginManager()
+{
+    VirtualProduct::Options options;
+    options.settings = {{"BLUETOOTH/bt-enable", 0}};
+    options.tell = QStringList {"login start"};
+    VirtualProduct product(options);
+    product.expect(VirtualProduct::message("reply", "Inhibit"));
+    product.tell("login suspend");
+    product.expectLog(2, "[!] ULMO IS SUSPENDING");
+    product.expect({{"kind", "machine"}, {"text", "an inhibitor is released"}});
+    product.expect({{"kind", "machine"}, {"text", "the machine sleeps"}});
+    product.tell("login resume");
+    product.expect(VirtualProduct::message("reply", "Inhibit"));
+    product.tell("login reboot");
+    product.expectLog(2, "[!] ULMO IS REBOOTING: save status");
+    product.expect({{"kind", "machine"}, {"text", "the machine goes down"}});
+}
+
+SCENARIO_MAIN(tst_launcher)
+
+#include "tst_launcher.moc"
