@@ -4,6 +4,7 @@
 #include <QtCore/QRegExp>
 #include <QtCore/QTimer>
 #include <QtDBus/QDBusConnection>
+#include <QtDBus/QDBusConnectionInterface>
 #include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusPendingCallWatcher>
 #include <QtDBus/QDBusPendingReply>
@@ -28,6 +29,8 @@ const char BluezService[] = "org.bluez";
 const char DeviceInterface[] = "org.bluez.Device";
 const char AudioSourceInterface[] = "org.bluez.AudioSource";
 const char PropertyChanged[] = "PropertyChanged";
+/** Asked for by its types: QtDBus aborts the process over a signal whose text is no text. */
+const char PropertyTypes[] = "sv";
 const char *const DeviceSlot = SLOT(DevicePropertyChanged(QString, QDBusVariant));
 const char *const AudioSourceSlot = SLOT(AudioSourcePropertyChanged(QString, QDBusVariant));
 const char DefaultPid[] = "7351";
@@ -343,13 +346,14 @@ void BluetoothManager::serviceBluezRegistered(const QString &name)
                SLOT(serviceBluezRegistered(QString)));
 
     QDBusConnection systemBus = QDBusConnection::systemBus();
-    if (!systemBus.connect(BluezService, "", DeviceInterface, PropertyChanged, this, DeviceSlot)) {
+    if (!systemBus.connect(BluezService, "", DeviceInterface, PropertyChanged, PropertyTypes, this,
+                           DeviceSlot)) {
         LOG_LINE(LogWarning, "error connecting to PropertyChanged of bluez Device");
         takeDown();
         return;
     }
-    if (!systemBus.connect(BluezService, "", AudioSourceInterface, PropertyChanged, this,
-                           AudioSourceSlot)) {
+    if (!systemBus.connect(BluezService, "", AudioSourceInterface, PropertyChanged, PropertyTypes,
+                           this, AudioSourceSlot)) {
         LOG_LINE(LogWarning, "error connecting to PropertyChanged of bluez AudioSource");
         takeDown();
         return;
@@ -422,9 +426,10 @@ void BluetoothManager::forceSyncDown(bool restart)
     LOG_LINE(LogInformation, "forceSyncDown");
 
     QDBusConnection systemBus = QDBusConnection::systemBus();
-    systemBus.disconnect(BluezService, "", DeviceInterface, PropertyChanged, this, DeviceSlot);
-    systemBus.disconnect(BluezService, "", AudioSourceInterface, PropertyChanged, this,
-                         AudioSourceSlot);
+    systemBus.disconnect(BluezService, "", DeviceInterface, PropertyChanged, PropertyTypes, this,
+                         DeviceSlot);
+    systemBus.disconnect(BluezService, "", AudioSourceInterface, PropertyChanged, PropertyTypes,
+                         this, AudioSourceSlot);
     discardAudioSourceState();
     discardTimer(m_noPlayTimer);
     discardLater(m_startPlayerWatcher);
@@ -549,10 +554,20 @@ bool BluetoothManager::cameFromSignal(const char *slot, const QString &name,
     return true;
 }
 
+bool BluetoothManager::cameFromPresentBluez() const
+{
+    // A daemon's last signals may still be queued when its successor runs (Qt 5 matches a signal
+    // as it arrives, not as it is delivered). A device of a daemon that is gone never leaves again:
+    // taken for the tracked one, it would keep every phone out.
+    return message().service()
+        == QDBusConnection::systemBus().interface()->serviceOwner(BluezService).value();
+}
+
 void BluetoothManager::DevicePropertyChanged(const QString &name, const QDBusVariant &value)
 {
     const QString text = value.variant().toString();
-    if (!cameFromSignal("DevicePropertyChanged", name, text) || name != "Connected")
+    if (!cameFromSignal("DevicePropertyChanged", name, text) || name != "Connected"
+        || !cameFromPresentBluez())
         return;
     const QString devicePath = message().path();
 
@@ -578,7 +593,8 @@ void BluetoothManager::DevicePropertyChanged(const QString &name, const QDBusVar
 void BluetoothManager::AudioSourcePropertyChanged(const QString &name, const QDBusVariant &value)
 {
     const QString state = value.variant().toString();
-    if (!cameFromSignal("AudioSourcePropertyChanged", name, state) || name != "State")
+    if (!cameFromSignal("AudioSourcePropertyChanged", name, state) || name != "State"
+        || !cameFromPresentBluez())
         return;
     const QString devicePath = message().path();
 

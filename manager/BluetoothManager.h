@@ -115,6 +115,7 @@ private:
 
     // Source connection policy
     bool cameFromSignal(const char *slot, const QString &name, const QString &value) const;
+    bool cameFromPresentBluez() const;
     bool isAnotherHeld(const QString &devicePath) const;
     void playSource(const QString &devicePath, const QString &state);
     void remakeConnection(const QString &devicePath);

@@ -131,7 +131,7 @@ int follow(Hub &hub)
 }
 
 /// Lines from standard input, one after the other. At a terminal a refused one is no failure.
-int converse(Hub &hub)
+int converse(Hub &hub, bool inside)
 {
     const bool atTerminal = isatty(STDIN_FILENO);
     bool allDone = true;
@@ -166,6 +166,9 @@ int converse(Hub &hub)
         for (int end = input.indexOf('\n'); end >= 0; end = input.indexOf('\n')) {
             const QString line = QString::fromUtf8(input.left(end)).trimmed();
             input.remove(0, end + 1);
+            // Inside, the product ends with the program that it runs, which knows its exit status.
+            if (line == "quit" && inside)
+                return atTerminal || allDone ? 0 : 1;
             if (line == "follow" || line == "unfollow")
                 hub.send({{"follow", line == "follow"}});
             else if (!line.isEmpty() && !line.startsWith('#'))
@@ -182,6 +185,7 @@ int controlMain(int argc, char **argv)
     for (int i = 1; i < argc; ++i)
         words.append(QString::fromLocal8Bit(argv[i]));
     QByteArray socket = "/run/product/hub";
+    bool inside = true;
     if (words.value(0) == "--out" && words.size() > 1) {
         // The path of a socket has to be short; the way to it need not.
         if (chdir(words.at(1).toLocal8Bit()) != 0) {
@@ -189,6 +193,7 @@ int controlMain(int argc, char **argv)
             return 1;
         }
         socket = "hub";
+        inside = false;
         words = words.mid(2);
     }
     if (words.value(0).startsWith("--") && words != QStringList {"--follow"}) {
@@ -205,5 +210,5 @@ int controlMain(int argc, char **argv)
         return follow(hub);
     if (!words.isEmpty())
         return tell(hub, words.join(' ')) ? 0 : 1;
-    return converse(hub);
+    return converse(hub, inside);
 }

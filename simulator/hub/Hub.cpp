@@ -448,4 +448,7 @@ void Hub::ended(Program *program)
     m_bluetoothd.detach(program);
     if (program->name() == "pulseaudio")
         m_soundPath.setServerReady(false);
+    // A daemon that was killed could not tell that the phone's stream went with it.
+    if (program->name() == "bluetoothd")
+        m_soundPath.phoneEvent({{"state", "stream-closed"}});
 }

@@ -17,6 +17,7 @@ namespace {
 
 const char Folder[] = "/run/product/out";
 const char Build[] = "/run/product/build";
+const int CommandEndTimeoutMs = 2000;
 
 /// The value of an environment variable that is meant for the hub alone, taken away.
 QString takeVariable(const char *name)
@@ -71,6 +72,12 @@ void runCommand(Hub &hub, const QString &command)
                      [&hub](int code, QProcess::ExitStatus status) {
                          hub.quit(status == QProcess::CrashExit ? 128 + code : code);
                      });
+    // Where the product is told to end first, the command ends with it.
+    QObject::connect(qApp, &QCoreApplication::aboutToQuit, process, [process] {
+        process->disconnect();
+        process->terminate();
+        process->waitForFinished(CommandEndTimeoutMs);
+    });
     process->start("bash", {"-c", "exec " + command});
 }
 

@@ -11,7 +11,7 @@ foreach(row IN LISTS rows)
     # A row is printed as "CLASS FUNCTION TAG", without a tag for a function without a table.
     string(REGEX MATCH "^[^ ]+ ([^ ]+) ?(.*)$" row "${row}")
     set(selection "${CMAKE_MATCH_1}")
-    if(CMAKE_MATCH_2)
+    if(NOT "${CMAKE_MATCH_2}" STREQUAL "")
         string(APPEND selection ":${CMAKE_MATCH_2}")
     endif()
     string(APPEND text "add_test([==[${NAME}.${selection}]==] [==[${PROGRAM}]==] "

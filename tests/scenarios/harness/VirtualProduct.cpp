@@ -69,6 +69,14 @@ VirtualProduct::VirtualProduct(Place place)
 
 VirtualProduct::~VirtualProduct()
 {
+#ifdef __SANITIZE_ADDRESS__
+    // Leaks are looked for at an orderly end.
+    m_launcher->terminate();
+    m_launcher->waitForFinished(GenerousMs);
+#endif
+    const QStringList reports = QDir(folder()).entryList({"sanitizer.*"});
+    if (!reports.isEmpty())
+        QTest::qFail(qPrintable("a sanitizer reports: " + reports.join(' ')), __FILE__, __LINE__);
     if (QTest::currentTestFailed()) {
         m_failed = true;
         printTail();
@@ -115,6 +123,14 @@ void VirtualProduct::start(const Options &options, const Place &place)
         arguments << "--env" << variable;
     for (const QString &line : options.tell)
         arguments << "--tell" << line;
+    // The programs inside have their standard error elsewhere or nowhere.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    const QString reports = ":log_path=/run/product/out/sanitizer";
+    environment.insert("UBSAN_OPTIONS", environment.value("UBSAN_OPTIONS") + reports);
+    // Programs are told to crash, and then have to end by that signal.
+    environment.insert("ASAN_OPTIONS",
+                       environment.value("ASAN_OPTIONS") + reports + ":handle_segv=0");
+    m_launcher->setProcessEnvironment(environment);
     m_launcher->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_launcher->start(launcher(), arguments);
     while (!m_launcher->canReadLine()) {

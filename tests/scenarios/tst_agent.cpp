@@ -1,0 +1,189 @@
+// The pairing agent: how it is started, and that it is started again whenever it has gone.
+
+#include "Steps.h"
+#include "VirtualProduct.h"
+
+#include <QCoreApplication>
+#include <QTest>
+
+class tst_agent : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void arguments_data();
+    void arguments();
+    void ends_data();
+    void ends();
+    void endsAgainAndAgain();
+    void missingForAWhile();
+    void retryWhileOff();
+    void retryLeftOver();
+};
+
+namespace {
+
+/// A retry comes after 10 s.
+bool isRetryDelay(const QJsonObject &failed, const QJsonObject &next)
+{
+    const double delay = Steps::secondsBetween(failed, next);
+    return delay > 9.4 && delay < 14;
+}
+
+/// Has the agent of a stack that is on go, so that it cannot come back.
+QJsonObject takeAgentAway(VirtualProduct &product)
+{
+    Steps::waitUntilOn(product);
+    product.tell("fault agent missing");
+    product.tell("kill agent");
+    product.expectLog(4, "agent down 9 crash");
+    product.expectLog(2, "error starting agent");
+    return product.expectLog(2, "not possible to restart agent");
+}
+
+} // namespace
+
+void tst_agent::arguments_data()
+{
+    QTest::addColumn<QString>("pin");
+    QTest::newRow("the standard PIN") << "7351";
+    QTest::newRow("zeros") << "0000";
+    QTest::newRow("digits of another script") << "\u0661\u0662\u0663\u0664";
+}
+
+void tst_agent::arguments()
+{
+    QFETCH(QString, pin);
+    VirtualProduct::Options options = Steps::adapterAtOnce();
+    options.environment.append("ULMO_BT_PID=" + pin);
+    VirtualProduct product(options);
+    product.expectLog(4,
+                      "start agent agent with parameters --path /org/bluez/agent --delay 1 "
+                      "--capabilites NoInputNoOutput "
+                          + pin);
+    const QJsonObject agent = product.expect({{"kind", "start"}, {"program", "agent"}});
+    QCOMPARE(agent.value("arguments").toArray(),
+             QJsonArray({"--path", "/org/bluez/agent", "--delay", "1", "--capabilites",
+                         "NoInputNoOutput", pin}));
+}
+
+void tst_agent::ends_data()
+{
+    QTest::addColumn<QString>("fault"); // of its first start; none when it is to register
+    QTest::addColumn<QString>("signal"); // sent when it has registered
+    QTest::addColumn<QString>("told");
+    QTest::newRow("status 0") << "exit=0" << QString() << "0 normal";
+    QTest::newRow("status 5") << "exit=5" << QString() << "5 normal";
+    QTest::newRow("crash") << "crash" << QString() << "11 crash";
+    QTest::newRow("asked to end later") << QString() << "TERM"
+                                        << "0 normal";
+    QTest::newRow("killed later") << QString() << "KILL"
+                                  << "9 crash";
+}
+
+/// Another one is there at once, and the stack stays on.
+void tst_agent::ends()
+{
+    QFETCH(QString, fault);
+    QFETCH(QString, signal);
+    QFETCH(QString, told);
+    VirtualProduct::Options options = Steps::adapterAtOnce();
+    if (!fault.isEmpty())
+        options.tell.append("fault agent " + fault + " times=1");
+    VirtualProduct product(options);
+    if (!signal.isEmpty()) {
+        Steps::waitUntilOn(product);
+        product.tell("kill agent " + signal);
+    }
+    const QJsonObject down = product.expectLog(4, "agent down " + told);
+    const QJsonObject again = product.expectLog(4, "start agent agent with parameters *");
+    QVERIFY(Steps::secondsBetween(down, again) < 3);
+    product.expectLog(2, "restart agent ok");
+    const QStringList steps = Steps::steps(product);
+    const int from = steps.indexOf("4 agent down " + told);
+    QCOMPARE(steps.mid(from),
+             QStringList({"4 agent down " + told, "$ hciconfig hci0 noscan"}) + Steps::agentSteps()
+                 + QStringList {"2 restart agent ok"});
+    product.rewind(0);
+    product.expectLog(4, "agent down " + told);
+    product.expect(VirtualProduct::message("reply", "RegisterAgent"));
+    QCOMPARE(product.call("GetStatus"), QJsonArray({0, true, true, "7351"}));
+    QCOMPARE(Steps::serviceSignals(product), QStringList {"BluetoothOn(true)"});
+}
+
+void tst_agent::endsAgainAndAgain()
+{
+    VirtualProduct::Options options = Steps::adapterAtOnce();
+    options.tell.append("fault agent exit=1 times=12");
+    VirtualProduct product(options);
+    for (int i = 0; i < 12; ++i) {
+        product.expectLog(4, "agent down 1 normal");
+        product.expectLog(2, "restart agent ok");
+    }
+    // Only the last one has registered, maybe before the service said that it runs.
+    product.rewind(0);
+    product.expect(VirtualProduct::message("reply", "RegisterAgent"));
+    QCOMPARE(product.call("GetStatus"), QJsonArray({0, true, true, "7351"}));
+}
+
+/// It is tried every 10 s, and the stack stays on meanwhile.
+void tst_agent::missingForAWhile()
+{
+    VirtualProduct product(Steps::adapterAtOnce());
+    QJsonObject failed = takeAgentAway(product);
+    product.expectLog(4, "start agent agent with parameters *");
+    product.expectLog(2, "error starting agent");
+    const QJsonObject failedAgain = product.expectLog(2, "not possible to restart agent");
+    QVERIFY(isRetryDelay(failed, failedAgain));
+    QCOMPARE(product.call("GetStatus"), QJsonArray({0, true, true, "7351"}));
+
+    product.tell("fault clear agent");
+    const int from = product.mark();
+    const QJsonObject back = product.expectLog(2, "restart agent ok");
+    QVERIFY(isRetryDelay(failedAgain, back));
+    QCOMPARE(Steps::steps(product, from), Steps::agentSteps() + QStringList {"2 restart agent ok"});
+    product.rewind(from);
+    product.expect(VirtualProduct::message("reply", "RegisterAgent"));
+    QCOMPARE(Steps::serviceSignals(product), QStringList {"BluetoothOn(true)"});
+}
+
+/// Switching off does not end the attempts.
+void tst_agent::retryWhileOff()
+{
+    VirtualProduct product(Steps::adapterAtOnce());
+    const QJsonObject failed = takeAgentAway(product);
+    product.call("SetEnabled", {"b:false"});
+    product.tell("fault clear agent");
+    product.tell("fault agent hang");
+    const int from = product.mark();
+    const QJsonObject back = product.expectLog(2, "restart agent ok");
+    QVERIFY(isRetryDelay(failed, back));
+    QCOMPARE(Steps::steps(product, from), Steps::agentSteps() + QStringList {"2 restart agent ok"});
+    QCOMPARE(product.call("GetStatus"), QJsonArray({0, false, false, "7351"}));
+    product.tell("service stop");
+    Steps::expectNothingLeft(product);
+}
+
+/// A retry that is still to come is forgotten when the stack comes up anew.
+void tst_agent::retryLeftOver()
+{
+    VirtualProduct product(Steps::adapterAtOnce());
+    takeAgentAway(product);
+    product.call("SetEnabled", {"b:false"});
+    product.tell("fault clear agent");
+    const int from = product.mark();
+    product.call("SetEnabled", {"b:true"});
+    Steps::waitUntilOn(product);
+    QStringList steps = Steps::steps(product, from);
+    steps = steps.mid(steps.indexOf("4 startStartupSequence requested"));
+    const QString started = "4 bluez started and wait registration";
+    QCOMPARE(steps,
+             Steps::changed(
+                 Steps::bringUpSteps(),
+                 {{started,
+                   {started, "4 startStartupSequence programming error timer already active"}}}));
+}
+
+SCENARIO_MAIN(tst_agent)
+
+#include "tst_agent.moc"

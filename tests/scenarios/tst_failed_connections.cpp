@@ -1,0 +1,151 @@
+// BlueZ cannot do what the unit asks for a phone: a phone that cannot be connected is forgotten, a
+// phone that cannot be disconnected does not hold the unit, and the rest is only logged.
+
+#include "Road.h"
+
+#include <QCoreApplication>
+#include <QTest>
+
+class tst_failed_connections : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void connectFails_data();
+    void connectFails();
+    void disconnectFails();
+    void disconnectFailsInReconnect();
+    void trustFails_data();
+    void trustFails();
+};
+
+namespace {
+
+const char NotDisconnected[] = "2 disconnectDevice {anna} error disconnectiong ";
+
+} // namespace
+
+void tst_failed_connections::connectFails_data()
+{
+    QTest::addColumn<QStringList>("lines");
+    QTest::newRow("refused by BlueZ") << QStringList {"fault bluez:AudioSource.Connect error"};
+    QTest::newRow("already in progress")
+        << QStringList {"fault bluez:AudioSource.Connect error=InProgress"};
+    QTest::newRow("BlueZ still holds the dead session") << QStringList {"race 1"};
+    QTest::newRow("the phone closes the channel") << QStringList {"phone anna refuse"};
+    QTest::newRow("the phone rejects the stream") << QStringList {"phone anna reject"};
+    QTest::newRow("the phone does not answer") << QStringList {"phone anna ignore"};
+    QTest::newRow("the phone closes the channel, hci")
+        << QStringList {"backend hci", "phone anna refuse"};
+}
+
+void tst_failed_connections::connectFails()
+{
+    QFETCH(QStringList, lines);
+    Road road;
+    road.meet("anna");
+    for (const QString &line : lines)
+        road.tell(line);
+    const int from = road.mark();
+    road.tell("phone anna connect");
+    road.awaitAll(from,
+                  Road::madeAgain() + QStringList {"2 connectAudioSource {anna} error Connect"}
+                      + Road::forgotten());
+    const QString path = road.path("anna");
+    road.rewind(from);
+    road.expect({{"member", "DeviceRemoved"}, {"arguments", QJsonArray {path}}});
+    road.settle();
+    QCOMPARE(road.deeds(from, {"& "}), QStringList());
+
+    road.tell("fault clear");
+    road.tell("phone anna accept");
+    road.tell("phone anna forget");
+    const int again = road.mark();
+    road.stream();
+    road.rewind(again);
+    road.expect(VirtualProduct::message("reply", "RequestPinCode"));
+}
+
+void tst_failed_connections::disconnectFails()
+{
+    Road road;
+    road.bring("streaming");
+    road.tell("fault bluez:Device.Disconnect error");
+    int from = road.mark();
+    QCOMPARE(road.call("DisconnectDevice"), QJsonArray {0});
+    road.awaitAll(from, QStringList {"4 Disconnect {anna}", NotDisconnected} + Road::gone());
+
+    // What it still does is of no interest: it is not connected any more.
+    from = road.settle();
+    road.tell("phone anna play");
+    road.tell("phone anna pause");
+    road.settle();
+    QCOMPARE(road.deeds(from), QStringList());
+    QCOMPARE(road.call("DisconnectDevice"), QJsonArray {1});
+
+    road.tell("fault clear");
+    from = road.mark();
+    road.tell("phone anna leave");
+    road.awaitAll(from, {"4 Device {anna} DISCONNECT"});
+    road.settle();
+    QCOMPARE(road.deeds(from), QStringList {"4 Device {anna} DISCONNECT"});
+    road.stream();
+}
+
+void tst_failed_connections::disconnectFailsInReconnect()
+{
+    Road road;
+    road.meet("anna");
+    road.tell("fault bluez:Device.Disconnect error");
+    road.tell("fault bluez:AudioSource.Connect error=AlreadyConnected");
+    const int from = road.mark();
+    road.tell("phone anna connect");
+    QStringList steps = Road::madeAgain();
+    steps.insert(2, NotDisconnected);
+    road.awaitAll(from,
+                  steps + QStringList {"2 connectAudioSource {anna} error Connect"}
+                      + Road::forgotten());
+}
+
+void tst_failed_connections::trustFails_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<QString>("traits");
+    QTest::addColumn<QStringList>("logs");
+    QTest::newRow("cannot be trusted") << "fault bluez:Device.SetProperty error"
+                                       << "known"
+                                       << QStringList {"2 trust for {anna} is false",
+                                                       "4 load timer for reconnect",
+                                                       "4 trust {anna} true",
+                                                       "2 error trusting {anna}",
+                                                       "4 reconnect",
+                                                       "4 connection coming from ulmo",
+                                                       "4 trust {anna} true",
+                                                       "2 error trusting {anna}"};
+    QTest::newRow("cannot be asked")
+        << "fault bluez:Device.GetProperties error"
+        << "trusted"
+        << QStringList {"4 IsTrustDevice {anna}", "2 error reading trust for {anna}",
+                        "4 load timer for reconnect", "4 trust {anna} true", "4 reconnect"};
+    QTest::newRow("is not known to BlueZ")
+        << "fault bluez:Device.GetProperties error=DoesNotExist"
+        << "trusted"
+        << QStringList {"2 error reading trust for {anna}", "4 load timer for reconnect"};
+}
+
+void tst_failed_connections::trustFails()
+{
+    QFETCH(QString, fault);
+    QFETCH(QString, traits);
+    QFETCH(QStringList, logs);
+    Road road;
+    road.meet("anna", traits);
+    road.tell(fault);
+    const int from = road.mark();
+    road.stream();
+    road.awaitAll(from, logs);
+}
+
+SCENARIO_MAIN(tst_failed_connections)
+
+#include "tst_failed_connections.moc"

@@ -1,0 +1,184 @@
+// A phone goes away, in whatever state it is and however it goes: the sound ends, nothing that was
+// under way goes on, and the phone can come again.
+
+#include "Road.h"
+
+#include <QCoreApplication>
+#include <QTest>
+
+class tst_phone_leaves : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void soundEnds_data();
+    void soundEnds();
+    void reconnectStillRuns_data();
+    void reconnectStillRuns();
+    void isLostInReconnect();
+    void trailingState_data();
+    void trailingState();
+};
+
+void tst_phone_leaves::soundEnds_data()
+{
+    QTest::addColumn<QString>("backend");
+    QTest::addColumn<QString>("state");
+    QTest::addColumn<QString>("verb");
+    QTest::newRow("server not ready, leaves") << "mgmt"
+                                              << "polling"
+                                              << "leave";
+    QTest::newRow("server not ready, out of range") << "mgmt"
+                                                    << "polling"
+                                                    << "out-of-range";
+    QTest::newRow("source not ready, leaves") << "mgmt"
+                                              << "linking"
+                                              << "leave";
+    QTest::newRow("source not ready, drops the link") << "hci other"
+                                                      << "linking"
+                                                      << "drop";
+    QTest::newRow("silent, leaves") << "mgmt"
+                                    << "streaming"
+                                    << "leave";
+    QTest::newRow("silent, out of range") << "mgmt"
+                                          << "streaming"
+                                          << "out-of-range";
+    QTest::newRow("silent, drops the link, hci") << "hci"
+                                                 << "streaming"
+                                                 << "drop";
+    QTest::newRow("plays, leaves") << "hci"
+                                   << "playing"
+                                   << "leave";
+    QTest::newRow("plays, out of range") << "mgmt"
+                                         << "playing"
+                                         << "out-of-range";
+    QTest::newRow("plays, drops the link, hci other") << "hci other"
+                                                      << "playing"
+                                                      << "drop";
+}
+
+void tst_phone_leaves::soundEnds()
+{
+    QFETCH(QString, backend);
+    QFETCH(QString, state);
+    QFETCH(QString, verb);
+    Road road;
+    road.bring(state);
+    road.tell("backend " + backend);
+    const int from = road.mark();
+    road.tell("phone anna " + verb);
+    QStringList steps = Road::gone();
+    if (state == "polling" || state == "linking")
+        steps.insert(2, "4 there is step to start pulseaudio running");
+    road.awaitAll(from, steps);
+    road.rewind(from);
+    road.expect({{"kind", "end"}, {"program", "pulseaudio"}});
+    const int left = road.settle();
+    QCOMPARE(road.deeds(from, {"> "}), QStringList());
+    QCOMPARE(road.deeds(from, {"@ "}),
+             QStringList({"@ StopPlay bluetooth ''", "@ DisconnectAudioDevice"}));
+
+    road.tell("fault clear");
+    road.tell("phone anna in-range");
+    road.stream();
+    road.awaitAll(left, Road::ownConnection() + Road::playback());
+    const QStringList again = road.deeds(left, {"4 try to start pulseaudio", "$ "});
+    QCOMPARE(again.first(), QString("4 try to start pulseaudio for {anna}"));
+}
+
+void tst_phone_leaves::reconnectStillRuns_data()
+{
+    QTest::addColumn<QString>("verb");
+    QTest::addColumn<QStringList>("outcome");
+    QTest::newRow("leaves and can be reached")
+        << "leave" << Road::ownConnection() + Road::playback();
+    QTest::newRow("out of range") << "out-of-range"
+                                  << QStringList {"2 connectAudioSource {anna} error Connect"}
+            + Road::forgotten();
+}
+
+void tst_phone_leaves::reconnectStillRuns()
+{
+    QFETCH(QString, verb);
+    QFETCH(QStringList, outcome);
+    Road road(Road::acceptedFor(1500));
+    road.bring("accepted");
+    const int from = road.mark();
+    road.tell("phone anna " + verb);
+    road.awaitAll(
+        from,
+        QStringList {
+            "4 Device {anna} DISCONNECT", "4 Device {anna} DISCONNECTED SO STOP PULSEAUDIO",
+            "4 reconnect", "4 Disconnect {anna}", "2 disconnectDevice {anna} error disconnectiong ",
+            "4 connectAudioSource {anna}", "> Device.Disconnect {anna}",
+            "> AudioSource.Connect {anna}", "@ StopPlay bluetooth ''", "@ DisconnectAudioDevice"}
+            + outcome);
+}
+
+void tst_phone_leaves::isLostInReconnect()
+{
+    Road road;
+    road.tell("timescale 0.4");
+    road.meet("anna");
+    const int from = road.mark();
+    road.tell("phone anna connect");
+    road.await("> Device.Disconnect {anna}"); // which takes 2 s of BlueZ's
+    road.tell("phone anna out-of-range");
+    road.awaitAll(from,
+                  Road::madeAgain() + QStringList {"2 connectAudioSource {anna} error Connect"}
+                      + Road::forgotten());
+    road.expect(VirtualProduct::message("signal", "DeviceRemoved"));
+    road.tell("phone anna in-range");
+    road.tell("phone anna forget");
+    road.tell("timescale 0.05");
+    road.stream(); // after pairing again
+}
+
+void tst_phone_leaves::trailingState_data()
+{
+    QTest::addColumn<QString>("backend");
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<bool>("trails"); // "disconnected" comes after Connected = false
+    QTest::newRow("leaves") << "mgmt"
+                            << "phone anna leave" << false;
+    QTest::newRow("drops the link") << "mgmt"
+                                    << "phone anna drop" << true;
+    QTest::newRow("drops the link, hci") << "hci"
+                                         << "phone anna drop" << true;
+    QTest::newRow("drops the link, hci other") << "hci other"
+                                               << "phone anna drop" << false;
+    QTest::newRow("is disconnected") << "mgmt"
+                                     << "disconnect" << true;
+    QTest::newRow("is disconnected, hci other") << "hci other"
+                                                << "disconnect" << true;
+}
+
+/// The unit hears once more of a phone that it has forgotten already, and waits for that one.
+void tst_phone_leaves::trailingState()
+{
+    QFETCH(QString, backend);
+    QFETCH(QString, line);
+    QFETCH(bool, trails);
+    Road road;
+    road.bring("streaming");
+    road.tell("backend " + backend);
+    road.meet("berta", "known");
+    int from = road.mark();
+    road.tell(line);
+    road.awaitAll(from, Road::gone());
+    road.rewind(from);
+    road.expect({{"path", road.path("anna")}, {"arguments", QJsonArray {"State", "disconnected"}}});
+    from = road.settle();
+    road.tell("phone berta connect-acl");
+    road.await(trails ? "4 DevicePropertyChanged but not for me, disconnect !!"
+                      : "4 Device {berta} CONNECTED AND ACCEPTED");
+    if (!trails)
+        return;
+    road.await("> Device.Disconnect {berta}");
+    road.awaitPhone(from, "berta", "link-down");
+    road.stream();
+}
+
+SCENARIO_MAIN(tst_phone_leaves)
+
+#include "tst_phone_leaves.moc"
