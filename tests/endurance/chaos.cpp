@@ -1,0 +1,418 @@
+#include "Road.h"
+#include "Run.h"
+#include "Steps.h"
+#include "Watch.h"
+
+#include <QElapsedTimer>
+#include <QTest>
+#include <QThread>
+
+#include <cstdio>
+
+namespace {
+
+/// The longest that the service may be busy with what its surroundings do to it here.
+const qint64 BlockingMs = 35000;
+const int StepsBetweenRecoveries = 40;
+
+/// The settings file of a product, which can become unusable and come back.
+class Settings
+{
+public:
+    explicit Settings(VirtualProduct &product) : m_folder(product.folder() + '/')
+    {
+        QFile file(m_folder + "settings.ini");
+        file.open(QIODevice::ReadOnly);
+        write(Kept, "# by hand\n[OTHER]\nkept=yes\n" + file.readAll());
+        choose("whole");
+    }
+
+    /// "whole", "full" (can be read, but takes no new content) or "broken" (cannot be read).
+    void choose(const QString &state)
+    {
+        if (state == "full") {
+            QFile file(m_folder + Kept);
+            file.open(QIODevice::ReadOnly);
+            write(longName(), file.readAll());
+        }
+        const QString target = state == "whole" ? Kept : state == "full" ? longName() : ".";
+        const QString link = m_folder + "settings.link";
+        QFile::link(target, link);
+        // Replaces what is there at once, which QFile would not do.
+        if (std::rename(qPrintable(link), qPrintable(m_folder + "settings.ini")) != 0)
+            qFatal("cannot replace the settings file");
+    }
+
+    /// What is wrong with the file, where \p saved was written to it last.
+    QString check(const QMap<QString, QString> &saved) const
+    {
+        QFile file(m_folder + Kept);
+        file.open(QIODevice::ReadOnly);
+        const QByteArray content = file.readAll();
+        if (!content.startsWith("# by hand\n") || !content.contains("[OTHER]\nkept=yes\n"))
+            return "the settings file has lost what others wrote: " + content;
+        for (auto key = saved.begin(); key != saved.end(); ++key) {
+            const QString line = key.key().section('/', 1) + '=' + key.value() + '\n';
+            if (!content.contains('\n' + line.toUtf8()))
+                return "the settings file does not hold " + line + content;
+        }
+        return QString();
+    }
+
+private:
+    static constexpr const char *Kept = "kept.ini";
+
+    /// A name so long that no temporary file beside it can have a longer one.
+    static QString longName() { return QString(250, 'x'); }
+
+    void write(const QString &name, const QByteArray &content)
+    {
+        QFile file(m_folder + name);
+        if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+            qFatal("cannot write the settings");
+    }
+
+    QString m_folder;
+};
+
+VirtualProduct::Options stopped()
+{
+    VirtualProduct::Options options;
+    options.startService = false;
+    return options;
+}
+
+QString fourDigits(Run &run)
+{
+    return QString::number(run.below(10000)).rightJustified(4, '0');
+}
+
+} // namespace
+
+/**
+ * The product's surroundings go mad, and the service goes on. Each step is a line of control; which
+ * ones come depends on the seed alone.
+ */
+class Chaos : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Chaos(Run &run) : m_run(run) { }
+
+private slots:
+    void servesOn();
+
+private:
+    /// The next step; several lines where the first calls for the others.
+    QStringList nextStep();
+    QStringList phoneStep();
+    QStringList callStep();
+    QStringList programFault();
+    QStringList bluezFault();
+    QStringList serviceStep();
+    void carryOut(const QString &line);
+    void awaitRunning();
+    void check();
+    void recover();
+    void waitUntilOn();
+    void waitUntilAlone();
+    void waitForAgent();
+    void playNext();
+
+    Run &m_run;
+    Road *m_product = nullptr;
+    Watch *m_watch = nullptr;
+    Settings *m_settings = nullptr;
+    int m_guests = 0;
+};
+
+QStringList Chaos::nextStep()
+{
+    const int choice = m_run.below(100);
+    if (choice < 40)
+        return phoneStep();
+    if (choice < 58)
+        return callStep();
+    if (choice < 68)
+        return programFault();
+    if (choice < 76)
+        return bluezFault();
+    if (choice < 82)
+        return {"kill " + m_run.oneOf({"bluetoothd", "agent", "pulseaudio", "pulseaudio"}) + ' '
+                + m_run.oneOf({"KILL", "TERM", "SEGV"})};
+    if (choice < 85)
+        return {"fault soundmanager " + m_run.oneOf({"absent", "refuse", "delay=300", "never"})};
+    if (choice < 91)
+        return {"fault clear"};
+    if (choice < 95)
+        return {"platform " + m_run.oneOf({"suspend", "shutdown", "reboot", "shutdown restore"})};
+    if (choice < 98)
+        return {"settings " + m_run.oneOf({"whole", "full", "broken"})};
+    return serviceStep();
+}
+
+QStringList Chaos::phoneStep()
+{
+    const QString name = m_run.oneOf({"anna", "anna", "berta", "carla"});
+    if (m_run.onceIn(8))
+        return {"phone add " + name + " address=00:1A:7D:DA:71:" + Road::Phones.value(name) + ' '
+                + m_run.oneOf({"", "known", "trusted"})};
+    const QString verb = m_run.oneOf(
+        {"connect", "connect",      "connect", "connect", "play",   "play",   "pause",
+         "leave",   "leave",        "drop",    "pair",    "accept", "accept", "connect-acl",
+         "refuse",  "out-of-range", "reject",  "ignore",  "forget", "answer-late 200",
+         "close",   "in-range",     "in-range"});
+    return {"phone " + name + ' ' + verb};
+}
+
+QStringList Chaos::callStep()
+{
+    const QString number = QString::number(m_run.below(300) - 100);
+    const QStringList calls {"SetEnabled b:true",
+                             "SetEnabled b:true",
+                             "SetEnabled b:false",
+                             "SetVolume i:" + number,
+                             "SetVolume i:" + number,
+                             "SetMute i:" + number,
+                             "SetMute i:1",
+                             "SetPid s:" + fourDigits(m_run),
+                             "SetPid s:12a4",
+                             "SetPid \"s:\"",
+                             "DisconnectDevice",
+                             "RemoveDevice s:00:1A:7D:DA:71:13",
+                             "RemoveDevice \"s:no address\"",
+                             "RemoveAllDevices",
+                             "GetStatus",
+                             "SetEnabled s:true",
+                             "SetVolume",
+                             "Explode i:" + number};
+    return {"call " + m_run.oneOf(calls)};
+}
+
+QStringList Chaos::programFault()
+{
+    const QString times = " times=" + QString::number(1 + m_run.below(3));
+    const QStringList lines {"fault agent exit=1" + times,
+                             "fault agent crash" + times,
+                             "fault agent ignore-term" + times,
+                             "fault agent hang" + times,
+                             "fault agent missing",
+                             "fault bluetoothd exit=1" + times,
+                             "fault bluetoothd crash" + times,
+                             "fault bluetoothd ignore-term" + times,
+                             "fault bluetoothd delay=300" + times,
+                             "fault bluetoothd missing",
+                             "fault pulseaudio exit=1" + times,
+                             "fault pulseaudio crash" + times,
+                             "fault pulseaudio ignore-term" + times,
+                             "fault pulseaudio hang" + times,
+                             "fault pulseaudio missing",
+                             "fault hciconfig exit=1" + times,
+                             "fault hciconfig delay=200" + times,
+                             "fault sdptool missing",
+                             "fault pactl:stat exit=1" + times,
+                             "fault pactl:loopback exit=1" + times,
+                             "fault pactl:loopback exit=1",
+                             "fault pactl:set crash" + times,
+                             "fault pactl missing",
+                             "fault modprobe delay=200" + times};
+    // Takes the 15 s for which the service waits for the daemon.
+    if (m_run.isLong() && m_run.onceIn(10))
+        return {"fault bluetoothd hang times=1", "kill bluetoothd"};
+    return {m_run.oneOf(lines)};
+}
+
+QStringList Chaos::bluezFault()
+{
+    const QString method =
+        m_run.oneOf({"Device.Disconnect", "AudioSource.Connect", "Adapter.RemoveDevice",
+                     "Manager.DefaultAdapter", "Device.GetProperties", "Device.SetProperty",
+                     "Adapter.ListDevices"});
+    const QString times = " times=" + QString::number(1 + m_run.below(3));
+    // Takes the 25 s for which the bus library waits for an answer.
+    if (m_run.isLong() && m_run.onceIn(10))
+        return {"fault bluez:" + method + " never times=1"};
+    return {"fault bluez:" + method + ' ' + m_run.oneOf({"error", "delay=300"}) + times};
+}
+
+QStringList Chaos::serviceStep()
+{
+    // It does not start with settings that cannot be read, and is not meant to.
+    return {"settings whole",
+            m_run.oneOf({"service stop", "service kill KILL", "service kill INT",
+                         "platform supervisor-end"}),
+            "service start"};
+}
+
+void Chaos::carryOut(const QString &line)
+{
+    const bool endsService = line == "service stop" || line.startsWith("service kill ")
+        || line == "platform supervisor-end";
+    if (endsService)
+        m_watch->expectEnd();
+    const int from = m_product->mark();
+    m_product->rewind(from);
+    if (line.startsWith("settings "))
+        m_settings->choose(line.section(' ', 1));
+    else
+        m_product->attempt(line);
+    // That one is none of the troubles, but lets the first agent stay.
+    if (line == "fault clear")
+        m_product->tell("fault bluetoothd adapter-delay=0");
+    if (endsService)
+        m_product->expect({{"kind", "end"}, {"program", "service"}});
+    else if (line == "service start")
+        Steps::waitUntilRunning(*m_product);
+}
+
+/// Nothing is wrong, and the service answers.
+void Chaos::check()
+{
+    QElapsedTimer clock;
+    clock.start();
+    const QJsonArray status = m_product->call("GetStatus");
+    QVERIFY2(status.size() == 4, "GetStatus is not answered");
+    QVERIFY2(clock.elapsed() < BlockingMs, "GetStatus is answered too late");
+    const QString wrong = m_watch->follow();
+    QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+    const QString wrongSettings = m_settings->check(m_watch->saved());
+    QVERIFY2(wrongSettings.isEmpty(), qPrintable(wrongSettings));
+}
+
+/// After all troubles have ended, a phone that comes is played.
+void Chaos::recover()
+{
+    m_settings->choose("whole");
+    carryOut("fault clear");
+    for (const QString &name : Road::Phones.keys())
+        m_product->attempt("phone " + name + " out-of-range");
+    waitUntilOn();
+    waitUntilAlone();
+    waitForAgent();
+    // A phone whose link was lost is the awaited one until it comes back, or until this.
+    m_product->tell("platform suspend");
+    m_product->settle();
+    playNext();
+    for (const QString &name : Road::Phones.keys()) {
+        m_product->attempt("phone " + name + " in-range");
+        m_product->attempt("phone " + name + " accept");
+    }
+}
+
+/// What is under way may take its time, but in the end the stack is on.
+void Chaos::waitUntilOn()
+{
+    const int attempts = 6;
+    for (int i = 0; i < attempts && !QTest::currentTestFailed(); ++i) {
+        const int from = m_product->mark();
+        if (m_product->call("GetStatus").at(2).toBool())
+            return;
+        m_product->call("SetEnabled", {"b:true"});
+        m_product->rewind(from);
+        m_product->expect("Bluetooth on, or the end of what keeps it off",
+                          [](const QJsonObject &entry) {
+                              const QString message = entry.value("message").toString();
+                              return message == "forceSyncDown"
+                                  || (entry.value("member") == "BluetoothOn"
+                                      && entry.value("arguments") == QJsonArray {true});
+                          });
+    }
+    QVERIFY2(m_product->call("GetStatus").at(2).toBool(), "Bluetooth does not come on");
+}
+
+/// No phone is connected any more, and the service is not about to connect one.
+void Chaos::waitUntilAlone()
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!QTest::currentTestFailed()) {
+        const QString wrong = m_watch->follow();
+        QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+        const QString phones = m_product->tell("phones");
+        if (m_watch->isReconnectPending())
+            m_product->expectLog(4, "reconnect");
+        else if (!phones.contains(", linked") && !phones.contains("stream open")
+                 && !phones.contains(", playing"))
+            return;
+        m_product->settle();
+        QVERIFY2(clock.elapsed() < BlockingMs, qPrintable("phones are still there: " + phones));
+    }
+}
+
+/// Only then phones can find the unit and get an answer.
+void Chaos::waitForAgent()
+{
+    const int from = m_product->mark();
+    const QString wrong = m_watch->follow();
+    QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+    m_product->rewind(from);
+    if (!m_watch->isAgentRegistered())
+        m_product->expect({{"kind", "reply"}, {"member", "RegisterAgent"}});
+    m_product->settle();
+}
+
+void Chaos::playNext()
+{
+    const QString guest = QString("guest%1").arg(++m_guests);
+    const QString address = QString("00:1A:7D:DA:72:%1").arg(m_guests, 2, 16, QChar('0'));
+    m_product->tell("phone add " + guest + " trusted address=" + address);
+    const int from = m_product->mark();
+    if (m_product->attempt("phone " + guest + " connect").contains("error")) {
+        // A command that failed has left the unit invisible, until it is switched on anew.
+        m_product->call("SetEnabled", {"b:false"});
+        waitUntilOn();
+        waitForAgent();
+        m_product->tell("phone " + guest + " connect");
+    }
+    m_product->expect({{"kind", "call"}, {"member", "PlayBluetooth"}});
+    m_product->attempt("phone " + guest + " play");
+    m_product->awaitPhone(from, guest, "playing");
+
+    const int beforeLeaving = m_product->mark();
+    m_product->tell("phone " + guest + " leave");
+    m_product->awaitPhone(beforeLeaving, guest, "link-down");
+    m_product->rewind(beforeLeaving);
+    m_product->expect({{"kind", "call"}, {"member", "StopPlay"}});
+    m_product->rewind(beforeLeaving);
+    m_product->expect({{"kind", "end"}, {"program", "pulseaudio"}});
+}
+
+void Chaos::servesOn()
+{
+    Road product(stopped());
+    Watch watch(product);
+    Settings settings(product);
+    m_product = &product;
+    m_watch = &watch;
+    m_settings = &settings;
+    product.tell("service start");
+    Steps::waitUntilOn(product);
+    for (const QString &name : Road::Phones.keys())
+        product.meet(name, name == "carla" ? "known" : "trusted");
+
+    int done = 0;
+    for (; m_run.goesOn(done); ++done) {
+        for (const QString &line : nextStep()) {
+            m_run.print(done, line);
+            carryOut(line);
+        }
+        check();
+        // The rhythm of the run: some things meet what went before, others come after it.
+        QThread::msleep(ulong(m_run.oneOf({"0", "50", "400"}).toInt()));
+        if (done % StepsBetweenRecoveries == StepsBetweenRecoveries - 1) {
+            recover();
+            check();
+        }
+    }
+    if (QTest::currentTestFailed())
+        return;
+    recover();
+    carryOut("service stop");
+    const QString wrong = watch.follow();
+    QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+    Steps::expectNothingLeft(product);
+}
+
+ENDURANCE_MAIN(Chaos, 300)
+#include "chaos.moc"
