@@ -1,5 +1,6 @@
 #include "Hub.h"
 
+#include "BackgroundProcess.h"
 #include "Control.h"
 #include "Program.h"
 
@@ -20,13 +21,6 @@ const char ProgramFolder[] = "/run/product/bin/";
 const char HostPrograms[] = "/run/product/host/bin/";
 const int BusStartTimeoutMs = 10000;
 const int ServiceEndTimeoutMs = 20000;
-
-/// A child process away from the terminal, so that an interrupt typed there does not reach it.
-class BusProcess : public QProcess
-{
-protected:
-    void setupChildProcess() override { setsid(); }
-};
 
 /// Takes what comes before the first entry that the service has sent itself.
 QVector<QJsonObject> takeCauses(QVector<QJsonObject> *entries)
@@ -125,8 +119,7 @@ void Hub::connectPieces()
 bool Hub::startBuses(QString *error)
 {
     for (const QString &bus : {QString("session"), QString("system")}) {
-        auto *process = new BusProcess;
-        process->setParent(this);
+        auto *process = new BackgroundProcess(this);
         process->setStandardErrorFile(m_folder + "/buses.log", QIODevice::Append);
         m_buses.insert(bus, process);
         process->start("dbus-daemon",
@@ -173,25 +166,52 @@ void Hub::record(const QJsonObject &entry)
  * What the service sent comes after what it had logged before: so each bus is read before the log.
  * What others sent comes before what the service then logged about it: so each is read after the
  * log too, to the point where it is now, and what others sent goes first. The rest of that second
- * reading waits for another reading of the log.
+ * reading waits for another reading of the log. What the service sends after the end of a program
+ * that it has waited for comes after that end.
  */
 void Hub::catchUp()
 {
     QVector<QJsonObject> system = m_systemMonitor.takeEntries();
     QVector<QJsonObject> session = m_sessionMonitor.takeEntries();
     do {
+        const QList<Program *> hungUp = hungUpPrograms();
         const QVector<QJsonObject> logged = m_service.takeEntries();
         if (!logged.isEmpty())
             settleBuses();
         QVector<QJsonObject> laterSystem = m_systemMonitor.takeEntries();
         QVector<QJsonObject> laterSession = m_sessionMonitor.takeEntries();
-        const QVector<QJsonObject> ordered = takeCauses(&system, &laterSystem)
-            + takeCauses(&session, &laterSession) + logged + system + session;
-        for (const QJsonObject &entry : ordered)
-            m_journal.record(entry);
+        recordAll(takeCauses(&system, &laterSystem) + takeCauses(&session, &laterSession) + logged);
+        if (!system.isEmpty() || !session.isEmpty()) {
+            for (Program *program : hungUp)
+                recordEnd(program);
+        }
+        recordAll(system + session);
         system = laterSystem;
         session = laterSession;
     } while (!system.isEmpty() || !session.isEmpty());
+}
+
+QList<Program *> Hub::hungUpPrograms() const
+{
+    QList<Program *> hungUp;
+    for (Program *program : m_programs) {
+        if (program->hasHungUp())
+            hungUp.append(program);
+    }
+    return hungUp;
+}
+
+void Hub::recordAll(const QVector<QJsonObject> &entries)
+{
+    for (const QJsonObject &entry : entries)
+        m_journal.record(entry);
+}
+
+void Hub::recordEnd(Program *program)
+{
+    if (!program->isEndRecorded())
+        m_journal.record(program->entry("end"));
+    program->setEndRecorded();
 }
 
 /// Has the monitors read everything that has been sent so far, also what still lies in a bus.
@@ -443,7 +463,8 @@ void Hub::ended(Program *program)
         return;
     if (program->name() == "bluetoothd" || program->name() == "agent")
         settleBuses();
-    record(program->entry("end"));
+    catchUp();
+    recordEnd(program);
     m_programs.removeOne(program);
     m_bluetoothd.detach(program);
     if (program->name() == "pulseaudio")

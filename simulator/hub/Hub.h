@@ -80,6 +80,9 @@ private:
     void serviceFinished();
     void catchUp();
     void settleBuses();
+    QList<Program *> hungUpPrograms() const;
+    void recordAll(const QVector<QJsonObject> &entries);
+    void recordEnd(Program *program);
     QString programName(qint64 pid) const;
 
     QString m_folder;

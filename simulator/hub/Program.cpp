@@ -4,6 +4,9 @@
 #include <QJsonDocument>
 #include <QLocalSocket>
 
+#include <poll.h>
+#include <sys/ioctl.h>
+
 namespace {
 
 QString laneOf(const QString &program)
@@ -44,6 +47,14 @@ void Program::readLines()
             emit received(object);
         }
     }
+}
+
+bool Program::hasHungUp() const
+{
+    pollfd poller = {int(m_socket->socketDescriptor()), POLLRDHUP, 0};
+    int unread = 0;
+    return poller.fd >= 0 && poll(&poller, 1, 0) > 0 && m_socket->bytesAvailable() == 0
+        && ioctl(poller.fd, FIONREAD, &unread) == 0 && unread == 0;
 }
 
 void Program::send(const QJsonObject &object)

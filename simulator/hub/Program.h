@@ -25,6 +25,12 @@ public:
     /// True once a program that serves others says that it answers now.
     bool isReady() const { return m_ready; }
 
+    /// The process has closed the connection, ended() is about to come, and nothing before it.
+    bool hasHungUp() const;
+    /// Whether its end is in the journal.
+    bool isEndRecorded() const { return m_endRecorded; }
+    void setEndRecorded() { m_endRecorded = true; }
+
     void send(const QJsonObject &object);
     /// One line of JSON, without its end.
     void sendLine(const QByteArray &line);
@@ -46,6 +52,7 @@ private:
     QStringList m_arguments;
     QJsonObject m_environment;
     bool m_ready = false;
+    bool m_endRecorded = false;
 };
 
 #endif

@@ -24,8 +24,6 @@ SoundPath::SoundPath(bool realPulse, const QString &build, QObject *parent)
     connect(m_marks, &QFileSystemWatcher::directoryChanged, this, &SoundPath::discoveryLoaded);
     connect(&m_loader, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this,
             &SoundPath::sourceLoaded);
-    m_feeder.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    m_feeder.setStandardOutputFile(QProcess::nullDevice());
 }
 
 QString SoundPath::sourceName() const
@@ -142,8 +140,13 @@ void SoundPath::sourceLoaded(int exitCode)
         return;
     }
     m_source = Source::Loaded;
-    m_feeder.start(m_build + "/simulator/phone-audio",
-                   {m_fifo, m_audio.isEmpty() ? QString("tone") : m_audio});
+    m_feeder = new BackgroundProcess(this);
+    m_feeder->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    m_feeder->setStandardOutputFile(QProcess::nullDevice());
+    connect(m_feeder, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), m_feeder,
+            &QObject::deleteLater);
+    m_feeder->start(m_build + "/simulator/phone-audio",
+                    {m_fifo, m_audio.isEmpty() ? QString("tone") : m_audio});
     setFeederPlaying(m_playing);
     emit happened(sourceName() + " exists");
     setTaken(true);
@@ -153,9 +156,9 @@ void SoundPath::sourceLoaded(int exitCode)
 /// Ends the source, or what is left of it.
 void SoundPath::removeSource()
 {
-    m_feeder.closeWriteChannel();
-    m_feeder.kill();
-    m_feeder.waitForFinished();
+    if (m_feeder)
+        m_feeder->kill();
+    m_feeder.clear();
     if (m_source == Source::Loaded)
         QProcess::startDetached(Pactl, {"unload-module", m_sourceModule});
     m_source = Source::None;
@@ -165,6 +168,6 @@ void SoundPath::removeSource()
 
 void SoundPath::setFeederPlaying(bool playing)
 {
-    if (m_feeder.state() != QProcess::NotRunning)
-        m_feeder.write(playing ? "play\n" : "pause\n");
+    if (m_feeder)
+        m_feeder->write(playing ? "play\n" : "pause\n");
 }

@@ -1,8 +1,11 @@
 #ifndef SOUNDPATH_H
 #define SOUNDPATH_H
 
+#include "BackgroundProcess.h"
+
 #include <QJsonObject>
-#include <QProcess>
+#include <QObject>
+#include <QPointer>
 #include <QStringList>
 
 class QFileSystemWatcher;
@@ -65,8 +68,8 @@ private:
     Source m_source = Source::None;
     QString m_sourceModule;
     QString m_fifo;
-    QProcess m_loader;
-    QProcess m_feeder;
+    BackgroundProcess m_loader;
+    QPointer<QProcess> m_feeder; ///< plays the phone's sound into the source
 };
 
 #endif

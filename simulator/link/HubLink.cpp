@@ -1,6 +1,6 @@
 #include "HubLink.h"
 
-#include <QJsonArray>
+#include <QCoreApplication>
 #include <QJsonDocument>
 #include <QLocalSocket>
 
@@ -112,6 +112,11 @@ QJsonObject HubLink::answer() const
 QJsonObject HubLink::options() const
 {
     return m_options;
+}
+
+QJsonArray HubLink::phones() const
+{
+    return m_answer.value("phones").toArray();
 }
 
 void HubLink::reply(int id, const QString &text)

@@ -1,6 +1,7 @@
 #ifndef HUBLINK_H
 #define HUBLINK_H
 
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QObject>
 #include <QStringList>
@@ -66,6 +67,8 @@ public:
      * "delay" (milliseconds) and "never" (true), and maybe with "times" and "after".
      */
     QJsonObject options() const;
+    /// "phones" of the answer: phones to begin with.
+    QJsonArray phones() const;
 
     /// Answers the command \p id.
     void reply(int id, const QString &text);

@@ -55,8 +55,8 @@ void Peer::flush()
 
 Message Peer::call(const Message &call)
 {
-    DBusMessage *reply = dbus_connection_send_with_reply_and_block(m_connection, call.get(),
-                                                                   CallTimeoutMs, nullptr);
+    DBusMessage *reply =
+        dbus_connection_send_with_reply_and_block(m_connection, call.get(), CallTimeoutMs, nullptr);
     return reply ? owned(reply) : Message();
 }
 
@@ -108,10 +108,10 @@ void StandIn::answer(DBusMessage *call)
     if (dbus_message_get_type(call) != DBUS_MESSAGE_TYPE_METHOD_CALL)
         return;
     const int mostArguments = 3;
-    const Message reply = owned(
-        m_random.onceIn(4)
-            ? dbus_message_new_error(call, "org.example.Odd", m_random.text().constData())
-            : dbus_message_new_method_return(call));
+    const Message reply =
+        owned(m_random.onceIn(4)
+                  ? dbus_message_new_error(call, "org.example.Odd", m_random.text().constData())
+                  : dbus_message_new_method_return(call));
     if (dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_METHOD_RETURN)
         m_random.appendArguments(reply, mostArguments);
     m_peer.send(reply);

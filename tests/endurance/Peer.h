@@ -20,7 +20,10 @@ public:
     Peer(const Peer &) = delete;
     Peer &operator=(const Peer &) = delete;
 
-    bool isConnected() const { return m_connection && dbus_connection_get_is_connected(m_connection); }
+    bool isConnected() const
+    {
+        return m_connection && dbus_connection_get_is_connected(m_connection);
+    }
     /// Becomes the owner of the bus name \p name.
     bool claim(const QByteArray &name);
     /// The unique name of the owner of \p name.
@@ -38,8 +41,8 @@ private:
 };
 
 /**
- * A service whose answers never have the right shape. It works in a thread of its own, since whoever
- * asks it may block meanwhile.
+ * A service whose answers never have the right shape. It works in a thread of its own, since
+ * whoever asks it may block meanwhile.
  */
 class StandIn
 {

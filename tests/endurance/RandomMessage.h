@@ -27,7 +27,10 @@ public:
 
     int below(int count) { return m_random.bounded(count); }
     bool onceIn(int count) { return below(count) == 0; }
-    QByteArray oneOf(const QVector<QByteArray> &choices) { return choices.at(below(choices.size())); }
+    QByteArray oneOf(const QVector<QByteArray> &choices)
+    {
+        return choices.at(below(choices.size()));
+    }
 
     /// Appends up to \p most arguments of any types.
     void appendArguments(const Message &message, int most);

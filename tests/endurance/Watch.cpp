@@ -137,8 +137,7 @@ QString Watch::findDoubled()
         while (m_alive.value(child).size() > 1) {
             m_product.rewind(m_position);
             const QJsonObject end = m_product.expect(
-                child + " is there twice",
-                [this, &child](const QJsonObject &entry) {
+                child + " is there twice", [this, &child](const QJsonObject &entry) {
                     return entry.value("kind") == "end" && entry.value("program") == child
                         && m_alive.value(child).contains(entry.value("pid").toInt());
                 });

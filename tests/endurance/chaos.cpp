@@ -158,11 +158,11 @@ QStringList Chaos::phoneStep()
     if (m_run.onceIn(8))
         return {"phone add " + name + " address=00:1A:7D:DA:71:" + Road::Phones.value(name) + ' '
                 + m_run.oneOf({"", "known", "trusted"})};
-    const QString verb = m_run.oneOf(
-        {"connect", "connect",      "connect", "connect", "play",   "play",   "pause",
-         "leave",   "leave",        "drop",    "pair",    "accept", "accept", "connect-acl",
-         "refuse",  "out-of-range", "reject",  "ignore",  "forget", "answer-late 200",
-         "close",   "in-range",     "in-range"});
+    const QString verb =
+        m_run.oneOf({"connect", "connect",         "connect", "connect",      "play",    "play",
+                     "pause",   "leave",           "leave",   "drop",         "pair",    "accept",
+                     "accept",  "connect-acl",     "refuse",  "out-of-range", "reject",  "ignore",
+                     "forget",  "answer-late 200", "close",   "in-range",     "in-range"});
     return {"phone " + name + ' ' + verb};
 }
 
@@ -347,8 +347,11 @@ void Chaos::waitForAgent()
     const QString wrong = m_watch->follow();
     QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
     m_product->rewind(from);
-    if (!m_watch->isAgentRegistered())
+    if (!m_watch->isAgentRegistered()) {
+        // Nobody notices one that hangs since its start.
+        m_product->attempt("kill agent");
         m_product->expect({{"kind", "reply"}, {"member", "RegisterAgent"}});
+    }
     m_product->settle();
 }
 

@@ -58,11 +58,10 @@ Message Fuzz::call()
                         "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer",
                         "org.freedesktop.DBus", "org.bluez.Device"});
     const QByteArray path = m_random.oneOf({Object, Object, Object, "/", "/nowhere"});
-    const QByteArray member =
-        m_random.oneOf({"SetEnabled", "SetPid", "SetVolume", "SetMute", "RemoveDevice",
-                        "GetStatus", "Get", "Set", "GetAll", "Introspect", "Enable", "quit",
-                        "deleteLater", "AudioSourcePropertyChanged", "DevicePropertyChanged",
-                        "BluetoothOn", "serviceBluezRegistered"});
+    const QByteArray member = m_random.oneOf(
+        {"SetEnabled", "SetPid", "SetVolume", "SetMute", "RemoveDevice", "GetStatus", "Get", "Set",
+         "GetAll", "Introspect", "Enable", "quit", "deleteLater", "AudioSourcePropertyChanged",
+         "DevicePropertyChanged", "BluetoothOn", "serviceBluezRegistered"});
     const Message message = owned(dbus_message_new_method_call(
         Service, path, interface.isEmpty() ? nullptr : interface.constData(), member));
     // One that nobody would take for a call meant well.
@@ -94,10 +93,9 @@ Message Fuzz::signalOfBluez(const QByteArray &phone)
 
 Message Fuzz::signalOfPlatform()
 {
-    const Message message =
-        signalMessage(PlatformPath, PlatformInterface,
-                      m_random.oneOf({"PowerSuspend", "PowerShutdown", "PowerReboot",
-                                      "SupervisorShutdown"}));
+    const Message message = signalMessage(
+        PlatformPath, PlatformInterface,
+        m_random.oneOf({"PowerSuspend", "PowerShutdown", "PowerReboot", "SupervisorShutdown"}));
     if (m_random.onceIn(2))
         m_random.appendText(message, m_random.text());
     m_random.appendArguments(message, MostArguments);
@@ -152,8 +150,8 @@ void Fuzz::strangersHaveNoEffect()
             const Message ofBluez = signalOfBluez(phone);
             maybeTo(ofBluez, systemName);
             onSystem.send(ofBluez);
-            const Message ofBus = signalMessage(DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
-                                                "NameOwnerChanged");
+            const Message ofBus =
+                signalMessage(DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "NameOwnerChanged");
             for (const QByteArray &argument : {QByteArray("org.bluez"), systemName, QByteArray()})
                 m_random.appendText(ofBus, argument);
             dbus_message_set_destination(ofBus.get(), systemName);
@@ -171,9 +169,9 @@ void Fuzz::strangersHaveNoEffect()
     }
     product.settle();
     QCOMPARE(product.call("GetStatus"), status);
-    static const QStringList telling {"DevicePropertyChanged",      "AudioSourcePropertyChanged",
-                                      "[!]",                        "BluetoothManager close",
-                                      "[DBUS|Internal] SetEnabled", "bluez service"};
+    static const QStringList telling {
+        "DevicePropertyChanged",  "AudioSourcePropertyChanged", "[!]",
+        "BluetoothManager close", "[DBUS|Internal] SetEnabled", "bluez service"};
     for (const QString &message : product.messages(from)) {
         if (message.startsWith("DevicePropertyChanged (org.bluez.Device)/settled "))
             continue;
@@ -187,7 +185,8 @@ void Fuzz::servicesMayAnswerAnything()
 {
     // A daemon that never comes to the bus leaves its name to the stand-in.
     Road::Options options = Steps::switchedOff();
-    options.tell << "fault bluetoothd hang" << "fault soundmanager absent";
+    options.tell << "fault bluetoothd hang"
+                 << "fault soundmanager absent";
     VirtualProduct product(options);
     Steps::waitUntilRunning(product);
     Watch watch(product);
@@ -196,7 +195,8 @@ void Fuzz::servicesMayAnswerAnything()
     product.call("SetEnabled", {"b:true"});
     StandIn bluez(product.systemBusAddress(), "org.bluez", m_run.seed());
     QVERIFY(bluez.isThere() && soundManager.isThere());
-    product.expect({{"kind", "signal"}, {"member", "BluetoothOn"}, {"arguments", QJsonArray {true}}});
+    product.expect(
+        {{"kind", "signal"}, {"member", "BluetoothOn"}, {"arguments", QJsonArray {true}}});
 
     const QVector<QByteArray> states {"disconnected", "connecting", "connected", "playing"};
     for (int done = 0; m_run.goesOn(done); ++done) {
@@ -207,15 +207,15 @@ void Fuzz::servicesMayAnswerAnything()
                 continue;
             }
             const bool ofSource = m_random.onceIn(2);
-            const Message message =
-                signalMessage(path, ofSource ? "org.bluez.AudioSource" : "org.bluez.Device",
-                              "PropertyChanged");
+            const Message message = signalMessage(
+                path, ofSource ? "org.bluez.AudioSource" : "org.bluez.Device", "PropertyChanged");
             m_random.appendText(message, ofSource ? "State" : "Connected");
             m_random.appendVariant(message, m_random.oneOf(states + QVector<QByteArray> {"true"}));
             bluez.send(message);
         }
-        product.attempt("call " + m_run.oneOf({"DisconnectDevice", "RemoveAllDevices",
-                                               "RemoveDevice s:00:11:22:33:44:55", "GetStatus"}));
+        product.attempt("call "
+                        + m_run.oneOf({"DisconnectDevice", "RemoveAllDevices",
+                                       "RemoveDevice s:00:11:22:33:44:55", "GetStatus"}));
         check(product, watch);
     }
     QVERIFY2(bluez.answers() > 0 && soundManager.answers() > 0, "nobody was asked anything");

@@ -60,7 +60,8 @@ void Load::noSignalIsLost()
     product.call("SetEnabled", {"b:true"});
     Peer bluez(product.systemBusAddress());
     QVERIFY(bluez.isConnected() && bluez.claim("org.bluez"));
-    product.expect({{"kind", "signal"}, {"member", "BluetoothOn"}, {"arguments", QJsonArray {true}}});
+    product.expect(
+        {{"kind", "signal"}, {"member", "BluetoothOn"}, {"arguments", QJsonArray {true}}});
 
     int sent = 0;
     product.mark();

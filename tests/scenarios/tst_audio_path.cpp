@@ -59,10 +59,8 @@ void tst_audio_path::polls_data()
         + Road::gone()
         + QStringList {"4 removeDevice {anna}", "4 removeDevice {anna} Remove Device, pair again"};
     QTest::newRow("slow") << 3 << 2 << plays << QStringList();
-    QTest::newRow("server answers at the last poll") << Polls - 1 << 0 << plays << QStringList();
     QTest::newRow("server does not answer")
         << Polls << 0 << drops << QStringList {"> Device.Disconnect {anna}"};
-    QTest::newRow("source comes at the last poll") << 0 << Polls - 1 << plays << QStringList();
     QTest::newRow("source does not come")
         << 0 << Polls << forgets
         << QStringList {"> Device.SetProperty {anna} Trusted false", "> Device.Disconnect {anna}",

@@ -182,7 +182,7 @@ void tst_devices::removeConnected()
     QFETCH(QString, method);
     QFETCH(QStringList, arguments);
     Road road;
-    road.tell("timescale 0.3");
+    road.tell("timescale 0.15");
     road.bring("playing");
     const int from = road.mark();
     QCOMPARE(road.call(method, arguments), QJsonArray {0});

@@ -443,7 +443,7 @@ void tst_launcher::journalOrder()
 {
     using Product = VirtualProduct;
     Product::Options options;
-    options.tell = QStringList{"fault bluetoothd adapter-delay=0"};
+    options.tell = QStringList {"fault bluetoothd adapter-delay=0"};
     Product product(options);
     // The cause stands before its effect: a log line before the program that is started next, a
     // program before the log line about its result, a message before the log line about it.

@@ -50,15 +50,6 @@ int setEnabled(VirtualProduct &product, bool enable)
     return product.call("SetEnabled", {enable ? "b:true" : "b:false"}).at(0).toInt(-1);
 }
 
-/// Waits until bluetoothd has been started and has told the hub so.
-void waitUntilStarting(VirtualProduct &product)
-{
-    product.expectLog(4, "bluez started and wait registration");
-    const VirtualProduct::Pattern start {{"kind", "start"}, {"program", "bluetoothd"}};
-    if (product.entries(start).isEmpty())
-        product.expect(start);
-}
-
 /// The beginning of a request, up to what it leads to.
 QStringList requestSteps(bool enable, const QString &saved)
 {
@@ -288,7 +279,7 @@ void tst_stack::askedWhileStarting()
     VirtualProduct::Options options;
     options.tell.append("fault bluetoothd no-name");
     VirtualProduct product(options);
-    waitUntilStarting(product);
+    Steps::waitUntilStarting(product);
     const int from = product.mark();
     QCOMPARE(setEnabled(product, enable), 1);
     const QString word = enable ? "true" : "false";

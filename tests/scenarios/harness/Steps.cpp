@@ -35,6 +35,14 @@ QJsonObject Steps::waitUntilRunning(VirtualProduct &product, Place place)
     return product.expectLog(4, "Bluetooth Manager running", place);
 }
 
+void Steps::waitUntilStarting(VirtualProduct &product, Place place)
+{
+    product.expectLog(4, "bluez started and wait registration", place);
+    const VirtualProduct::Pattern start {{"kind", "start"}, {"program", "bluetoothd"}};
+    if (product.entries(start).isEmpty())
+        product.expect(start, place);
+}
+
 void Steps::waitUntilOn(VirtualProduct &product, Place place)
 {
     product.expect(

@@ -18,6 +18,8 @@ VirtualProduct::Options switchedOff();
 
 /// Waits until the service is on the bus.
 QJsonObject waitUntilRunning(VirtualProduct &product, HERE_BY_DEFAULT);
+/// Waits until the service waits for BlueZ's name and bluetoothd has begun to work.
+void waitUntilStarting(VirtualProduct &product, HERE_BY_DEFAULT);
 /// Waits until the stack has come up and the agent has registered.
 void waitUntilOn(VirtualProduct &product, HERE_BY_DEFAULT);
 
