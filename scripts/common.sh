@@ -33,3 +33,14 @@ build() {
         }
     fi
 }
+
+# pack FOLDER: makes the Debian packages from a build, and looks at them as Debian does.
+pack() {
+    local folder=$1
+    (cd "$folder" && rm -f ./*.deb && cpack) > "$folder/pack.log" 2>&1 || {
+        tail -n 20 "$folder/pack.log" >&2
+        fail "packing failed; the whole output is in $folder/pack.log"
+    }
+    lintian --allow-root --fail-on error,warning "$folder"/*.deb || fail "lintian objects to the packages"
+    ls "$folder"/*.deb
+}

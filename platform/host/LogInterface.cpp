@@ -139,7 +139,7 @@ void LogInterface::EmitLogString(int level, const char *text, const char *object
         struct timespec now;
         clock_gettime(CLOCK_REALTIME, &now);
         // A day is added for a board without a clock, which starts in 1970, west of Greenwich.
-        const long day = 24 * 60 * 60;
+        const long day = 24L * 60 * 60;
         const int second = static_cast<int>((now.tv_sec + d->offset + day) % day);
         line.appendNumber(second / 3600, 2);
         line.append(':');
