@@ -47,24 +47,35 @@ QByteArray settingsPath()
 }
 
 /**
- * GLib takes only lines with '#' for comments. Those with ';' are hidden from it behind this, which
- * no text holds by chance.
+ * GLib takes only lines with '#' for comments. Those with ';' are hidden from it behind this, and
+ * so are those that look hidden already.
  */
 const char CommentMark[] = "#\x1f";
+const int CommentMarkSize = sizeof CommentMark - 1;
 
-QByteArray withCommentsMarked(const QByteArray &content)
+/** Calls change(line) for each line, its end included, and joins what that makes of them. */
+template<class Change>
+QByteArray changedLines(const QByteArray &content, Change change)
 {
-    QByteArray marked;
+    QByteArray changed;
     for (int begin = 0; begin < content.size();) {
         const int newline = content.indexOf('\n', begin);
         const int end = newline < 0 ? content.size() : newline + 1;
-        const QByteArray line = content.mid(begin, end - begin);
-        if (line.trimmed().startsWith(';'))
-            marked += CommentMark;
-        marked += line;
+        changed += change(content.mid(begin, end - begin));
         begin = end;
     }
-    return marked;
+    return changed;
+}
+
+QByteArray withMark(const QByteArray &line)
+{
+    const QByteArray text = line.trimmed();
+    return text.startsWith(';') || text.startsWith(CommentMark) ? CommentMark + line : line;
+}
+
+QByteArray withoutMark(const QByteArray &line)
+{
+    return line.startsWith(CommentMark) ? line.mid(CommentMarkSize) : line;
 }
 
 /** Without keys where the text is not an INI file. */
@@ -127,7 +138,7 @@ KeyFile readKeyFile(const QByteArray &path, QString &reason)
         reason = QString::fromLatin1("line %1: not UTF-8 text").arg(lineAt(content, position));
         return KeyFile();
     }
-    content = withCommentsMarked(content);
+    content = changedLines(content, withMark);
     KeyFile keys = parse(content.constData(), content.size(), error);
     if (!keys)
         reason = QString::fromLatin1("line %1: %2").arg(faultyLine(content)).arg(error.message());
@@ -214,9 +225,8 @@ bool Configuration::WriteConfigValue(const QString &section, const QString &key,
                           text.toUtf8().constData());
     gsize length = 0;
     const Text data(g_key_file_to_data(keys.get(), &length, 0));
-    QByteArray content(data.get(), static_cast<int>(length));
-    content.replace(CommentMark, "");
-    const QString reason = replaceFile(d->path, content);
+    const QByteArray content(data.get(), static_cast<int>(length));
+    const QString reason = replaceFile(d->path, changedLines(content, withoutMark));
     if (!reason.isEmpty()) {
         d->log(2, QString::fromLatin1("not written: ") + reason);
         return false;

@@ -42,7 +42,7 @@ qint64 Schedule::now() const
 
 qint64 Schedule::realNow() const
 {
-    return m_base + qint64(m_clock.nsecsElapsed() / 1000 / m_scale);
+    return m_base + qint64(double(m_clock.nsecsElapsed()) / 1000 / m_scale);
 }
 
 Schedule::Moment Schedule::add(qint64 delay, Timer *timer)

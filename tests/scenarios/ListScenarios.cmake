@@ -6,6 +6,11 @@ endif()
 string(REGEX REPLACE "\n$" "" rows "${rows}")
 string(REPLACE ";" "\\;" rows "${rows}")
 string(REPLACE "\n" ";" rows "${rows}")
+# Sound in real time wants the machine for itself.
+set(properties "SKIP_RETURN_CODE 77 TIMEOUT 180 LABELS scenario")
+if(NAME STREQUAL tst_sound)
+    string(APPEND properties " RUN_SERIAL ON")
+endif()
 set(text "")
 foreach(row IN LISTS rows)
     # A row is printed as "CLASS FUNCTION TAG", without a tag for a function without a table.
@@ -17,6 +22,6 @@ foreach(row IN LISTS rows)
     string(APPEND text "add_test([==[${NAME}.${selection}]==] [==[${PROGRAM}]==] "
                        "[==[${selection}]==])\n"
                        "set_tests_properties([==[${NAME}.${selection}]==] PROPERTIES "
-                       "SKIP_RETURN_CODE 77 TIMEOUT 180 LABELS scenario)\n")
+                       "${properties})\n")
 endforeach()
 file(WRITE "${LIST}" "${text}")

@@ -223,6 +223,9 @@ private Q_SLOTS:
             << QByteArray("[BLUETOOTH]\n# four digits\nbt-pid=7351\nbt-enable=0\n[GENERAL]\na=b\n")
             << QByteArray(
                    "[BLUETOOTH]\n# four digits\nbt-pid=1234\nbt-enable=0\n\n[GENERAL]\na=b\n");
+        QTest::newRow("comments that look hidden")
+            << QByteArray("#\x1f;b\n;c\n")
+            << QByteArray("#\x1f;b\n;c\n\n[BLUETOOTH]\nbt-pid=1234\n");
         QTest::newRow("comment alone")
             << QByteArray(";x") << QByteArray(";x\n\n[BLUETOOTH]\nbt-pid=1234\n");
         QTest::newRow("empty file") << QByteArray("") << QByteArray("[BLUETOOTH]\nbt-pid=1234\n");
