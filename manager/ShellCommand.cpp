@@ -1,46 +1,36 @@
 #include "ShellCommand.h"
 
+#include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
+extern char **environ;
 
-/** Points a file descriptor to /dev/null for as long as the object lives. */
-class Silenced
-{
-public:
-    explicit Silenced(int descriptor)
-        : m_descriptor(descriptor), m_saved(fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1))
-    {
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (m_saved >= 0 && null >= 0)
-            dup2(null, descriptor);
-        if (null >= 0)
-            close(null);
-    }
-
-    ~Silenced()
-    {
-        if (m_saved < 0)
-            return;
-        dup2(m_saved, m_descriptor);
-        close(m_saved);
-    }
-
-private:
-    Silenced(const Silenced &);
-    Silenced &operator=(const Silenced &);
-
-    const int m_descriptor;
-    const int m_saved;
-};
-
-} // namespace
-
+// Not system(): it ignores SIGINT meanwhile, and has no way to silence the command alone. Pointing
+// the service's own standard error elsewhere instead would lose what a signal handler logs then.
 int runShellCommand(const QByteArray &command)
 {
-    const Silenced output(STDOUT_FILENO);
-    const Silenced error(STDERR_FILENO);
-    return system(command.constData());
+    posix_spawn_file_actions_t silence;
+    posix_spawn_file_actions_init(&silence);
+    posix_spawn_file_actions_addopen(&silence, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&silence, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+
+    QByteArray text = command;
+    char shell[] = "sh";
+    char option[] = "-c";
+    char *arguments[] = {shell, option, text.data(), 0};
+    pid_t child = 0;
+    const int error = posix_spawn(&child, "/bin/sh", &silence, 0, arguments, environ);
+    posix_spawn_file_actions_destroy(&silence);
+    if (error != 0)
+        return -1;
+
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR)
+            return -1;
+    }
+    return status;
 }

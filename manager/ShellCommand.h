@@ -4,9 +4,10 @@
 #include <QtCore/QByteArray>
 
 /**
- * Runs a command through the shell and waits for its end. Returns what system() returns: the raw
- * wait status, 0 for success, 256 for exit status 1, or -1 when no shell could be started.
- * What the command prints is dropped: standard output and error of the service are its own.
+ * Runs a command through the shell and waits for its end. Returns the raw wait status as system()
+ * does: 0 for success, 256 for exit status 1; or -1 when no shell could be started. What the command
+ * prints is dropped: standard output and error of the service are its own. Signals to the service
+ * are handled meanwhile.
  */
 int runShellCommand(const QByteArray &command);
 
