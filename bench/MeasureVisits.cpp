@@ -18,7 +18,7 @@ Holdings holdingsOf(pid_t pid)
     return {memoryOf(pid).resident, double(descriptorsOf(pid) + threadsOf(pid) + childrenOf(pid))};
 }
 
-Row grown(Row row, double after, double before)
+Row grown(const Row &row, double after, double before)
 {
     Repetitions once;
     once.add(after, before);

@@ -51,8 +51,8 @@ QList<QByteArray> bringUpCommands()
     return {"modprobe btwilink",
             "connmanctl enable bluetooth",
             "hciconfig hci0 up",
-            "sdptool del $(sdptool browse local | grep -A 1 \"Headset Audio Gateway\" "
-            "| tail -n 1 | cut -f2 -d':' | tr -d ' ')",
+            QByteArray("sdptool del $(sdptool browse local | grep -A 1 ")
+                + "\"Headset Audio Gateway\" | tail -n 1 | cut -f2 -d':' | tr -d ' ')",
             "hciconfig hci0 sspmode 0",
             "hciconfig hci0 lm master,accept",
             "hciconfig hci0 piscan",
