@@ -59,11 +59,13 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 foreach(component ${CPACK_COMPONENTS_ALL})
     string(TOUPPER "CPACK_DEBIAN_${component}_PACKAGE_NAME" name)
     set(name ${${name}})
+    # Not with "cmake --install", which installs all but these.
     install(FILES "${CMAKE_CURRENT_LIST_DIR}/copyright" "${CMAKE_CURRENT_LIST_DIR}/changelog"
-            DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component}
+            EXCLUDE_FROM_ALL)
     install(FILES "${CMAKE_CURRENT_LIST_DIR}/${component}.lintian-overrides"
             DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME ${name}
-            COMPONENT ${component})
+            COMPONENT ${component} EXCLUDE_FROM_ALL)
 endforeach()
 
 include(CPack)
