@@ -3,6 +3,15 @@
 namespace {
 const int StartTimeout = 4000;
 const int StopTimeout = 2000;
+
+qint64 processNumber(const QProcess *process)
+{
+    // Qt 5 deprecates it, Qt 4.8 has nothing else.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return process->pid();
+#pragma GCC diagnostic pop
+}
 } // namespace
 
 QProcess *startChild(const QString &program, const QStringList &arguments,
@@ -15,7 +24,14 @@ QProcess *startChild(const QString &program, const QStringList &arguments,
     process->setStandardErrorFile(QLatin1String("/dev/null"));
     process->setProcessEnvironment(environment);
     process->start(program, arguments, QIODevice::NotOpen);
-    if (!process->waitForStarted(StartTimeout))
+    const bool started = process->waitForStarted(StartTimeout);
+    if (processNumber(process) < 0) {
+        // Qt 5.15 takes a fork that failed for a process -1, and to signal that one, as even its
+        // destructor does, is to signal every process of the machine. So the object is given up.
+        QObject::disconnect(process, 0, 0, 0);
+        return 0;
+    }
+    if (!started)
         discardChild(process);
     return process;
 }

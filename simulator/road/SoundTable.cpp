@@ -21,7 +21,7 @@ const int PatienceSeconds = 10;
 QJsonObject boardMeasure(const QStringList &arguments)
 {
     QProcess process;
-    process.start(qEnvironmentVariable("PRODUCT_BUILD") + "/simulator/board-measure",
+    process.start("/run/product/build/simulator/board-measure",
                   QStringList {Recording, "--json"} + arguments);
     if (!process.waitForFinished(2 * PatienceSeconds * 1000))
         throw std::runtime_error("board-measure does not end");

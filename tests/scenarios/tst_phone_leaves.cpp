@@ -78,12 +78,18 @@ void tst_phone_leaves::soundEnds()
     QCOMPARE(road.deeds(from, {"@ "}),
              QStringList({"@ StopPlay bluetooth ''", "@ DisconnectAudioDevice"}));
 
+    // Its link comes up and is idle, for longer than from one step to the next.
     road.tell("fault clear");
     road.tell("phone anna in-range");
+    road.tell("timescale 0.15");
+    road.tell("phone anna connect-acl");
+    road.awaitPhone(left, "anna", "link-down");
+    road.settle();
+    QCOMPARE(road.deeds(left, {"$ "}), QStringList());
+    road.tell("timescale 0.05");
+
     road.stream();
     road.awaitAll(left, Road::ownConnection() + Road::playback());
-    const QStringList again = road.deeds(left, {"4 try to start pulseaudio", "$ "});
-    QCOMPARE(again.first(), QString("4 try to start pulseaudio for {anna}"));
 }
 
 void tst_phone_leaves::reconnectStillRuns_data()
