@@ -5,9 +5,9 @@
 
 /**
  * Runs a command through the shell and waits for its end. Returns the raw wait status as system()
- * does: 0 for success, 256 for exit status 1; or -1 when no shell could be started. What the command
- * prints is dropped: standard output and error of the service are its own. Signals to the service
- * are handled meanwhile.
+ * does: 0 for success, 256 for exit status 1; or -1 when no shell could be started. What the
+ * command prints is dropped: standard output and error of the service are its own. Signals to the
+ * service are handled meanwhile.
  */
 int runShellCommand(const QByteArray &command);
 

@@ -125,7 +125,7 @@ void Road::meet(const QString &name, const QString &traits, Place place)
 
 void Road::stream(const QString &name, Place place)
 {
-    mark();
+    rewind(mark());
     tell("phone " + name + " connect", place);
     await("$ " + loopbackCommand(name), place);
     await("@ PlayBluetooth", place);
