@@ -3,7 +3,6 @@
 #include "CannotMeasure.h"
 #include "Clock.h"
 
-#include <csignal>
 #include <cstring>
 
 namespace {

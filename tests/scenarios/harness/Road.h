@@ -50,8 +50,6 @@ public:
 
     /// The object path of the phone, or of the "adapter", in the BlueZ that was started last.
     QString path(const QString &name);
-    /// \p text with the paths in place of {anna} and the like.
-    QString resolved(QString text);
     /// Carries out a control line with {anna} and the like in it.
     QString tell(const QString &line, HERE_BY_DEFAULT);
     /// Waits until the service has handled all that was sent to it so far, and gives the position.
@@ -63,14 +61,10 @@ public:
     void awaitAll(int from, const QStringList &lines, HERE_BY_DEFAULT);
     /// Waits until the phone \p name is in \p state ("link-down" and the like) from \p from on.
     void awaitPhone(int from, const QString &name, const QString &state, HERE_BY_DEFAULT);
-    /// Everything done from \p from on, sorted as inKinds() does.
+    /// Everything done from \p from on, the kinds one after the other.
     QStringList deeds(int from);
     /// Those deeds that begin with one of \p beginnings.
     QStringList deeds(int from, const QStringList &beginnings);
-    /// Sorted into the kinds that have an order of their own; each keeps it.
-    static QStringList inKinds(const QStringList &lines);
-    /// The line of an entry; empty when it tells no deed of the service.
-    static QString lineOf(const QJsonObject &entry);
 
     /// \name Stories of the phone \p name
     /// @{
@@ -89,6 +83,13 @@ public:
 #undef HERE_BY_DEFAULT
 
 private:
+    /// \p text with the paths in place of {anna} and the like.
+    QString resolved(QString text);
+    /// Sorted into the kinds that have an order of their own; each keeps it.
+    static QStringList inKinds(const QStringList &lines);
+    /// The line of an entry; empty when it tells no deed of the service.
+    static QString lineOf(const QJsonObject &entry);
+
     int m_settled = 0;
 };
 
