@@ -1,7 +1,6 @@
 #include "BluetoothManager.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QRegExp>
 #include <QtCore/QTimer>
 #include <QtDBus/QDBusConnection>
 #include <QtDBus/QDBusConnectionInterface>
@@ -78,6 +77,19 @@ void killStale(const QByteArray &program)
 {
     runShellCommand("ps | grep " + program
                     + " | grep -v grep | xargs | cut -f1 -d' ' | xargs kill -s 9");
+}
+
+/** The name with blanks as underscores, and nothing else but ASCII letters, digits, underscores. */
+QString bluetoothName(const QString &name)
+{
+    QString result;
+    for (int i = 0; i < name.length(); ++i) {
+        const char character = name.at(i) == QLatin1Char(' ') ? '_' : name.at(i).toLatin1();
+        if ((character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z')
+            || (character >= '0' && character <= '9') || character == '_')
+            result += QLatin1Char(character);
+    }
+    return result;
 }
 
 /** Waits for the answer of BlueZ, for as long as the bus library does. */
@@ -196,8 +208,7 @@ bool BluetoothManager::readSettings(bool *startEnabled)
         m_hostName = "Ulmo_"
             + configuration.ReadConfigValue(GeneralSection, "SerialNumber", "unknown", 0, true);
     }
-    m_hostName.replace(QLatin1Char(' '), QLatin1Char('_'));
-    m_hostName.remove(QRegExp("[^a-zA-Z0-9_]"));
+    m_hostName = bluetoothName(m_hostName);
 
     LOG_LINE(LogInformation, "BLUETOOTH CONFIGURATION:");
     LOG_LINE(LogInformation, "> Enable:         %s", word(*startEnabled));

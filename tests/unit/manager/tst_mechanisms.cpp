@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,6 +58,7 @@ private Q_SLOTS:
     void shellIsSilent();
     void missingProgram_data();
     void missingProgram();
+    void failedForkHarmsNobody();
     void childEnvironmentAndOutput();
     void stopChild_data();
     void stopChild();
@@ -210,6 +212,24 @@ void TestMechanisms::missingProgram()
     QFETCH(QString, program);
     QVERIFY(!startChild(program, QStringList()));
     QCOMPARE(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+// A signal to what Qt takes for a child then would reach every process of the user.
+void TestMechanisms::failedForkHarmsNobody()
+{
+    if (geteuid() != 0)
+        QSKIP("only root can become a user who has no other processes");
+    const pid_t child = fork();
+    if (child == 0) {
+        const uid_t lonelyUser = 61234;
+        const rlimit none {0, 0};
+        const bool mayNotFork = setgid(lonelyUser) == 0 && setuid(lonelyUser) == 0
+            && setrlimit(RLIMIT_NPROC, &none) == 0 && fork() < 0;
+        _exit(mayNotFork && !startChild(QStringLiteral("/bin/true"), QStringList()) ? 0 : 1);
+    }
+    int status = 0;
+    QCOMPARE(waitpid(child, &status, 0), child);
+    QCOMPARE(status, 0);
 }
 
 void TestMechanisms::childEnvironmentAndOutput()
