@@ -12,22 +12,27 @@ fail() {
     exit 1
 }
 
-# build FOLDER [CMAKE-OPTION...]: configures and builds, with progress on a terminal, and with
-# nothing but the outcome elsewhere. The full output lies in FOLDER/build.log.
+# build FOLDER [CMAKE-OPTION...] [-- TARGET...]: configures and builds, with progress on a terminal,
+# and with nothing but the outcome elsewhere. The full output lies in FOLDER/build.log.
 build() {
-    local folder=$1
+    local folder=$1 options=()
     shift
+    while [ $# -gt 0 ] && [ "$1" != -- ]; do
+        options+=("$1")
+        shift
+    done
+    [ $# = 0 ] || shift
     mkdir -p "$folder" || fail "cannot write $folder"
     say "Configuring $folder"
-    cmake -S "$root" -B "$folder" -G Ninja "$@" > "$folder/build.log" 2>&1 || {
+    cmake -S "$root" -B "$folder" -G Ninja "${options[@]}" > "$folder/build.log" 2>&1 || {
         tail -n 30 "$folder/build.log" >&2
         fail "configuring failed; the whole output is in $folder/build.log"
     }
     say "Building $folder"
     if [ -t 1 ]; then
-        ninja -C "$folder" || fail "the build failed; see above"
+        ninja -C "$folder" "$@" || fail "the build failed; see above"
     else
-        ninja -C "$folder" >> "$folder/build.log" 2>&1 || {
+        ninja -C "$folder" "$@" >> "$folder/build.log" 2>&1 || {
             grep -B 2 -A 30 -m 3 'FAILED' "$folder/build.log" >&2
             fail "the build failed; the whole output is in $folder/build.log"
         }
