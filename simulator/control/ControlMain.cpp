@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
@@ -169,7 +170,10 @@ int converse(Hub &hub, bool inside)
             // Inside, the product ends with the program that it runs, which knows its exit status.
             if (line == "quit" && inside)
                 return atTerminal || allDone ? 0 : 1;
-            if (line == "follow" || line == "unfollow")
+            // The command of the board's own shell, on this terminal.
+            if (inside && line.section(' ', 0, 0) == "ulmoctl")
+                allDone = system(line.toLocal8Bit()) == 0 && allDone;
+            else if (line == "follow" || line == "unfollow")
                 hub.send({{"follow", line == "follow"}});
             else if (!line.isEmpty() && !line.startsWith('#'))
                 allDone = tell(hub, line) && allDone;

@@ -28,6 +28,7 @@ const char Help[] = R"(The service over D-Bus
   disconnect                      the connected phone
   forget ADDRESS|all
   call METHOD [TYPE:VALUE ...]    any method; types s i b u o as v, as in v:b:true
+  ulmoctl ...                     the board's own command, at the prompt inside
 The service as a process
   service start|stop|restart|kill SIGNAL
 Phones
