@@ -36,10 +36,16 @@ BusMonitor::BusMonitor(const QString &bus, QObject *parent) : QObject(parent), m
 
 BusMonitor::~BusMonitor()
 {
-    for (DBusConnection *connection : {m_monitor, m_asker}) {
-        if (connection) {
-            dbus_connection_close(connection);
-            dbus_connection_unref(connection);
+    disconnectBoth();
+}
+
+void BusMonitor::disconnectBoth()
+{
+    delete findChild<QSocketNotifier *>();
+    for (DBusConnection **connection : {&m_monitor, &m_asker}) {
+        if (DBusConnection *old = std::exchange(*connection, nullptr)) {
+            dbus_connection_close(old);
+            dbus_connection_unref(old);
         }
     }
 }
@@ -68,6 +74,12 @@ DBusConnection *BusMonitor::connectTo(const QString &address, QString *error)
 
 bool BusMonitor::start(const QString &address, QString *error)
 {
+    disconnectBoth();
+    m_lastQuestion = 0;
+    m_programs.clear();
+    m_wellKnownNames.clear();
+    m_owners.clear();
+    m_openCalls.clear();
     m_asker = connectTo(address, error);
     m_monitor = m_asker ? connectTo(address, error) : nullptr;
     if (!m_monitor || !becomeMonitor(error))

@@ -25,7 +25,8 @@ public:
     using ProgramNames = std::function<QString(qint64 pid)>;
     void setProgramNames(const ProgramNames &names);
 
-    /// False, with \p error set, when the bus at \p address cannot be watched.
+    /// Begins, or begins anew when that bus was ended and started. False, with \p error set, when
+    /// the bus at \p address cannot be watched.
     bool start(const QString &address, QString *error);
     /// What has come in since the last time, in the order of the bus.
     QVector<QJsonObject> takeEntries();
@@ -37,6 +38,7 @@ Q_SIGNALS:
     void readable();
 
 private:
+    void disconnectBoth();
     DBusConnection *connectTo(const QString &address, QString *error);
     bool becomeMonitor(QString *error);
     void readAvailable();

@@ -1,5 +1,6 @@
 #include "Control.h"
 
+#include "BusConnection.h"
 #include "Hub.h"
 #include "JournalText.h"
 #include "TypedArguments.h"
@@ -55,7 +56,7 @@ The rest of the product
   platform suspend|shutdown|reboot [REASON], platform supervisor-end
   platform spoof-suspend, ...     the same from a stranger
   login start [SYSTEMD-VERSION]|stop|suspend|resume|shutdown|reboot|cancel
-  bus session|system kill
+  bus session|system kill|start   nobody gets back to it but the product's other services
   journal [N]                     the last N entries
   quit
 )";
@@ -132,8 +133,7 @@ void Control::tell(const QString &line, const Done &done)
 
 void Control::callService(const QString &method, const QVariantList &arguments, const Done &done)
 {
-    const QDBusConnection connection =
-        QDBusConnection::connectToBus(Hub::busAddress("session"), "caller");
+    const QDBusConnection connection = connectedTo("session", "caller");
     if (!connection.isConnected()) {
         done(Result::failure("there is no session bus"));
         return;
@@ -403,8 +403,12 @@ void Control::login(const QStringList &words, const Done &done)
 
 void Control::bus(const QStringList &words, const Done &done)
 {
-    done(words.value(2) == "kill" ? m_hub.killBus(words.at(1))
-                                  : Result::failure("bus session|system kill"));
+    if (words.value(2) == "kill")
+        done(m_hub.killBus(words.at(1)));
+    else if (words.value(2) == "start")
+        done(m_hub.startBus(words.at(1)));
+    else
+        done(Result::failure("bus session|system kill|start"));
 }
 
 void Control::spoof(const QStringList &line, const Done &done)
@@ -425,8 +429,7 @@ void Control::spoof(const QStringList &line, const Done &done)
     QDBusMessage message = QDBusMessage::createTargetedSignal(
         to, words.at(1), signal.section('.', 0, -2), signal.section('.', -1));
     message.setArguments(arguments);
-    const QDBusConnection stranger =
-        QDBusConnection::connectToBus(Hub::busAddress("system"), "spoofer");
+    const QDBusConnection stranger = connectedTo("system", "spoofer");
     done(stranger.send(message) ? Result::success() : Result::failure("it cannot be sent"));
 }
 

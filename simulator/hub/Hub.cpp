@@ -1,6 +1,7 @@
 #include "Hub.h"
 
 #include "BackgroundProcess.h"
+#include "BusConnection.h"
 #include "Control.h"
 #include "Program.h"
 
@@ -68,12 +69,6 @@ Hub::~Hub()
     }
 }
 
-QString Hub::busAddress(const QString &bus)
-{
-    return qEnvironmentVariable(bus == "session" ? "DBUS_SESSION_BUS_ADDRESS"
-                                                 : "DBUS_SYSTEM_BUS_ADDRESS");
-}
-
 bool Hub::start(QString *error)
 {
     if (!m_journal.isOpen()) {
@@ -88,7 +83,16 @@ bool Hub::start(QString *error)
             {"text", "product started"},
             {"monotonic", double(now.tv_sec) + double(now.tv_nsec) / 1e9}});
     connectPieces();
-    return startBuses(error) && startServices(error);
+    for (const QString &bus : {QString("session"), QString("system")}) {
+        m_buses.insert(bus, new BackgroundProcess(this));
+        if (!startBus(bus, error))
+            return false;
+    }
+    if (!m_server.listen(m_folder + "/hub")) {
+        *error = m_server.errorString();
+        return false;
+    }
+    return true;
 }
 
 void Hub::connectPieces()
@@ -116,42 +120,34 @@ void Hub::connectPieces()
     });
 }
 
-bool Hub::startBuses(QString *error)
+bool Hub::startBus(const QString &bus, QString *error)
 {
-    for (const QString &bus : {QString("session"), QString("system")}) {
-        auto *process = new BackgroundProcess(this);
-        process->setStandardErrorFile(m_folder + "/buses.log", QIODevice::Append);
-        m_buses.insert(bus, process);
-        process->start("dbus-daemon",
-                       {"--config-file=/run/product/bus.conf", "--nofork", "--nopidfile",
-                        "--address=" + busAddress(bus), "--print-address"});
-    }
+    QProcess *process = m_buses.value(bus);
+    process->setStandardErrorFile(m_folder + "/buses.log", QIODevice::Append);
+    process->start("dbus-daemon",
+                   {"--config-file=/run/product/bus.conf", "--nofork", "--nopidfile",
+                    "--address=" + busAddress(bus), "--print-address"});
     // Once the address is printed, the socket is there.
-    for (const QString &bus : m_buses.keys()) {
-        if (!m_buses.value(bus)->waitForReadyRead(BusStartTimeoutMs)) {
-            *error = "the " + bus + " bus does not start";
-            return false;
-        }
+    if (!process->waitForReadyRead(BusStartTimeoutMs)) {
+        *error = "the " + bus + " bus does not start";
+        return false;
     }
-    return m_sessionMonitor.start(busAddress("session"), error)
-        && m_systemMonitor.start(busAddress("system"), error);
+    BusMonitor &monitor = bus == "session" ? m_sessionMonitor : m_systemMonitor;
+    if (!monitor.start(busAddress(bus), error))
+        return false;
+    if (!startServices(bus)) {
+        *error = "the product's services cannot connect to the " + bus + " bus";
+        return false;
+    }
+    // How all this came to the bus is not part of the story.
+    monitor.takeEntries();
+    return true;
 }
 
-bool Hub::startServices(QString *error)
+bool Hub::startServices(const QString &bus)
 {
-    if (!m_soundManager.start(busAddress("session")) || !m_platform.start(busAddress("session"))
-        || !m_loginManager.connectToBus(busAddress("system"))) {
-        *error = "the product's services cannot connect to the buses";
-        return false;
-    }
-    if (!m_server.listen(m_folder + "/hub")) {
-        *error = m_server.errorString();
-        return false;
-    }
-    // How all this came to the buses is not part of the story.
-    m_sessionMonitor.takeEntries();
-    m_systemMonitor.takeEntries();
-    return true;
+    return bus == "session" ? m_soundManager.start() && m_platform.start()
+                            : m_loginManager.connectToBus();
 }
 
 void Hub::record(const QJsonObject &entry)
@@ -319,6 +315,15 @@ Result Hub::killBus(const QString &bus)
     process->kill();
     process->waitForFinished();
     return Result::success();
+}
+
+Result Hub::startBus(const QString &bus)
+{
+    const QProcess *process = m_buses.value(bus);
+    if (!process || process->state() != QProcess::NotRunning)
+        return Result::failure("no bus \"" + bus + "\" was ended");
+    QString error;
+    return startBus(bus, &error) ? Result::success() : Result::failure(error);
 }
 
 void Hub::acceptConnections()

@@ -60,12 +60,14 @@ public:
     void updatePresence();
     /// Sends \p signal to the \p program that was started last.
     Result killProgram(const QString &program, int signal);
+    /// Ends the "session" or "system" bus; what was connected to it has lost it for good.
     Result killBus(const QString &bus);
-    static QString busAddress(const QString &bus);
+    /// Starts a bus that was ended, and what the product has there, but for the board's programs.
+    Result startBus(const QString &bus);
 
 private:
-    bool startBuses(QString *error);
-    bool startServices(QString *error);
+    bool startBus(const QString &bus, QString *error);
+    bool startServices(const QString &bus);
     void connectPieces();
     void acceptConnections();
     void welcome(Program *program);

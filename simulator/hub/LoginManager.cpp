@@ -1,5 +1,7 @@
 #include "LoginManager.h"
 
+#include "BusConnection.h"
+
 #include <QDBusArgument>
 #include <QDBusMessage>
 #include <QDBusMetaType>
@@ -55,9 +57,9 @@ LoginManager::~LoginManager()
         close(inhibitor);
 }
 
-bool LoginManager::connectToBus(const QString &address)
+bool LoginManager::connectToBus()
 {
-    m_connection = QDBusConnection::connectToBus(address, "login-manager");
+    m_connection = connectedTo("system", "login-manager");
     return m_connection.registerVirtualObject(ObjectPath, this);
 }
 

@@ -20,7 +20,7 @@ public:
     ~LoginManager() override;
 
     /// Connects to the system bus at \p address, without a name yet.
-    bool connectToBus(const QString &address);
+    bool connectToBus();
     /**
      * Takes the name, to behave as systemd of \p version: from 250 on it tells by a property, from
      * 255 on by a signal of its own, whether a shutdown is a reboot.

@@ -1,5 +1,7 @@
 #include "Platform.h"
 
+#include "BusConnection.h"
+
 #include <QDBusMessage>
 
 namespace {
@@ -17,10 +19,10 @@ bool send(const QDBusConnection &connection, const QString &member, const QStrin
 
 Platform::Platform() : m_owner("platform"), m_stranger("stranger") { }
 
-bool Platform::start(const QString &address)
+bool Platform::start()
 {
-    m_owner = QDBusConnection::connectToBus(address, "platform");
-    m_stranger = QDBusConnection::connectToBus(address, "stranger");
+    m_owner = connectedTo("session", "platform");
+    m_stranger = connectedTo("session", "stranger");
     return m_owner.registerService("com.orbitalis.ulmo.platform");
 }
 

@@ -10,7 +10,7 @@ public:
     Platform();
 
     /// Takes its name on the session bus at \p address; a stranger without a name connects too.
-    bool start(const QString &address);
+    bool start();
     /// Sends PowerSuspend and the like, or SupervisorShutdown, which has no \p reason.
     bool sendEvent(const QString &member, const QString &reason);
     /// The same from somebody who does not own the platform's name.

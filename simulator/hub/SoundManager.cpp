@@ -1,5 +1,6 @@
 #include "SoundManager.h"
 
+#include "BusConnection.h"
 #include "Faults.h"
 
 #include <QDBusError>
@@ -13,11 +14,11 @@ const char ObjectPath[] = "/com/orbitalis/ulmo/soundmanager/soundobj";
 
 SoundManager::SoundManager(QObject *parent) : QObject(parent), m_connection("soundmanager") { }
 
-bool SoundManager::start(const QString &address)
+bool SoundManager::start()
 {
-    m_connection = QDBusConnection::connectToBus(address, "soundmanager");
+    m_connection = connectedTo("session", "soundmanager");
     return m_connection.registerObject(ObjectPath, this, QDBusConnection::ExportScriptableSlots)
-        && m_connection.registerService(ServiceName);
+        && (m_fault == "absent" || m_connection.registerService(ServiceName));
 }
 
 bool SoundManager::setFault(const QString &fault)

@@ -18,7 +18,7 @@ public:
     explicit SoundManager(QObject *parent = nullptr);
 
     /// Takes its name on the session bus at \p address.
-    bool start(const QString &address);
+    bool start();
     /**
      * \p fault: "absent", "refuse", "refuse=MILLISECONDS" (later), "delay=MILLISECONDS", "never";
      * empty: works. False: unknown.
