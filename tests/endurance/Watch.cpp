@@ -9,6 +9,8 @@ namespace {
 const QStringList Children {"bluetoothd", "agent", "pulseaudio"};
 /// A little less than the 10 s after which a silent phone is reported, for the journal's clock.
 const double NoPlaySeconds = 9.8;
+/// The same of the 15 s for which the service waits for BlueZ.
+const double StartSeconds = 14.8;
 
 } // namespace
 
@@ -60,6 +62,7 @@ QString Watch::readProcess(const QJsonObject &entry)
             m_reconnectPending = false;
             m_polls = false;
             m_silentSince = -1;
+            m_startingSince = -1;
         }
         return QString();
     }
@@ -113,10 +116,22 @@ QString Watch::readTimers(const QString &message, double time)
     else if (message.startsWith("wait pulseaudio ") && !m_polls)
         return "nobody waits for pulseaudio";
 
-    if (message == "load timer for reconnect")
+    if (message.startsWith("bluez started and wait registration"))
+        m_startingSince = time;
+    else if (message.startsWith("bluez service registered"))
+        m_startingSince = -1;
+    else if (message.startsWith("bluez service timeout")
+             && (m_startingSince < 0 || time - m_startingSince < StartSeconds))
+        return "nobody has waited for BlueZ for so long";
+
+    if (message == "load timer for reconnect"
+        || (message.startsWith("trust for ") && message.endsWith(" is true"))) {
         m_reconnectPending = true;
-    else if (message == "reconnect")
+    } else if (message == "reconnect") {
+        if (!m_reconnectPending)
+            return "nobody is to be connected again";
         m_reconnectPending = false;
+    }
     return QString();
 }
 

@@ -52,6 +52,7 @@ private:
     bool m_agentRegistered = false;
     bool m_polls = false; ///< PulseAudio is being brought up
     double m_silentSince = -1; ///< since when the no-play timer runs; negative when it does not
+    double m_startingSince = -1; ///< since when BlueZ is awaited; negative when it is not
 };
 
 #endif

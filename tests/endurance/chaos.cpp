@@ -8,6 +8,8 @@
 #include <QThread>
 
 #include <cstdio>
+#include <sched.h>
+#include <sys/mount.h>
 
 namespace {
 
@@ -15,38 +17,48 @@ namespace {
 const qint64 BlockingMs = 35000;
 const int StepsBetweenRecoveries = 40;
 
-/// The settings file of a product, which can become unusable and come back.
+/**
+ * The settings file, on a disk of its own that is very small. Inside and outside of the product it
+ * is seen at the same place.
+ */
 class Settings
 {
 public:
-    explicit Settings(VirtualProduct &product) : m_folder(product.folder() + '/')
+    static constexpr const char *File = "/mnt/settings.ini";
+
+    /// Whether it is there; only root may have it, or who is in namespaces of his own.
+    bool create()
     {
-        QFile file(m_folder + "settings.ini");
-        file.open(QIODevice::ReadOnly);
-        write(Kept, "# by hand\n[OTHER]\nkept=yes\n" + file.readAll());
+        if (unshare(CLONE_NEWNS) != 0
+            || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0
+            || mount("settings", Disk, "tmpfs", 0, "size=32k") != 0)
+            return false;
+        write(Kept, "# by hand\n[OTHER]\nkept=yes\n");
         choose("whole");
+        return true;
     }
 
-    /// "whole", "full" (can be read, but takes no new content) or "broken" (cannot be read).
+    /// "whole", "full" and "read-only" (can be read, but takes no new content), or "broken" (cannot
+    /// be read).
     void choose(const QString &state)
     {
-        if (state == "full") {
-            QFile file(m_folder + Kept);
-            file.open(QIODevice::ReadOnly);
-            write(longName(), file.readAll());
-        }
-        const QString target = state == "whole" ? Kept : state == "full" ? longName() : ".";
-        const QString link = m_folder + "settings.link";
-        QFile::link(target, link);
+        remount(0);
+        QFile::remove(Ballast);
         // Replaces what is there at once, which QFile would not do.
-        if (std::rename(qPrintable(link), qPrintable(m_folder + "settings.ini")) != 0)
+        const char link[] = "/mnt/settings.link";
+        QFile::link(state == "broken" ? "." : Kept, link);
+        if (std::rename(link, File) != 0)
             qFatal("cannot replace the settings file");
+        if (state == "full")
+            fill();
+        else if (state == "read-only")
+            remount(MS_RDONLY);
     }
 
     /// What is wrong with the file, where \p saved was written to it last.
     QString check(const QMap<QString, QString> &saved) const
     {
-        QFile file(m_folder + Kept);
+        QFile file(Kept);
         file.open(QIODevice::ReadOnly);
         const QByteArray content = file.readAll();
         if (!content.startsWith("# by hand\n") || !content.contains("[OTHER]\nkept=yes\n"))
@@ -60,25 +72,39 @@ public:
     }
 
 private:
-    static constexpr const char *Kept = "kept.ini";
+    static constexpr const char *Disk = "/mnt";
+    static constexpr const char *Kept = "/mnt/kept.ini";
+    static constexpr const char *Ballast = "/mnt/ballast";
 
-    /// A name so long that no temporary file beside it can have a longer one.
-    static QString longName() { return QString(250, 'x'); }
+    void remount(unsigned long flags)
+    {
+        // The product's view of the disk follows: it is the disk that changes, not the mount.
+        if (mount("settings", Disk, "tmpfs", MS_REMOUNT | flags, "size=32k") != 0)
+            qFatal("cannot change the settings' disk");
+    }
+
+    void fill()
+    {
+        QFile ballast(Ballast);
+        const QByteArray block(4096, 'x');
+        if (!ballast.open(QIODevice::WriteOnly | QIODevice::Unbuffered))
+            qFatal("cannot fill the settings' disk");
+        while (ballast.write(block) == block.size()) { }
+    }
 
     void write(const QString &name, const QByteArray &content)
     {
-        QFile file(m_folder + name);
+        QFile file(name);
         if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
             qFatal("cannot write the settings");
     }
-
-    QString m_folder;
 };
 
 VirtualProduct::Options stopped()
 {
     VirtualProduct::Options options;
     options.startService = false;
+    options.environment << QString("ULMO_SETTINGS=") + Settings::File;
     return options;
 }
 
@@ -112,7 +138,7 @@ private:
     QStringList bluezFault();
     QStringList serviceStep();
     void carryOut(const QString &line);
-    void awaitRunning();
+    void checkEnd(bool orderly);
     void check();
     void recover();
     void waitUntilOn();
@@ -132,23 +158,23 @@ QStringList Chaos::nextStep()
     const int choice = m_run.below(100);
     if (choice < 40)
         return phoneStep();
-    if (choice < 58)
+    if (choice < 56)
         return callStep();
-    if (choice < 68)
+    if (choice < 66)
         return programFault();
-    if (choice < 76)
+    if (choice < 74)
         return bluezFault();
-    if (choice < 82)
+    if (choice < 80)
         return {"kill " + m_run.oneOf({"bluetoothd", "agent", "pulseaudio", "pulseaudio"}) + ' '
                 + m_run.oneOf({"KILL", "TERM", "SEGV"})};
-    if (choice < 85)
+    if (choice < 83)
         return {"fault soundmanager " + m_run.oneOf({"absent", "refuse", "delay=300", "never"})};
-    if (choice < 91)
+    if (choice < 89)
         return {"fault clear"};
-    if (choice < 95)
+    if (choice < 92)
         return {"platform " + m_run.oneOf({"suspend", "shutdown", "reboot", "shutdown restore"})};
-    if (choice < 98)
-        return {"settings " + m_run.oneOf({"whole", "full", "broken"})};
+    if (choice < 96)
+        return {"settings " + m_run.oneOf({"whole", "full", "full", "read-only", "broken"})};
     return serviceStep();
 }
 
@@ -239,6 +265,10 @@ QStringList Chaos::bluezFault()
 QStringList Chaos::serviceStep()
 {
     // It does not start with settings that cannot be read, and is not meant to.
+    if (m_run.onceIn(3)) {
+        const QString bus = "bus " + m_run.oneOf({"session", "system"});
+        return {"settings whole", bus + " kill", "service stop", bus + " start", "service start"};
+    }
     return {"settings whole",
             m_run.oneOf({"service stop", "service kill KILL", "service kill INT",
                          "platform supervisor-end"}),
@@ -261,9 +291,19 @@ void Chaos::carryOut(const QString &line)
     if (line == "fault clear")
         m_product->tell("fault bluetoothd adapter-delay=0");
     if (endsService)
-        m_product->expect({{"kind", "end"}, {"program", "service"}});
+        checkEnd(line != "service kill KILL");
     else if (line == "service start")
         Steps::waitUntilRunning(*m_product);
+}
+
+/// The service ends, and if \p orderly then as it should and without leaving a child behind.
+void Chaos::checkEnd(bool orderly)
+{
+    const QJsonObject end = m_product->expect({{"kind", "end"}, {"program", "service"}});
+    if (!orderly)
+        return;
+    QCOMPARE(end.value("status").toInt(-1), 0);
+    Steps::expectNothingLeft(*m_product);
 }
 
 /// Nothing is wrong, and the service answers.
@@ -383,9 +423,10 @@ void Chaos::playNext()
 
 void Chaos::servesOn()
 {
+    Settings settings;
+    QVERIFY2(settings.create(), "a disk can be had by root, or below enter-namespaces");
     Road product(stopped());
     Watch watch(product);
-    Settings settings(product);
     m_product = &product;
     m_watch = &watch;
     m_settings = &settings;
@@ -414,7 +455,6 @@ void Chaos::servesOn()
     carryOut("service stop");
     const QString wrong = watch.follow();
     QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
-    Steps::expectNothingLeft(product);
 }
 
 ENDURANCE_MAIN(Chaos, 300)
