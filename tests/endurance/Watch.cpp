@@ -60,6 +60,7 @@ QString Watch::readProcess(const QJsonObject &entry)
             m_endExpected = false;
             m_held.clear();
             m_reconnectPending = false;
+            m_restartPending = false;
             m_polls = false;
             m_silentSince = -1;
             m_startingSince = -1;
@@ -97,26 +98,20 @@ QString Watch::readHolding(const QString &message)
 /// No timer outlives what it is for.
 QString Watch::readTimers(const QString &message, double time)
 {
-    if (message == "start/restart timer for no play") {
-        m_silentSince = time;
-    } else if (message == "forceSyncDown" || message.startsWith("disconnectDevice ")
-               || message == "connection coming from ulmo") {
-        m_silentSince = -1;
-    } else if (message == "CONNECTED BUT NOT PLAYING") {
-        if (m_silentSince < 0 || time - m_silentSince < NoPlaySeconds)
-            return "nobody has been silent for so long";
-        m_silentSince = time;
-    }
-
     if (message.startsWith("try to start pulseaudio for "))
         m_polls = true;
     else if (message == "there is step to start pulseaudio running"
              || message == "stop pulseaudio because not used any more")
         m_polls = false;
-    else if (message.startsWith("wait pulseaudio ") && !m_polls)
+    else if (!m_polls
+             && (message.startsWith("wait pulseaudio ") || message.contains("pactl load-module ")))
         return "nobody waits for pulseaudio";
 
-    if (message.startsWith("bluez started and wait registration"))
+    if (message.startsWith("bluezDown down"))
+        m_restartPending = true;
+    else if (message == "startStartupSequence requested")
+        m_restartPending = false;
+    else if (message == "bluez started and wait registration")
         m_startingSince = time;
     else if (message.startsWith("bluez service registered"))
         m_startingSince = -1;
@@ -132,6 +127,32 @@ QString Watch::readTimers(const QString &message, double time)
             return "nobody is to be connected again";
         m_reconnectPending = false;
     }
+    return readSilence(message, time);
+}
+
+/// The same of the timer of a phone that is connected and silent.
+QString Watch::readSilence(const QString &message, double time)
+{
+    static const QRegularExpression change("^AudioSourcePropertyChanged \\(\\S+\\)(\\S+) State=");
+    const QString source = change.match(message).captured(1);
+    if (message == "start/restart timer for no play") {
+        m_silentSince = time;
+        m_silentSource = m_changedSource;
+    } else if (message.startsWith("Disconnect /")) {
+        m_silentBefore = m_silentSince;
+        m_silentSince = -1;
+    } else if (message.startsWith("disconnectDevice ")
+               && message.endsWith("connected but error on it")) {
+        m_silentSince = m_silentBefore;
+    } else if (message == "forceSyncDown" || (!source.isEmpty() && source == m_silentSource)) {
+        m_silentSince = -1;
+    } else if (message == "CONNECTED BUT NOT PLAYING") {
+        if (m_silentSince < 0 || time - m_silentSince < NoPlaySeconds)
+            return "nobody has been silent for so long";
+        m_silentSince = time;
+    }
+    if (!source.isEmpty())
+        m_changedSource = source;
     return QString();
 }
 

@@ -25,6 +25,8 @@ public:
     bool isServiceRunning() const { return !m_alive.value("service").isEmpty(); }
     /// Whether the service holds a phone that it has announced to make again.
     bool isReconnectPending() const { return m_reconnectPending; }
+    /// Whether BlueZ has ended by itself and is to be started again.
+    bool isRestartPending() const { return m_restartPending; }
     /// Whether the agent that runs now is known to the BlueZ that runs now.
     bool isAgentRegistered() const { return m_agentRegistered; }
     /// What the service said last that it has saved, as in the settings file.
@@ -39,6 +41,7 @@ private:
     QString readLog(const QString &message, double time);
     QString readHolding(const QString &message);
     QString readTimers(const QString &message, double time);
+    QString readSilence(const QString &message, double time);
     void readSaved(const QString &message);
     QString findDoubled();
 
@@ -49,9 +52,13 @@ private:
     QString m_held;
     bool m_endExpected = false;
     bool m_reconnectPending = false;
+    bool m_restartPending = false;
     bool m_agentRegistered = false;
     bool m_polls = false; ///< PulseAudio is being brought up
     double m_silentSince = -1; ///< since when the no-play timer runs; negative when it does not
+    double m_silentBefore = -1; ///< the same before the disconnection that is tried
+    QString m_silentSource; ///< whose silence that is
+    QString m_changedSource; ///< whose state has changed last
     double m_startingSince = -1; ///< since when BlueZ is awaited; negative when it is not
 };
 

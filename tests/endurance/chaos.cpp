@@ -343,6 +343,13 @@ void Chaos::recover()
 /// What is under way may take its time, but in the end the stack is on.
 void Chaos::waitUntilOn()
 {
+    const int before = m_product->mark();
+    const QString wrong = m_watch->follow();
+    QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
+    if (m_watch->isRestartPending()) {
+        m_product->rewind(before);
+        m_product->expectLog(4, "startStartupSequence requested");
+    }
     const int attempts = 6;
     for (int i = 0; i < attempts && !QTest::currentTestFailed(); ++i) {
         const int from = m_product->mark();
