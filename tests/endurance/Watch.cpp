@@ -7,10 +7,10 @@
 namespace {
 
 const QStringList Children {"bluetoothd", "agent", "pulseaudio"};
-/// A little less than the 10 s after which a silent phone is reported, for the journal's clock.
-const double NoPlaySeconds = 9.8;
+/// The 10 s after which a silent phone is reported, less what a timer may be early: 5 per cent.
+const double NoPlaySeconds = 9.4;
 /// The same of the 15 s for which the service waits for BlueZ.
-const double StartSeconds = 14.8;
+const double StartSeconds = 14.2;
 
 } // namespace
 

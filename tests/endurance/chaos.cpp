@@ -145,6 +145,7 @@ private:
     void waitUntilAlone();
     void waitForAgent();
     void playNext();
+    void letTimersRunOut();
 
     Run &m_run;
     Road *m_product = nullptr;
@@ -167,6 +168,8 @@ QStringList Chaos::nextStep()
     if (choice < 80)
         return {"kill " + m_run.oneOf({"bluetoothd", "agent", "pulseaudio", "pulseaudio"}) + ' '
                 + m_run.oneOf({"KILL", "TERM", "SEGV"})};
+    if (choice < 81)
+        return {"kill pulseaudio STOP"};
     if (choice < 83)
         return {"fault soundmanager " + m_run.oneOf({"absent", "refuse", "delay=300", "never"})};
     if (choice < 89)
@@ -246,6 +249,9 @@ QStringList Chaos::programFault()
     // Takes the 15 s for which the service waits for the daemon.
     if (m_run.isLong() && m_run.onceIn(10))
         return {"fault bluetoothd hang times=1", "kill bluetoothd"};
+    // Takes the 30 s after which a command is killed; one such thing at a time.
+    if (m_run.isLong() && m_run.onceIn(10))
+        return {"fault clear", "fault pactl hang times=1"};
     return {m_run.oneOf(lines)};
 }
 
@@ -256,9 +262,9 @@ QStringList Chaos::bluezFault()
                      "Manager.DefaultAdapter", "Device.GetProperties", "Device.SetProperty",
                      "Adapter.ListDevices"});
     const QString times = " times=" + QString::number(1 + m_run.below(3));
-    // Takes the 25 s for which the bus library waits for an answer.
+    // Takes the 25 s for which the bus library waits for an answer; one such thing at a time.
     if (m_run.isLong() && m_run.onceIn(10))
-        return {"fault bluez:" + method + " never times=1"};
+        return {"fault clear", "fault bluez:" + method + " never times=1"};
     return {"fault bluez:" + method + ' ' + m_run.oneOf({"error", "delay=300"}) + times};
 }
 
@@ -428,6 +434,19 @@ void Chaos::playNext()
     m_product->expect({{"kind", "end"}, {"program", "pulseaudio"}});
 }
 
+/// For so long that whatever timer runs without a reason would show itself.
+void Chaos::letTimersRunOut()
+{
+    m_product->tell("fault agent missing");
+    m_product->rewind(m_product->mark());
+    m_product->tell("kill agent");
+    // At once, and each 10 s.
+    for (int i = 0; i < 3; ++i)
+        m_product->expectLog(2, "not possible to restart agent");
+    carryOut("fault clear");
+    m_product->expectLog(2, "restart agent ok");
+}
+
 void Chaos::servesOn()
 {
     Settings settings;
@@ -459,6 +478,8 @@ void Chaos::servesOn()
     if (QTest::currentTestFailed())
         return;
     recover();
+    if (m_run.isLong())
+        letTimersRunOut();
     carryOut("service stop");
     const QString wrong = watch.follow();
     QVERIFY2(wrong.isEmpty(), qPrintable(wrong));
