@@ -144,6 +144,7 @@ private:
     void waitUntilOn();
     void waitUntilAlone();
     void waitForAgent();
+    QString connectNext();
     void playNext();
     void letTimersRunOut();
 
@@ -408,12 +409,13 @@ void Chaos::waitForAgent()
     m_product->settle();
 }
 
-void Chaos::playNext()
+/// Has a phone come that has never been here, and returns its name.
+QString Chaos::connectNext()
 {
     const QString guest = QString("guest%1").arg(++m_guests);
     const QString address = QString("00:1A:7D:DA:72:%1").arg(m_guests, 2, 16, QChar('0'));
     m_product->tell("phone add " + guest + " trusted address=" + address);
-    const int from = m_product->mark();
+    m_product->rewind(m_product->mark());
     if (m_product->attempt("phone " + guest + " connect").contains("error")) {
         // A command that failed has left the unit invisible, until it is switched on anew.
         m_product->call("SetEnabled", {"b:false"});
@@ -422,6 +424,13 @@ void Chaos::playNext()
         m_product->tell("phone " + guest + " connect");
     }
     m_product->expect({{"kind", "call"}, {"member", "PlayBluetooth"}});
+    return guest;
+}
+
+void Chaos::playNext()
+{
+    const QString guest = connectNext();
+    const int from = m_product->mark();
     m_product->attempt("phone " + guest + " play");
     m_product->awaitPhone(from, guest, "playing");
 
@@ -434,9 +443,13 @@ void Chaos::playNext()
     m_product->expect({{"kind", "end"}, {"program", "pulseaudio"}});
 }
 
-/// For so long that whatever timer runs without a reason would show itself.
+/// Goes on for so long that whatever timer runs without a reason shows itself.
 void Chaos::letTimersRunOut()
 {
+    connectNext();
+    m_product->call("SetEnabled", {"b:false"});
+    waitUntilOn();
+    waitForAgent();
     m_product->tell("fault agent missing");
     m_product->rewind(m_product->mark());
     m_product->tell("kill agent");
