@@ -38,7 +38,6 @@ Daemon::Daemon(HubLink *hub, const QString &adapterName, QObject *parent)
     m_context.phones = &m_phones;
     m_context.journal = [hub](const QJsonObject &entry) { hub->event(entry); };
     takeOptions(hub->options());
-    m_phones.addAll(hub->phones());
     connect(hub, &HubLink::optionsChanged, this, &Daemon::takeOptions);
     connect(hub, &HubLink::commandReceived, this, &Daemon::carryOut);
     m_context.bus.connection().connect(QString(), "/org/freedesktop/DBus/Local",

@@ -4,7 +4,6 @@
 #include "Context.h"
 #include "Phone.h"
 
-#include <QProcess>
 #include <QRegularExpression>
 
 namespace {
@@ -29,20 +28,6 @@ PhoneBook::PhoneBook(Context *context) : m_context(context)
 }
 
 PhoneBook::~PhoneBook() = default;
-
-void PhoneBook::addAll(const QJsonArray &phones)
-{
-    for (const QJsonValue &value : phones) {
-        if (value.isString()) {
-            QStringList words = QProcess::splitCommand(value.toString());
-            const QString handle = words.isEmpty() ? QString() : words.takeFirst();
-            add(handle, words);
-        } else {
-            const QJsonObject description = value.toObject();
-            add(description.value("phone").toString(), description);
-        }
-    }
-}
 
 void PhoneBook::setUnit(Adapter *adapter)
 {

@@ -1,7 +1,7 @@
 #ifndef PHONEBOOK_H
 #define PHONEBOOK_H
 
-#include <QJsonArray>
+#include <QJsonObject>
 #include <QJsonObject>
 #include <QString>
 #include <QStringList>
@@ -26,9 +26,6 @@ public:
     explicit PhoneBook(Context *context);
     ~PhoneBook();
 
-    /// Adds the phones of the hub's answer that are not there yet: objects with "phone" (the short
-    /// name) and the description, or texts as after "phone add".
-    void addAll(const QJsonArray &phones);
     /// The unit's radio is there.
     void setUnit(Adapter *adapter);
 

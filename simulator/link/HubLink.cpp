@@ -114,11 +114,6 @@ QJsonObject HubLink::options() const
     return m_options;
 }
 
-QJsonArray HubLink::phones() const
-{
-    return m_answer.value("phones").toArray();
-}
-
 void HubLink::reply(int id, const QString &text)
 {
     send({{"reply", id}, {"ok", text}});

@@ -67,8 +67,6 @@ public:
      * "delay" (milliseconds) and "never" (true), and maybe with "times" and "after".
      */
     QJsonObject options() const;
-    /// "phones" of the answer: phones to begin with.
-    QJsonArray phones() const;
 
     /// Answers the command \p id.
     void reply(int id, const QString &text);
