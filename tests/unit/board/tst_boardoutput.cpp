@@ -1,7 +1,6 @@
 #include "Recording.h"
 #include "TestSupport.h"
 
-#include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -25,9 +24,7 @@ private Q_SLOTS:
     void lateFramesAreSilence();
     void takesFramesBack();
     void isOneCard();
-    void wantsItsFormat_data();
     void wantsItsFormat();
-    void refusesConfigurations_data();
     void refusesConfigurations();
 
 private:
@@ -101,10 +98,15 @@ void BoardOutputTest::playsInRealTime()
     const auto sound = sines(440, 660, 0.5, 1);
     const long frames = long(sound.size() / 2);
     QCOMPARE(snd_pcm_writei(m_device, sound.data(), bufferFrames), bufferFrames);
-    QElapsedTimer elapsed;
-    elapsed.start();
     const double start = monotonicTime();
     QCOMPARE(snd_pcm_start(m_device), 0);
+    // With time stamps of another clock, PulseAudio would take the latency for 0.
+    snd_pcm_status_t *status;
+    snd_pcm_status_alloca(&status);
+    QCOMPARE(snd_pcm_status(m_device, status), 0);
+    snd_htimestamp_t stamp;
+    snd_pcm_status_get_htstamp(status, &stamp);
+    QVERIFY(std::fabs(double(stamp.tv_sec) - start) < 2);
     for (long done = bufferFrames; done < frames;) {
         const long written = snd_pcm_writei(m_device, &sound[std::size_t(2 * done)],
                                             snd_pcm_uframes_t(frames - done));
@@ -112,8 +114,8 @@ void BoardOutputTest::playsInRealTime()
         done += written;
     }
     QCOMPARE(snd_pcm_drain(m_device), 0);
-    QVERIFY2(elapsed.elapsed() >= 999, qPrintable(QString::number(elapsed.elapsed())));
-    QVERIFY2(elapsed.elapsed() < 2000, qPrintable(QString::number(elapsed.elapsed())));
+    const double elapsed = monotonicTime() - start;
+    QVERIFY2(elapsed > 0.999 && elapsed < 2, qPrintable(QString::number(elapsed)));
 
     QCOMPARE(readFile(raw()), bytesOf(sound));
     const auto time = recording().timeOf(0);
@@ -161,16 +163,8 @@ void BoardOutputTest::goesOnAfterAStop()
                  + bytesOf(std::vector<std::int16_t>(2 * 1000, 2)));
 
     // The pause between the two is not in the file, but in the log.
-    const Recording both = recording();
-    QVERIFY(both.timeOf(999) && both.timeOf(1000));
-    const double first = *both.timeOf(0), second = *both.timeOf(1000);
-    QVERIFY(second - first > 1000.0 / Rate);
-    const auto heard =
-        both.heardBefore(second + 1000.0 / Rate, std::llround((second - first) * Rate) + 1000);
-    QCOMPARE(int(std::count(heard.begin(), heard.end(), 1)), 2000);
-    QCOMPARE(int(std::count(heard.begin(), heard.end(), 2)), 2000);
-    QCOMPARE(heard.back(), std::int16_t(2));
-    QCOMPARE(heard[2 * 1000 + 2], std::int16_t(0));
+    const auto first = recording().timeOf(0), second = recording().timeOf(1000);
+    QVERIFY(first && second && *second - *first > 1000.0 / Rate);
 }
 
 void BoardOutputTest::lateFramesAreSilence()
@@ -215,47 +209,37 @@ void BoardOutputTest::isOneCard()
     QVERIFY(prepare());
 }
 
-void BoardOutputTest::wantsItsFormat_data()
-{
-    QTest::addColumn<int>("format");
-    QTest::addColumn<unsigned>("channels");
-    QTest::addColumn<unsigned>("rate");
-    QTest::addColumn<bool>("taken");
-
-    QTest::newRow("its own") << int(SND_PCM_FORMAT_S16_LE) << 2u << 44100u << true;
-    QTest::newRow("mono") << int(SND_PCM_FORMAT_S16_LE) << 1u << 44100u << false;
-    QTest::newRow("48000 Hz") << int(SND_PCM_FORMAT_S16_LE) << 2u << 48000u << false;
-    QTest::newRow("32 bit") << int(SND_PCM_FORMAT_S32_LE) << 2u << 44100u << false;
-}
-
 void BoardOutputTest::wantsItsFormat()
 {
-    QFETCH(int, format);
-    QFETCH(unsigned, channels);
-    QFETCH(unsigned, rate);
-
-    QCOMPARE(openDevice(&m_device, fileField()), 0);
-    const int error = snd_pcm_set_params(m_device, snd_pcm_format_t(format),
-                                         SND_PCM_ACCESS_RW_INTERLEAVED, channels, rate, 0, 100000);
-    QTEST(error == 0, "taken");
-}
-
-void BoardOutputTest::refusesConfigurations_data()
-{
-    QTest::addColumn<QByteArray>("fields");
-
-    QTest::newRow("no file") << QByteArray();
-    QTest::newRow("unknown field") << fileField() + " rate 44100";
-    QTest::newRow("number for a file") << QByteArray("file 5");
-    QTest::newRow("folder missing") << QByteArray("file \"/nonexistent/board.raw\"");
+    const struct
+    {
+        snd_pcm_format_t format;
+        unsigned channels;
+        unsigned rate;
+        bool isTaken;
+    } cases[] = {
+        {SND_PCM_FORMAT_S16_LE, 2, 44100, true},
+        {SND_PCM_FORMAT_S16_LE, 1, 44100, false},
+        {SND_PCM_FORMAT_S16_LE, 2, 48000, false},
+        {SND_PCM_FORMAT_S32_LE, 2, 44100, false},
+    };
+    for (const auto &[format, channels, rate, isTaken] : cases) {
+        QCOMPARE(openDevice(&m_device, fileField()), 0);
+        const int error = snd_pcm_set_params(m_device, format, SND_PCM_ACCESS_RW_INTERLEAVED,
+                                             channels, rate, 0, 100000);
+        QCOMPARE(error == 0, isTaken);
+        cleanup();
+    }
 }
 
 void BoardOutputTest::refusesConfigurations()
 {
-    QFETCH(QByteArray, fields);
-
-    QVERIFY(openDevice(&m_device, fields) < 0);
-    m_device = nullptr;
+    for (const QByteArray &fields :
+         {QByteArray(), fileField() + " rate 44100", QByteArray("file 5"),
+          QByteArray("file \"/nonexistent/board.raw\"")}) {
+        snd_pcm_t *device = nullptr;
+        QVERIFY2(openDevice(&device, fields) < 0, fields.constData());
+    }
 }
 
 QTEST_GUILESS_MAIN(BoardOutputTest)
