@@ -75,8 +75,8 @@ private:
     QString role(const QString &path) const;
     QString text(const QJsonValue &value) const;
 
-    QLocalServer m_server;
     Bluetoothd m_hub;
+    QLocalServer m_server;
     BusMonitor m_monitor;
     QDBusConnection m_caller;
     QProcess m_daemon;
