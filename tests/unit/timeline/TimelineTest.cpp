@@ -23,6 +23,7 @@ namespace {
 
 const int BrowserTimeoutMs = 120000;
 const qint64 MostBytes = 2 * 1024 * 1024;
+const double Origin = 16365.021770806; // time 0 of the road by CLOCK_MONOTONIC
 
 QByteArray contents(const QString &fileName)
 {
@@ -41,14 +42,9 @@ QJsonObject fields(const QByteArray &json)
     return QJsonDocument::fromJson(json).object();
 }
 
-QByteArray line(const QJsonObject &entry)
+QByteArray journalLine(const QJsonObject &entry)
 {
     return QJsonDocument(entry).toJson(QJsonDocument::Compact) + '\n';
-}
-
-QByteArray roadJournal()
-{
-    return contents(FOLDER "/runs/road/journal.jsonl");
 }
 
 /// Each case of states.txt as a run of the service, which logs its title and expectation as well.
@@ -63,7 +59,7 @@ QByteArray statesJournal()
         const auto add = [&](const QString &kind) {
             entry.insert("kind", kind);
             entry.insert("time", ++tenths / 10.0);
-            journal += line(entry);
+            journal += journalLine(entry);
         };
         if (text.startsWith("== "))
             add("start");
@@ -78,7 +74,8 @@ QByteArray statesJournal()
 /// The road again and again, for ten minutes.
 QByteArray longJournal()
 {
-    const QList<QByteArray> road = roadJournal().trimmed().split('\n');
+    const QList<QByteArray> road =
+        contents(FOLDER "/runs/road/journal.jsonl").trimmed().split('\n');
     QByteArray journal;
     for (int visit = 0; visit < 20; ++visit) {
         for (const QByteArray &text : road) {
@@ -87,33 +84,23 @@ QByteArray longJournal()
                 if (entry.contains(clock))
                     entry.insert(clock, entry.value(clock).toDouble() + 30 * visit);
             }
-            journal += line(entry);
+            journal += journalLine(entry);
         }
     }
     return journal;
 }
 
-/// Two stretches of sound with a break between them; a loud half after a silent one in the second.
-bool writeSound(const QString &fileName, double origin)
+/// Sound for runs/road/board.raw.log: two stretches of half a second, and half of the second loud.
+bool writeSound(const QString &fileName)
 {
-    std::vector<std::int16_t> samples(44100 * 2, 0); // half a second each
+    std::vector<std::int16_t> samples(44100 * 2, 0);
     for (std::size_t i = 44100 + 22050; i < samples.size(); i += 2) {
         samples[i] = 16384;
         samples[i + 1] = -8192;
     }
-    const auto clock = [origin](const char *what, int frame, double time) {
-        return QString("%1 frame=%2 monotonic=%3 realtime=1.0\n")
-            .arg(what)
-            .arg(frame)
-            .arg(origin + time, 0, 'f', 9)
-            .toLatin1();
-    };
-    return writeFile(fileName,
-                     QByteArray(reinterpret_cast<const char *>(samples.data()),
-                                int(samples.size() * sizeof samples[0])))
-        && writeFile(fileName + ".log",
-                     clock("start", 0, 2) + clock("stop", 22050, 2.5) + clock("start", 22050, 10)
-                         + "underrun frame=30870 frames=10\n" + clock("stop", 44100, 10.5));
+    const auto *bytes = reinterpret_cast<const char *>(samples.data());
+    return QFile::copy(FOLDER "/runs/road/board.raw.log", fileName + ".log")
+        && writeFile(fileName, QByteArray(bytes, int(samples.size() * sizeof samples[0])));
 }
 
 } // namespace
@@ -145,24 +132,19 @@ private:
 bool TimelineTest::write(const QString &run)
 {
     const QString folder = m_folder.filePath(run);
-    QByteArray journal = contents(FOLDER "/runs/" + run + "/journal.jsonl");
-    const QJsonObject clock = fields(roadJournal().split('\n').first());
-    const double origin = clock.value("monotonic").toDouble() - clock.value("time").toDouble();
-    bool isWritten = QDir().mkpath(folder);
-    if (run == "road") {
-        isWritten = isWritten && writeSound(folder + "/board.raw", origin);
-    } else if (run == "states") {
-        journal = statesJournal();
-    } else if (run == "long") {
-        journal = longJournal();
-        QFile sound(folder + "/board.raw");
-        isWritten = isWritten && sound.open(QIODevice::WriteOnly)
-            && sound.resize(600 * 44100 * 4LL) // ten minutes
-            && writeFile(sound.fileName() + ".log",
-                         "start frame=0 monotonic=" + QByteArray::number(origin) + '\n');
-    }
-    return isWritten && writeFile(folder + "/journal.jsonl", journal)
-        && QProcess::execute(WRITE_TIMELINE, {folder}) == 0
+    const QByteArray journal = run == "states" ? statesJournal()
+        : run == "long"                        ? longJournal()
+                                               : contents(FOLDER "/runs/" + run + "/journal.jsonl");
+    QFile sound(folder + "/board.raw");
+    if (!QDir(folder).removeRecursively() || !QDir().mkpath(folder)
+        || !writeFile(folder + "/journal.jsonl", journal)
+        || (run == "road" && !writeSound(sound.fileName())))
+        return false;
+    if (run == "long"
+        && (!writeFile(sound.fileName() + ".log", "start frame=0 monotonic=16365.0 realtime=1.0\n")
+            || !sound.open(QIODevice::WriteOnly) || !sound.resize(600 * 44100 * 4LL)))
+        return false;
+    return QProcess::execute(WRITE_TIMELINE, {folder}) == 0
         && QFileInfo(folder + "/timeline.html").size() < MostBytes;
 }
 
@@ -217,8 +199,8 @@ void TimelineTest::entriesInWords()
 void TimelineTest::soundInItsPlace()
 {
     const QString path = m_folder.filePath("board.raw");
-    QVERIFY(writeSound(path, 100));
-    const QJsonObject outline = soundOutline(path, 100);
+    QVERIFY(writeSound(path));
+    const QJsonObject outline = soundOutline(path, Origin);
     const double bucket = outline.value("bucket").toDouble();
     QCOMPARE(bucket, 0.01);
     const QJsonArray stretches = outline.value("stretches").toArray();
