@@ -2,7 +2,6 @@
 #define PHONEBOOK_H
 
 #include <QJsonObject>
-#include <QJsonObject>
 #include <QString>
 #include <QStringList>
 
