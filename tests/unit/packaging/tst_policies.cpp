@@ -11,48 +11,13 @@
 #include <QtDBus/QDBusMessage>
 #include <QtTest/QtTest>
 
+#include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
 
 namespace {
 
-// Users that every Debian machine has. "games" is in the group of callers, whose name the test
-// puts in place of the real one.
-const char Member[] = "games";
-const char MemberGroup[] = "games";
-const char Stranger[] = "nobody";
-const char DaemonUser[] = "daemon";
-
-const char Bluetooth[] = "com.orbitalis.ulmo.bluetoothmanager";
-const char BluetoothInterface[] = "com.orbitalis.ulmo.bluetoothinterface";
-const char SoundManager[] = "com.orbitalis.ulmo.soundmanager";
-const char Platform[] = "com.orbitalis.ulmo.platform";
-const char PlatformInterface[] = "com.orbitalis.ulmo.platformevents";
-const char BlueZ[] = "org.bluez";
-const char DriverName[] = "org.freedesktop.DBus";
-
-/** What comes of owning a name that a service has, to whom the bus would give it. */
-const char Owned[] = "owned by somebody else";
-
-struct Row
-{
-    const char *action;
-    /** Of each of the users. */
-    QStringList allowed;
-};
-
-/** A row for each action and user; an action is what bus-user takes. */
-void addRows(const QStringList &users, const QList<Row> &rows)
-{
-    QTest::addColumn<QString>("user");
-    QTest::addColumn<QString>("action");
-    QTest::addColumn<QString>("allowed");
-    for (const Row &row : rows) {
-        for (int i = 0; i < users.count(); ++i)
-            QTest::addRow("%s %s", qPrintable(users.at(i)), row.action)
-                << users.at(i) << row.action << row.allowed.at(i);
-    }
-}
+const char Driver[] = "org.freedesktop.DBus";
 
 QString contentOf(const QString &path)
 {
@@ -66,6 +31,35 @@ bool writeFile(const QString &path, const QString &content)
     return file.open(QIODevice::WriteOnly) && file.write(content.toUtf8()) >= 0;
 }
 
+/** A connection that was made as the user; the bus takes it for the user's from then on. */
+QDBusConnection connectAs(const passwd &user, const QString &address)
+{
+    if (initgroups(user.pw_name, user.pw_gid) != 0 || setegid(user.pw_gid) != 0
+        || seteuid(user.pw_uid) != 0)
+        qFatal("cannot become %s", user.pw_name);
+    const QDBusConnection connection = QDBusConnection::connectToBus(address, "user");
+    if (seteuid(0) != 0 || setegid(0) != 0 || setgroups(0, nullptr) != 0)
+        qFatal("cannot become root again");
+    return connection;
+}
+
+/** "yes" whatever the answer is but a denial: who is called need not know the method. */
+QString outcomeOf(const QDBusMessage &reply)
+{
+    const QString error = reply.errorName().section('.', -1);
+    if (error == "AccessDenied")
+        return "no";
+    return QStringList {"NoReply", "ServiceUnknown", "Disconnected"}.contains(error) ? error
+                                                                                     : "yes";
+}
+
+/** Lets the bus pass on what was sent before, and this process take what has been passed on. */
+void settle(const QDBusConnection &connection)
+{
+    QVERIFY(connection.interface()->isServiceRegistered(Driver).value());
+    QCoreApplication::processEvents();
+}
+
 } // namespace
 
 class PolicyTest : public QObject
@@ -73,51 +67,30 @@ class PolicyTest : public QObject
     Q_OBJECT
 
 public Q_SLOTS:
-    void heard(const QDBusMessage &message)
-    {
-        m_heard << message.service() + ' ' + message.member();
-    }
-    void ownerChanged(const QString &name, const QString &, const QString &newOwner)
-    {
-        if (newOwner.isEmpty())
-            m_gone << name;
-    }
+    void hear() { m_heard = true; }
 
 private Q_SLOTS:
     void initTestCase();
-    void init();
+    void action_data();
+    void action();
+    void cleanup();
     void cleanupTestCase();
-    void productBus_data();
-    void productBus();
-    void otherServices_data();
-    void otherServices();
-    void systemBus_data();
-    void systemBus();
 
 private:
-    struct Bus
-    {
-        QProcess daemon;
-        QString address;
-    };
-
-    void startBus(Bus &bus, const QString &configuration, const QString &user);
-    void listen(const Bus &bus);
-    void tryAction(const Bus &bus, const QString &service);
-    QString end(QProcess &process);
+    void startBus(const QString &name, const QString &configuration, const QStringList &services);
+    QString outcomeOfSignal(QDBusConnection sender, QDBusConnection receiver,
+                            const QStringList &words);
 
     QTemporaryDir m_folder;
-    Bus m_product;
-    Bus m_system;
-    QStringList m_heard;
-    QStringList m_gone;
+    QMap<QString, QString> m_addresses;
+    bool m_heard = false;
 };
 
 void PolicyTest::initTestCase()
 {
     if (geteuid() != 0)
         QSKIP("only root can act as the users that are to be told apart");
-    // The daemons run as other users.
+    // The bus daemons run as another user.
     QVERIFY(QFile::setPermissions(m_folder.path(), QFile::Permissions(0x7777)));
 
     const QString additions = m_folder.filePath("bus.d");
@@ -128,11 +101,13 @@ void PolicyTest::initTestCase()
     QString product = contentOf(PRODUCT_BUS);
     QVERIFY(product.contains("unix:path=/run/ulmo/bus"));
     QVERIFY(product.contains(PRODUCT_BUS_ADDITIONS));
-    QVERIFY(product.contains("group=\"ulmo\""));
-    product.replace("unix:path=/run/ulmo/bus", "unix:path=" + m_folder.filePath("product"));
     product.replace(PRODUCT_BUS_ADDITIONS, additions);
-    product.replace("group=\"ulmo\"", QString("group=\"%1\"").arg(MemberGroup));
-    startBus(m_product, product, DaemonUser);
+    // A group that every machine has, with a user of the same name in it.
+    QVERIFY(product.contains("group=\"ulmo\""));
+    product.replace("group=\"ulmo\"", "group=\"games\"");
+    startBus("product", product,
+             {"com.orbitalis.ulmo.bluetoothmanager", "com.orbitalis.ulmo.soundmanager",
+              "com.orbitalis.ulmo.platform"});
 
     // The machine's own, with this project's policy instead of all others.
     QString system = contentOf("/usr/share/dbus-1/system.conf");
@@ -140,186 +115,152 @@ void PolicyTest::initTestCase()
     for (const char *element : {"user", "pidfile", "servicehelper", "include", "includedir"})
         system.remove(QRegularExpression(QString("<%1[ >][^<]*</%1>").arg(element)));
     system.remove("<fork/>").remove("<syslog/>");
-    system.replace(QRegularExpression("<listen>[^<]*"),
-                   "<listen>unix:path=" + m_folder.filePath("system"));
     // A copy: the daemon's user may not be let into the folder of the sources.
     const QString policy = m_folder.filePath("policy.conf");
     QVERIFY(writeFile(policy, contentOf(SYSTEM_BUS_POLICY)));
     system.replace("</busconfig>", QString("<include>%1</include></busconfig>").arg(policy));
-    startBus(m_system, system, DaemonUser);
-
-    // The services, which run as root, each with a connection of its own: who may call one of the
-    // names of a connection may call them all.
-    for (const char *name : {Bluetooth, SoundManager, Platform})
-        QVERIFY2(QDBusConnection::connectToBus(m_product.address, name).registerService(name),
-                 name);
-    QVERIFY(QDBusConnection::connectToBus(m_system.address, BlueZ).registerService(BlueZ));
-    listen(m_product);
-    listen(m_system);
+    startBus("system", system, {"org.bluez"});
 }
 
-void PolicyTest::startBus(Bus &bus, const QString &configuration, const QString &user)
+/// The services run as root, each with a connection of its own, called like the service: who may
+/// call one of the names of a connection may call them all. One more is called like the bus.
+void PolicyTest::startBus(const QString &name, const QString &configuration,
+                          const QStringList &services)
 {
-    const QString path = m_folder.filePath(QString("bus-%1.conf").arg(quintptr(&bus), 0, 16));
-    QVERIFY(writeFile(path, configuration));
-    bus.daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    bus.daemon.start("setpriv",
-                     {"--reuid", user, "--regid", user, "--clear-groups", "dbus-daemon",
-                      "--config-file", path, "--nofork", "--print-address"});
-    QVERIFY(bus.daemon.waitForStarted());
-    QVERIFY2(bus.daemon.waitForReadyRead(), "the bus daemon does not take the configuration");
-    bus.address = QString::fromLatin1(bus.daemon.readLine().trimmed());
+    const QString path = m_folder.filePath(name + ".conf");
+    const QString listen = "<listen>unix:path=" + m_folder.filePath(name);
+    QVERIFY(writeFile(path,
+                      QString(configuration).replace(QRegularExpression("<listen>[^<]*"), listen)));
+    QProcess *daemon = new QProcess(this);
+    daemon->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    daemon->start("setpriv",
+                  {"--reuid", "daemon", "--regid", "daemon", "--clear-groups", "dbus-daemon",
+                   "--config-file", path, "--nofork", "--print-address"});
+    QVERIFY2(daemon->waitForReadyRead(), "the bus daemon does not take the configuration");
+    const QString address = QString::fromLatin1(daemon->readLine().trimmed());
+    m_addresses.insert(name, address);
+    QVERIFY(QDBusConnection::connectToBus(address, name).isConnected());
+    for (const QString &service : services)
+        QVERIFY2(QDBusConnection::connectToBus(address, service).registerService(service),
+                 qPrintable(service));
 }
 
-/// Takes note of every signal that concerns the test, as root, on a connection named as the bus.
-void PolicyTest::listen(const Bus &bus)
+void PolicyTest::action_data()
 {
-    QDBusConnection connection = QDBusConnection::connectToBus(bus.address, bus.address);
-    for (const char *interface :
-         {BluetoothInterface, PlatformInterface, "org.bluez.Device", "org.bluez.AudioSource"})
-        connection.connect(QString(), QString(), interface, QString(), this,
-                           SLOT(heard(QDBusMessage)));
-    connection.connect(DriverName, QString(), DriverName, "NameOwnerChanged", this,
-                       SLOT(ownerChanged(QString, QString, QString)));
+    QTest::addColumn<QString>("bus");
+    QTest::addColumn<QString>("user");
+    QTest::addColumn<QString>("action"); // see action()
+    QTest::addColumn<QString>("allowed");
+    QString bus;
+    QStringList users;
+    const auto row = [&](const char *allowed, const char *action) {
+        for (int i = 0; i < users.count(); ++i)
+            QTest::addRow("%s %s", qPrintable(users.at(i)), action)
+                << bus << users.at(i) << action << QString(allowed).simplified().split(' ').at(i);
+    };
+
+    bus = "product";
+    users = QStringList {"root", "games", "nobody", "daemon"};
+    row("yes no  no  no", "own com.orbitalis.ulmo.bluetoothmanager");
+    row("yes no  no  no", "own com.orbitalis.ulmo.soundmanager");
+    row("yes no  no  no", "own com.orbitalis.ulmo.platform");
+    row("no  no  no  no", "own com.orbitalis.ulmo.other");
+    row("yes no  no  no", "own com.example.player");
+    row("yes yes no  no",
+        "call com.orbitalis.ulmo.bluetoothmanager com.orbitalis.ulmo.bluetoothinterface GetStatus");
+    row("yes yes no  no",
+        "call com.orbitalis.ulmo.bluetoothmanager org.freedesktop.DBus.Introspectable Introspect");
+    row("yes yes no  no",
+        "call com.orbitalis.ulmo.bluetoothmanager org.freedesktop.DBus.Peer Ping");
+    row("yes yes no  no",
+        "call com.orbitalis.ulmo.bluetoothmanager org.freedesktop.DBus.Properties GetAll");
+    row("yes no  no  no", "call com.orbitalis.ulmo.bluetoothmanager com.example.Other Method");
+    row("yes no  no  no", "call com.orbitalis.ulmo.soundmanager com.example.Sound StopPlay");
+    row("yes no  no  no", "call com.orbitalis.ulmo.platform org.freedesktop.DBus.Peer Ping");
+    row("yes yes no  no", "call org.freedesktop.DBus org.freedesktop.DBus ListNames");
+    row("yes no  no  no",
+        "call org.freedesktop.DBus org.freedesktop.DBus.Monitoring BecomeMonitor");
+    row("yes no  no  no", "signal com.orbitalis.ulmo.bluetoothinterface BluetoothOn");
+    row("yes no  no  no", "signal com.orbitalis.ulmo.platformevents PowerShutdown");
+    row("yes no  no  no", "whisper com.orbitalis.ulmo.platformevents PowerShutdown");
+    row("yes yes no  no",
+        "hear com.orbitalis.ulmo.bluetoothinterface BluetoothOn "
+        "com.orbitalis.ulmo.bluetoothmanager");
+    row("yes no  no  no",
+        "hear com.orbitalis.ulmo.platformevents PowerShutdown com.orbitalis.ulmo.platform");
+
+    bus = "system";
+    users = QStringList {"root", "pulse", "games", "nobody"};
+    row("yes no  no  no", "own org.bluez");
+    row("yes yes no  no", "call org.bluez org.bluez.Manager DefaultAdapter");
+    row("yes no  no  no", "signal org.bluez.Device PropertyChanged");
+    row("yes no  no  no", "whisper org.bluez.Device PropertyChanged");
+    row("yes no  no  no", "signal org.bluez.AudioSource PropertyChanged");
+    row("yes yes yes yes", "hear org.bluez.Device PropertyChanged org.bluez");
 }
 
-void PolicyTest::init()
+void PolicyTest::action()
 {
-    m_heard.clear();
-    m_gone.clear();
+    QFETCH(QString, bus);
+    QFETCH(QString, user);
+    QFETCH(QString, action);
+    QFETCH(QString, allowed);
+    const passwd *entry = getpwnam(qPrintable(user));
+    if (!entry)
+        QSKIP("this machine has no such user");
+    QDBusConnection connection = connectAs(*entry, m_addresses.value(bus));
+    QStringList words = action.split(' ');
+    const QString verb = words.takeFirst();
+
+    QString outcome;
+    if (!connection.isConnected()) {
+        outcome = "no"; // the bus hangs up on somebody who may not connect
+    } else if (verb == "own") {
+        const uint doNotQueue = 4;
+        QDBusMessage call = QDBusMessage::createMethodCall(Driver, "/", Driver, "RequestName");
+        outcome = outcomeOf(connection.call(call << words.first() << doNotQueue));
+    } else if (verb == "call") {
+        outcome = outcomeOf(connection.call(
+            QDBusMessage::createMethodCall(words.at(0), "/", words.at(1), words.at(2)),
+            QDBus::BlockWithGui));
+    } else if (verb == "hear") {
+        outcome = outcomeOfSignal(QDBusConnection(words.takeLast()), connection, words);
+    } else {
+        const QDBusConnection listener(bus);
+        if (verb == "whisper") // to the listener alone
+            words << listener.baseService();
+        outcome = outcomeOfSignal(connection, listener, words);
+    }
+    QCOMPARE(outcome, allowed);
+}
+
+/// Whether the signal arrives: interface, name and, if it is not for everybody, the receiver.
+QString PolicyTest::outcomeOfSignal(QDBusConnection sender, QDBusConnection receiver,
+                                    const QStringList &words)
+{
+    m_heard = false;
+    receiver.connect(QString(), QString(), words.at(0), words.at(1), this, SLOT(hear()));
+    settle(receiver);
+    sender.send(words.size() == 3
+                    ? QDBusMessage::createTargetedSignal(words.at(2), "/", words.at(0), words.at(1))
+                    : QDBusMessage::createSignal("/", words.at(0), words.at(1)));
+    settle(sender);
+    settle(receiver);
+    receiver.disconnect(QString(), QString(), words.at(0), words.at(1), this, SLOT(hear()));
+    return m_heard ? "yes" : "no";
+}
+
+void PolicyTest::cleanup()
+{
+    QDBusConnection::disconnectFromBus("user");
 }
 
 void PolicyTest::cleanupTestCase()
 {
-    for (Bus *bus : {&m_product, &m_system}) {
-        bus->daemon.terminate();
-        bus->daemon.waitForFinished();
+    for (QProcess *daemon : findChildren<QProcess *>()) {
+        daemon->terminate();
+        daemon->waitForFinished();
     }
-}
-
-/// Runs the row's action as the row's user; what the user is to hear comes from \p service.
-void PolicyTest::tryAction(const Bus &bus, const QString &service)
-{
-    QFETCH(QString, user);
-    QFETCH(QString, action);
-    QFETCH(QString, allowed);
-    if (!getpwnam(qPrintable(user)))
-        QSKIP("this machine has no such user");
-
-    QStringList words = action.split(' ');
-    words.replaceInStrings("LISTENER", QDBusConnection(bus.address).baseService());
-    QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start(BUS_USER, QStringList {user, bus.address} + words);
-    QVERIFY(process.waitForReadyRead());
-    const QString uniqueName = QString::fromLatin1(process.readLine().trimmed());
-    if (uniqueName == "no") {
-        QCOMPARE(uniqueName, allowed);
-        QVERIFY(process.waitForFinished());
-        return;
-    }
-    QVERIFY2(uniqueName.startsWith(':'), qPrintable(uniqueName));
-
-    if (words.first() == "signal") {
-        QCOMPARE(end(process), QString("yes"));
-        QTRY_VERIFY_WITH_TIMEOUT(m_gone.contains(uniqueName), 20000);
-        const bool arrived = m_heard.contains(uniqueName + ' ' + words.last());
-        QCOMPARE(arrived ? "yes" : "no", qPrintable(allowed));
-        return;
-    }
-    if (words.first() == "hear") {
-        while (!process.canReadLine())
-            QVERIFY(process.waitForReadyRead());
-        QCOMPARE(process.readLine().trimmed(), QByteArray("hearing"));
-        QDBusConnection connection(service);
-        QVERIFY(connection.send(QDBusMessage::createSignal("/", words.at(1), words.at(2))));
-        const QString endMark = QDBusConnection::connectToBus(bus.address, "end").baseService();
-        process.write(endMark.toLatin1() + '\n');
-        // When the bus answers, it has passed on what was sent before.
-        QVERIFY(connection.interface()->isServiceRegistered(service).value());
-        QDBusConnection::disconnectFromBus("end");
-    }
-    QCOMPARE(end(process), allowed);
-}
-
-/// The last word, while the event loop runs and the services in this process answer.
-QString PolicyTest::end(QProcess &process)
-{
-    if (!QTest::qWaitFor([&] { return process.state() == QProcess::NotRunning; }, 30000))
-        return "did not end";
-    return QString::fromLatin1(process.readAll().trimmed());
-}
-
-void PolicyTest::productBus_data()
-{
-    // clang-format off
-    addRows({"root", Member, Stranger, DaemonUser}, {
-        {"own com.orbitalis.ulmo.bluetoothmanager", {Owned, "no", "no", "no"}},
-        {"own com.orbitalis.ulmo.soundmanager", {Owned, "no", "no", "no"}},
-        {"own com.orbitalis.ulmo.platform", {Owned, "no", "no", "no"}},
-        {"own com.orbitalis.ulmo.other", {"no", "no", "no", "no"}},
-        {"own com.example.player", {"yes", "no", "no", "no"}},
-        {"call com.orbitalis.ulmo.bluetoothmanager com.orbitalis.ulmo.bluetoothinterface GetStatus",
-         {"yes", "yes", "no", "no"}},
-        {"call com.orbitalis.ulmo.bluetoothmanager org.freedesktop.DBus.Introspectable Introspect",
-         {"yes", "yes", "no", "no"}},
-        {"call com.orbitalis.ulmo.bluetoothmanager org.freedesktop.DBus.Peer Ping",
-         {"yes", "yes", "no", "no"}},
-        {"call com.orbitalis.ulmo.bluetoothmanager org.freedesktop.DBus.Properties GetAll",
-         {"yes", "yes", "no", "no"}},
-        {"call com.orbitalis.ulmo.bluetoothmanager com.example.Other Method",
-         {"yes", "no", "no", "no"}},
-        {"call com.orbitalis.ulmo.soundmanager com.example.Sound StopPlay",
-         {"yes", "no", "no", "no"}},
-        {"call com.orbitalis.ulmo.platform org.freedesktop.DBus.Peer Ping",
-         {"yes", "no", "no", "no"}},
-        {"call org.freedesktop.DBus org.freedesktop.DBus ListNames", {"yes", "yes", "no", "no"}},
-        {"call org.freedesktop.DBus org.freedesktop.DBus.Monitoring BecomeMonitor",
-         {"yes", "no", "no", "no"}},
-        {"signal - / com.orbitalis.ulmo.bluetoothinterface BluetoothOn",
-         {"yes", "no", "no", "no"}},
-        {"signal - / com.orbitalis.ulmo.platformevents PowerShutdown",
-         {"yes", "no", "no", "no"}},
-        {"signal LISTENER / com.orbitalis.ulmo.platformevents PowerShutdown",
-         {"yes", "no", "no", "no"}},
-        {"hear com.orbitalis.ulmo.bluetoothinterface BluetoothOn", {"yes", "yes", "no", "no"}},
-    });
-    // clang-format on
-}
-
-void PolicyTest::productBus()
-{
-    tryAction(m_product, Bluetooth);
-}
-
-void PolicyTest::otherServices_data()
-{
-    addRows({"root", Member},
-            {{"hear com.orbitalis.ulmo.platformevents PowerShutdown", {"yes", "no"}}});
-}
-
-void PolicyTest::otherServices()
-{
-    tryAction(m_product, Platform);
-}
-
-void PolicyTest::systemBus_data()
-{
-    // clang-format off
-    addRows({"root", "pulse", Member, Stranger}, {
-        {"own org.bluez", {Owned, "no", "no", "no"}},
-        {"call org.bluez org.bluez.Manager DefaultAdapter", {"yes", "yes", "no", "no"}},
-        {"signal - / org.bluez.Device PropertyChanged", {"yes", "no", "no", "no"}},
-        {"signal LISTENER / org.bluez.Device PropertyChanged", {"yes", "no", "no", "no"}},
-        {"signal - / org.bluez.AudioSource PropertyChanged", {"yes", "no", "no", "no"}},
-        {"hear org.bluez.Device PropertyChanged", {"yes", "yes", "yes", "yes"}},
-    });
-    // clang-format on
-}
-
-void PolicyTest::systemBus()
-{
-    tryAction(m_system, BlueZ);
 }
 
 QTEST_GUILESS_MAIN(PolicyTest)
