@@ -6,7 +6,6 @@
 #include "UlmoFeatureBase.h"
 
 #include <QDBusConnectionInterface>
-#include <QDBusMetaType>
 #include <QDBusUnixFileDescriptor>
 #include <QDBusVirtualObject>
 #include <QtTest>
@@ -32,6 +31,16 @@ void settle(const QDBusConnection &connection)
     const QDBusMessage query = QDBusMessage::createMethodCall(
         "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId");
     QCOMPARE(connection.call(query).type(), QDBusMessage::ReplyMessage);
+}
+
+/** The bus has passed it on when this returns. */
+void emitSignal(const QDBusConnection &connection, const QString &path, const QString &interface,
+                const QString &name, const QVariantList &arguments)
+{
+    QDBusMessage signal = QDBusMessage::createSignal(path, interface, name);
+    signal.setArguments(arguments);
+    connection.send(signal);
+    settle(connection);
 }
 
 class Feature : public UlmoFeatureBase
@@ -61,34 +70,11 @@ private:
     }
 };
 
-/** What the login manager answers when it is asked for its scheduled shutdown. */
-struct Schedule
-{
-    QString kind;
-    qulonglong time = 0;
-};
-
-QDBusArgument &operator<<(QDBusArgument &argument, const Schedule &schedule)
-{
-    argument.beginStructure();
-    argument << schedule.kind << schedule.time;
-    argument.endStructure();
-    return argument;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &argument, Schedule &schedule)
-{
-    argument.beginStructure();
-    argument >> schedule.kind >> schedule.time;
-    argument.endStructure();
-    return argument;
-}
-
 /** A login manager on the system bus. */
 class LoginMock : public QDBusVirtualObject
 {
 public:
-    explicit LoginMock(const QDBusConnection &connection) : m_connection(connection)
+    explicit LoginMock(const char *connection) : m_connection(connection)
     {
         m_connection.registerVirtualObject(LoginPath, this);
         m_connection.registerService(LoginName);
@@ -105,10 +91,15 @@ public:
 
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
     {
-        if (message.member() == "Get" && schedule && message.arguments().value(0) == LoginInterface
-            && message.arguments().value(1) == "ScheduledShutdown")
+        if (message.member() == "Get" && !scheduledKind.isEmpty()
+            && message.arguments() == QVariantList {LoginInterface, "ScheduledShutdown"}) {
+            QDBusArgument schedule;
+            schedule.beginStructure();
+            schedule << scheduledKind << scheduledTime;
+            schedule.endStructure();
             return connection.send(message.createReply(
-                QVariant::fromValue(QDBusVariant(QVariant::fromValue(*schedule)))));
+                QVariant::fromValue(QDBusVariant(QVariant::fromValue(schedule)))));
+        }
         if (message.member() != "Inhibit" || refuses)
             return connection.send(message.createErrorReply("x.Refused", "not today"));
         inhibitions << message.arguments();
@@ -122,6 +113,11 @@ public:
         return connection.send(message.createReply(QVariant::fromValue(given)));
     }
 
+    void announce(const QString &name, const QVariantList &arguments)
+    {
+        emitSignal(m_connection, LoginPath, LoginInterface, name, arguments);
+    }
+
     /** Whether the other end of the last inhibitor given out is open somewhere. */
     bool isInhibited() const
     {
@@ -129,7 +125,8 @@ public:
         return m_inhibitor >= 0 && poll(&inhibitor, 1, 0) == 0;
     }
 
-    std::unique_ptr<Schedule> schedule;
+    QString scheduledKind;
+    qulonglong scheduledTime = 0; // microseconds since 1970, 0 for at once
     bool refuses = false;
     QList<QVariantList> inhibitions;
 
@@ -145,17 +142,7 @@ private:
     int m_inhibitor = -1;
 };
 
-void emitLoginSignal(const QDBusConnection &connection, const QString &name,
-                     const QVariantList &arguments)
-{
-    QDBusMessage signal = QDBusMessage::createSignal(LoginPath, LoginInterface, name);
-    signal.setArguments(arguments);
-    connection.send(signal);
-}
 } // namespace
-
-Q_DECLARE_METATYPE(Schedule)
-Q_DECLARE_METATYPE(QList<QStringList>)
 
 class TestFeatureBase : public QObject
 {
@@ -164,7 +151,6 @@ class TestFeatureBase : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        qDBusRegisterMetaType<Schedule>();
         QVERIFY(qputenv("DBUS_SESSION_BUS_ADDRESS", m_session.address().toLatin1()));
         QVERIFY(qputenv("DBUS_SYSTEM_BUS_ADDRESS", m_system.address().toLatin1()));
         for (const char *name : {"platform", "other"})
@@ -190,49 +176,26 @@ private Q_SLOTS:
         QCOMPARE(logged, QByteArray());
     }
 
-    void platformEvents_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<QVariantList>("arguments");
-        QTest::addColumn<QString>("call");
-
-        QTest::newRow("suspend") << "PowerSuspend" << QVariantList {"lid"} << "suspend lid";
-        QTest::newRow("shutdown") << "PowerShutdown" << QVariantList {"restore"}
-                                  << "shutdown restore";
-        QTest::newRow("reboot") << "PowerReboot" << QVariantList {""} << "reboot ";
-        QTest::newRow("supervisor") << "SupervisorShutdown" << QVariantList() << "supervisor";
-        QTest::newRow("without reason") << "PowerSuspend" << QVariantList() << QString();
-        QTest::newRow("reason of another type") << "PowerReboot" << QVariantList {1} << QString();
-        QTest::newRow("unknown event") << "PowerNap" << QVariantList {"x"} << QString();
-    }
-
+    /** Its well-formed events, and nothing that others say. */
     void platformEvents()
     {
-        QFETCH(QString, name);
-        QFETCH(QVariantList, arguments);
-        QFETCH(QString, call);
-        QVERIFY(QDBusConnection("platform").registerService(PlatformName));
         Feature feature;
         QVERIFY(feature.isInitialized());
-
-        emitPlatformSignal("platform", name, arguments);
-
-        QVERIFY(receivesOnly(feature, call.isEmpty() ? QStringList() : QStringList(call)));
-    }
-
-    void strangersDoNotCount()
-    {
-        Feature feature;
         emitPlatformSignal("other", "PowerShutdown", {"nobody owns the name"});
         QVERIFY(QDBusConnection("platform").registerService(PlatformName));
         emitPlatformSignal("other", "PowerShutdown", {"broadcast"});
-        QDBusMessage unicast = QDBusMessage::createTargetedSignal(
+        QDBusConnection("other").send(QDBusMessage::createTargetedSignal(
             QDBusConnection::sessionBus().baseService(), PlatformPath, PlatformInterface,
-            "SupervisorShutdown");
-        QDBusConnection("other").send(unicast);
+            "SupervisorShutdown"));
         settle(QDBusConnection("other"));
+        emitPlatformSignal("platform", "PowerSuspend", {}); // without a reason
+        emitPlatformSignal("platform", "PowerReboot", {1}); // with one of another type
+        emitPlatformSignal("platform", "PowerNap", {"unknown"});
+        emitPlatformSignal("platform", "PowerShutdown", {"restore"});
+        emitPlatformSignal("platform", "PowerReboot", {""});
+        emitPlatformSignal("platform", "SupervisorShutdown", {});
 
-        QVERIFY(receivesOnly(feature, {}));
+        QVERIFY(receivesOnly(feature, {"shutdown restore", "reboot ", "supervisor"}));
     }
 
     void ownerChanges()
@@ -258,56 +221,43 @@ private Q_SLOTS:
     void loginEvents_data()
     {
         QTest::addColumn<QStringList>("signalNames");
-        QTest::addColumn<QString>("metadataKind");
+        QTest::addColumn<QString>("kind"); // in the metadata
         QTest::addColumn<QString>("scheduledKind");
         QTest::addColumn<int>("scheduledInSeconds");
         QTest::addColumn<QString>("call");
-
-        const QStringList sleep {"PrepareForSleep"};
-        const QStringList plain {"PrepareForShutdown"};
+        const auto row = [](const char *name, const QStringList &signalNames, const char *kind,
+                            const char *scheduledKind, int scheduledInSeconds, const char *call) {
+            QTest::newRow(name) << signalNames << kind << scheduledKind << scheduledInSeconds
+                                << call;
+        };
         const QStringList both {"PrepareForShutdownWithMetadata", "PrepareForShutdown"};
-        QTest::newRow("sleep") << sleep << ""
-                               << "" << 0 << "suspend suspend";
-        QTest::newRow("power-off") << both << "poweroff"
-                                   << "" << 0 << "shutdown shutdown";
-        QTest::newRow("halt") << both << "halt"
-                              << "" << 0 << "shutdown shutdown";
-        QTest::newRow("reboot") << both << "reboot"
-                                << "" << 0 << "reboot reboot";
-        QTest::newRow("kexec") << both << "kexec"
-                               << "" << 0 << "reboot reboot";
-        QTest::newRow("soft reboot") << both << "soft-reboot"
-                                     << "" << 0 << "reboot reboot";
-        QTest::newRow("no kind given") << both << ""
-                                       << "" << 0 << "shutdown shutdown";
-        QTest::newRow("systemd before 255: reboot") << plain << ""
-                                                    << "reboot" << 0 << "reboot reboot";
-        QTest::newRow("systemd before 255: power-off") << plain << ""
-                                                       << "poweroff" << 0 << "shutdown shutdown";
-        QTest::newRow("systemd before 255: reboot now due") << plain << ""
-                                                            << "reboot" << -1 << "reboot reboot";
-        QTest::newRow("systemd before 255: power key before a scheduled reboot")
-            << plain << ""
-            << "reboot" << 3600 << "shutdown shutdown";
-        QTest::newRow("systemd before 255: no schedule") << plain << ""
-                                                         << "" << 0 << "shutdown shutdown";
+        row("sleep", {"PrepareForSleep"}, "", "", 0, "suspend suspend");
+        row("power-off", both, "poweroff", "", 0, "shutdown shutdown");
+        row("reboot", both, "reboot", "", 0, "reboot reboot");
+        row("kexec", both, "kexec", "", 0, "reboot reboot");
+        row("soft reboot", both, "soft-reboot", "", 0, "reboot reboot");
+        row("no kind given", both, "", "", 0, "shutdown shutdown");
+        // systemd before 255
+        const QStringList plain {"PrepareForShutdown"};
+        row("old, reboot", plain, "", "reboot", 0, "reboot reboot");
+        row("old, power-off", plain, "", "poweroff", 0, "shutdown shutdown");
+        row("old, reboot now due", plain, "", "reboot", -1, "reboot reboot");
+        row("old, power key before a reboot", plain, "", "reboot", 3600, "shutdown shutdown");
+        row("old, no schedule", plain, "", "", 0, "shutdown shutdown");
     }
 
     void loginEvents()
     {
         QFETCH(QStringList, signalNames);
-        QFETCH(QString, metadataKind);
+        QFETCH(QString, kind);
         QFETCH(QString, scheduledKind);
         QFETCH(int, scheduledInSeconds);
         QFETCH(QString, call);
-        LoginMock login(QDBusConnection("login"));
-        if (!scheduledKind.isEmpty()) {
-            login.schedule.reset(new Schedule {scheduledKind, 0});
-            if (scheduledInSeconds)
-                login.schedule->time = qulonglong(QDateTime::currentMSecsSinceEpoch()
-                                                  + qint64(scheduledInSeconds) * 1000)
-                    * 1000;
-        }
+        LoginMock login("login");
+        login.scheduledKind = scheduledKind;
+        if (scheduledInSeconds != 0)
+            login.scheduledTime =
+                qulonglong(QDateTime::currentSecsSinceEpoch() + scheduledInSeconds) * 1000000;
         Feature feature;
         QTRY_VERIFY(login.isInhibited());
         QCOMPARE(login.inhibitions.size(), 1);
@@ -315,24 +265,22 @@ private Q_SLOTS:
         QCOMPARE(login.inhibitions.first().value(3).toString(), QString("delay"));
         bool inhibitedDuringCall = false;
         feature.duringCall = [&] { inhibitedDuringCall = login.isInhibited(); };
+        const auto announceAll = [&](bool begins) {
+            for (const QString &name : signalNames) {
+                QVariantList arguments {begins};
+                if (name.endsWith("Metadata"))
+                    arguments << (kind.isEmpty() ? QVariantMap() : QVariantMap {{"type", kind}});
+                login.announce(name, arguments);
+            }
+        };
 
         // The same thing twice, with the return from it between: it comes once each time.
         for (int round = 1; round <= 2; ++round) {
-            const auto emitAll = [&](bool begins) {
-                for (const QString &name : signalNames) {
-                    QVariantList arguments {begins};
-                    if (name.endsWith("Metadata"))
-                        arguments << (metadataKind.isEmpty()
-                                          ? QVariantMap()
-                                          : QVariantMap {{"type", metadataKind}});
-                    emitLoginSignal(QDBusConnection("login"), name, arguments);
-                }
-            };
-            emitAll(true);
+            announceAll(true);
             QTRY_VERIFY(!login.isInhibited());
             QVERIFY(inhibitedDuringCall);
-            emitAll(true);
-            emitAll(false);
+            announceAll(true);
+            announceAll(false);
             QTRY_VERIFY(login.isInhibited());
             QCOMPARE(login.inhibitions.size(), 1 + round);
             QCOMPARE(feature.calls.count(call), round);
@@ -343,16 +291,15 @@ private Q_SLOTS:
 
     void loginStrangersDoNotCount()
     {
-        LoginMock login(QDBusConnection("login"));
+        LoginMock login("login");
         Feature feature;
         QTRY_VERIFY(login.isInhibited());
 
-        emitLoginSignal(QDBusConnection("other login"), "PrepareForSleep", {true});
-        emitLoginSignal(QDBusConnection("other login"), "PrepareForShutdownWithMetadata",
-                        {true, QVariantMap()});
-        settle(QDBusConnection("other login"));
-        emitLoginSignal(QDBusConnection("login"), "PrepareForShutdownWithMetadata",
-                        {true, QVariantMap {{"type", "reboot"}}});
+        const QDBusConnection other("other login");
+        emitSignal(other, LoginPath, LoginInterface, "PrepareForSleep", {true});
+        emitSignal(other, LoginPath, LoginInterface, "PrepareForShutdownWithMetadata",
+                   {true, QVariantMap()});
+        login.announce("PrepareForShutdownWithMetadata", {true, QVariantMap {{"type", "reboot"}}});
 
         QTRY_VERIFY(!login.isInhibited());
         QCOMPARE(feature.calls, QStringList("reboot reboot"));
@@ -362,23 +309,20 @@ private Q_SLOTS:
     void loginManagerRestarts()
     {
         Feature feature;
-        QVERIFY(feature.isInitialized());
-        {
-            LoginMock login(QDBusConnection("login"));
+        QStringList calls;
+        for (const char *connection : {"login", "other login"}) {
+            LoginMock login(connection);
             QTRY_VERIFY(login.isInhibited());
-            emitLoginSignal(QDBusConnection("login"), "PrepareForSleep", {true});
-            QTRY_COMPARE(feature.calls, QStringList("suspend suspend"));
+            login.announce("PrepareForSleep", {true});
+            calls << "suspend suspend";
+            QTRY_COMPARE(feature.calls, calls);
+            QTRY_VERIFY(!login.isInhibited());
         }
-        LoginMock login(QDBusConnection("other login"));
-        QTRY_VERIFY(login.isInhibited());
-        emitLoginSignal(QDBusConnection("other login"), "PrepareForSleep", {true});
-        QTRY_COMPARE(feature.calls, (QStringList {"suspend suspend", "suspend suspend"}));
-        QTRY_VERIFY(!login.isInhibited());
     }
 
     void inhibitorRefused()
     {
-        LoginMock login(QDBusConnection("login"));
+        LoginMock login("login");
         login.refuses = true;
         Feature feature;
         QByteArray logged;
@@ -388,10 +332,10 @@ private Q_SLOTS:
                             "not today\n"),
             logged.constData());
 
-        emitLoginSignal(QDBusConnection("login"), "PrepareForSleep", {true});
+        login.announce("PrepareForSleep", {true});
         QTRY_COMPARE(feature.calls, QStringList("suspend suspend"));
         login.refuses = false;
-        emitLoginSignal(QDBusConnection("login"), "PrepareForSleep", {false});
+        login.announce("PrepareForSleep", {false});
         QTRY_VERIFY(login.isInhibited());
     }
 
@@ -399,10 +343,7 @@ private:
     static void emitPlatformSignal(const char *connection, const QString &name,
                                    const QVariantList &arguments)
     {
-        QDBusMessage signal = QDBusMessage::createSignal(PlatformPath, PlatformInterface, name);
-        signal.setArguments(arguments);
-        QDBusConnection(connection).send(signal);
-        settle(QDBusConnection(connection));
+        emitSignal(QDBusConnection(connection), PlatformPath, PlatformInterface, name, arguments);
     }
 
     /** Whether exactly these calls come before that for an event sent now, by "platform". */

@@ -2,7 +2,6 @@
 #include "LogInterface.h"
 #include "StandardError.h"
 
-#include <QRegularExpression>
 #include <QTime>
 #include <QtTest>
 #include <cerrno>
@@ -42,32 +41,24 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("path");
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<QByteArray>("expected");
+        const auto row = [](const char *name, int level, const QByteArray &path,
+                            const QByteArray &text, const QByteArray &expected) {
+            QTest::newRow(name) << level << path << text << expected;
+        };
+        row("plain", 4, "/a/b", "one [two] 50%s", "4 /a/b one [two] 50%s");
+        row("lowest level", INT_MIN, "/a", "x", "-2147483648 /a x");
+        row("empty", 0, "", "", "0  ");
+        row("null", 1, QByteArray(), QByteArray(), "1  ");
+        row("forged line", 2, "/a\n", "x\r\n<0>y\t\x1b\x7f.", "2 /a  x  <0>y   .");
 
         const int room = 2048 - 1 - int(strlen(Clock)) - int(strlen("4 /a "));
-        QTest::newRow("plain") << 4 << QByteArray("/a/b") << QByteArray("one [two] 50%s")
-                               << QByteArray("4 /a/b one [two] 50%s");
-        QTest::newRow("lowest level")
-            << INT_MIN << QByteArray("/a") << QByteArray("x") << QByteArray("-2147483648 /a x");
-        QTest::newRow("empty") << 0 << QByteArray("") << QByteArray("") << QByteArray("0  ");
-        QTest::newRow("null") << 1 << QByteArray() << QByteArray() << QByteArray("1  ");
-        QTest::newRow("forged line")
-            << 2 << QByteArray("/a\n") << QByteArray("x\r\n<0>y\t\x1b\x7f.")
-            << QByteArray("2 /a  x  <0>y   .");
-        QTest::newRow("not Latin") << 4 << QByteArray("/a")
-                                   << QByteArray("K\xc3\xbc"
-                                                 "che \xe2\x82\xac")
-                                   << QByteArray("4 /a K\xc3\xbc"
-                                                 "che \xe2\x82\xac");
-        QTest::newRow("too long") << 4 << QByteArray("/a") << QByteArray(5000, 'x')
-                                  << "4 /a " + QByteArray(room, 'x');
-        QTest::newRow("cut within a character")
-            << 4 << QByteArray("/a") << QByteArray(room - 1, 'x') + "\xc3\xbc"
-            << "4 /a " + QByteArray(room - 1, 'x');
-        QTest::newRow("caller cut it within a character")
-            << 4 << QByteArray("/a") << QByteArray("x\xf0\x9f\x8e") << QByteArray("4 /a x");
-        QTest::newRow("whole character at the end")
-            << 4 << QByteArray("/a") << QByteArray(room - 4, 'x') + "\xf0\x9f\x8e\xb5"
-            << "4 /a " + QByteArray(room - 4, 'x') + "\xf0\x9f\x8e\xb5";
+        const auto fill = [](int length) { return QByteArray(length, 'x'); };
+        row("too long", 4, "/a", fill(5000), "4 /a " + fill(room));
+        row("cut within a character", 4, "/a", fill(room - 1) + "ü", "4 /a " + fill(room - 1));
+        row("caller cut one of four bytes", 4, "/a", "€\xf0\x9f\x8e", "4 /a €");
+        row("caller cut one of three bytes", 4, "/a", "ü\xe2\x82", "4 /a ü");
+        row("whole character at the end", 4, "/a", fill(room - 4) + "🎵",
+            "4 /a " + fill(room - 4) + "🎵");
     }
 
     void line()
@@ -86,18 +77,9 @@ private Q_SLOTS:
         QCOMPARE(written.mid(int(strlen(Clock))), expected + '\n');
     }
 
-    void clockIsLocalTime_data()
-    {
-        QTest::addColumn<QByteArray>("zone");
-        QTest::newRow("east") << QByteArray("EAST-05:45");
-        QTest::newRow("west") << QByteArray("WEST+09:30");
-    }
-
     void clockIsLocalTime()
     {
-        QFETCH(QByteArray, zone);
-        const QByteArray savedZone = qgetenv("TZ");
-        qputenv("TZ", zone);
+        qputenv("TZ", "WEST+09:30");
         tzset();
         StandardError standardError;
         LogInterface log("/log");
@@ -109,8 +91,6 @@ private Q_SLOTS:
         const QString clock =
             QString::fromLatin1(standardError.take().left(int(strlen(Clock)) - 1));
         const QTime logged = QTime::fromString(clock, "HH:mm:ss.zzz");
-        savedZone.isNull() ? unsetenv("TZ") : setenv("TZ", savedZone.constData(), 1);
-        tzset();
         QVERIFY2(logged.isValid(), qPrintable(clock));
         const int day = 24 * 60 * 60 * 1000;
         QVERIFY((before.msecsTo(logged) + day) % day <= (elapsed + day) % day);
@@ -120,17 +100,18 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("stream");
         QTest::addColumn<int>("level");
-        QTest::addColumn<QByteArray>("prefix");
-
-        const QByteArray own("%1:%2");
-        QTest::newRow("error") << own << 1 << QByteArray("<3>1");
-        QTest::newRow("warning") << own << 2 << QByteArray("<4>2");
-        QTest::newRow("information") << own << 4 << QByteArray("<6>4");
-        QTest::newRow("trace") << own << 9 << QByteArray("<7>9");
-        QTest::newRow("unused level") << own << 5 << QByteArray("<6>5");
-        QTest::newRow("of another inode") << QByteArray("%1:1%2") << 1 << QByteArray();
-        QTest::newRow("of another device") << QByteArray("1%1:%2") << 1 << QByteArray();
-        QTest::newRow("no numbers") << QByteArray("journal") << 1 << QByteArray();
+        QTest::addColumn<QByteArray>("prefix"); // after the clock, where there is one
+        const auto row = [](const char *name, const char *stream, int level, const char *prefix) {
+            QTest::newRow(name) << QByteArray(stream) << level << QByteArray(prefix);
+        };
+        row("error", "DEVICE:INODE", 1, "<3>1");
+        row("warning", "DEVICE:INODE", 2, "<4>2");
+        row("information", "DEVICE:INODE", 4, "<6>4");
+        row("trace", "DEVICE:INODE", 9, "<7>9");
+        row("unused level", "DEVICE:INODE", 5, "<6>5");
+        row("of another inode", "DEVICE:1INODE", 1, "1");
+        row("of another device", "1DEVICE:INODE", 1, "1");
+        row("no numbers", "journal", 1, "1");
     }
 
     void journal()
@@ -141,44 +122,24 @@ private Q_SLOTS:
         StandardError standardError;
         struct stat status;
         QCOMPARE(fstat(STDERR_FILENO, &status), 0);
-        stream.replace("%1", QByteArray::number(qulonglong(status.st_dev)));
-        stream.replace("%2", QByteArray::number(qulonglong(status.st_ino)));
+        stream.replace("DEVICE", QByteArray::number(qulonglong(status.st_dev)));
+        stream.replace("INODE", QByteArray::number(qulonglong(status.st_ino)));
         qputenv("JOURNAL_STREAM", stream);
         LogInterface log("/log");
 
         log.EmitLogString(level, "text", "/a");
 
         const QByteArray written = standardError.take();
-        if (prefix.isEmpty())
-            QVERIFY2(QRegularExpression("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} 1 /a text\n$")
-                         .match(QString::fromUtf8(written))
-                         .hasMatch(),
-                     written.constData());
-        else
-            QCOMPARE(written, prefix + " /a text\n");
+        QCOMPARE(written.mid(written.startsWith('<') ? 0 : int(strlen(Clock))),
+                 prefix + " /a text\n");
     }
 
-    void unwritableStandardError_data()
+    void fullStandardError()
     {
-        QTest::addColumn<bool>("pipe");
-        QTest::newRow("full device") << false;
-        QTest::newRow("full pipe") << true;
-    }
-
-    void unwritableStandardError()
-    {
-        QFETCH(bool, pipe);
         StandardError standardError;
         LogInterface log("/log");
-        if (pipe) {
-            while (write(STDERR_FILENO, "x", 1) == 1) { }
-            QCOMPARE(errno, EAGAIN);
-        } else {
-            const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-            QVERIFY(full >= 0);
-            dup2(full, STDERR_FILENO);
-            close(full);
-        }
+        while (write(STDERR_FILENO, "x", 1) == 1) { }
+        QCOMPARE(errno, EAGAIN);
 
         errno = 1234;
         log.EmitLogString(1, "text", "/a");
