@@ -9,8 +9,10 @@ import xml.etree.ElementTree
 
 ROOT = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", "..", ".."))
 SERVICE_FOLDERS = ("service", "manager", "dbus")
-LEVELS = {"LogError": {1}, "LogWarning": {2}, "LogInformation": {4}, "LogTrace": {9}}
+LEVELS = {"LogError": {1}, "LogWarning": {2}, "levelOf": {2, 4}, "LogInformation": {4},
+          "LogTrace": {9}}
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
+LITERALS = r'((?:\s*"(?:[^"\\]|\\.)*")+)'
 
 
 def read(*path):
@@ -19,77 +21,43 @@ def read(*path):
 
 
 def sources(*folders):
-    """(name, text without comments) of each source file."""
-    comment = re.compile(LITERAL + r"|//[^\n]*|/\*.*?\*/", re.DOTALL)
+    """(name, text) of each source file."""
     for folder in folders:
         for path in sorted(glob.glob(os.path.join(ROOT, folder, "*.cpp"))):
             name = os.path.relpath(path, ROOT)
-            yield name, comment.sub(lambda m: m[0] if m[0][0] == '"' else " ", read(name))
+            yield name, read(name)
 
 
-def arguments(text, opening):
-    """The arguments of the call whose opening parenthesis is at that position."""
-    found, depth, begin = [], 0, opening + 1
-    for token in re.compile(LITERAL + r"|'(?:[^'\\]|\\.)'|[()\[\]{},]").finditer(text, opening):
-        if token[0] in "([{":
-            depth += 1
-        elif token[0] in ")]}":
-            depth -= 1
-        if depth == 0 or (depth == 1 and token[0] == ","):
-            found.append(text[begin:token.start()].strip())
-            begin = token.end()
-        if depth == 0:
-            break
-    return found
-
-
-def calls(text, function):
-    """(position, arguments) of each call of a function."""
-    for match in re.finditer(r"\b" + function + r"\(", text):
-        yield match.start(), arguments(text, match.end() - 1)
-
-
-def literals(expression):
-    return [part.replace('\\"', '"') for part in re.findall(LITERAL, expression)]
-
-
-def enclosing_function(text, position):
-    """Name of the function that a position is in: the last one that begins a line before it."""
-    return re.findall(r"^\w[^\n;]*?(\w+)\([^;]*?\n\{", text[:position], re.MULTILINE)[-1]
+def joined(literals):
+    return "".join(re.findall(LITERAL, literals)).replace('\\"', '"')
 
 
 def log_texts():
     """(format, levels, where) of each log line of the service."""
+    log_line = re.compile(r"\bLOG_LINE(?:\(|_FOR\([\w:]+,\s*)(\w+)(?:\(\w+\))?," + LITERALS)
     found = []
     for name, text in sources(*SERVICE_FOLDERS):
-        lines = [(position, values) for position, values in calls(text, "LOG_LINE")]
-        lines += [(position, values[1:]) for position, values in calls(text, "LOG_LINE_FOR")]
-        for position, values in lines:
-            where = "%s:%d" % (name, text.count("\n", 0, position) + 1)
-            levels = {2, 4} if values[0].startswith("levelOf(") else LEVELS.get(values[0])
-            formats = ["".join(literals(values[1]))]
-            if not levels or re.sub(LITERAL, "", values[1]).strip():
-                raise AssertionError(where + ": a level or format that this test cannot read")
+        lines = list(log_line.finditer(text))
+        if len(lines) != len(re.findall(r"\bLOG_LINE", text)):
+            raise AssertionError(name + ": a log line that this test cannot read")
+        for line in lines:
+            levels, formats = LEVELS[line[1]], [joined(line[2])]
             if formats == ["%s"] and levels & {1, 2}:
-                # The texts are those that the function is called with.
-                function = enclosing_function(text, position)
-                formats = [t for _, values in calls(text, function) for t in literals(values[0])]
+                # The texts are those that the function, whose head is the last before, is called with.
+                heads = re.findall(r"^\w[^\n;]*?(\w+)\([^;]*?\n\{", text[:line.start()], re.M)
+                formats = [joined(call) for call in re.findall(heads[-1] + r"\(" + LITERALS, text)]
                 if not formats:
-                    raise AssertionError("%s: no call of %s has a text" % (where, function))
+                    raise AssertionError("%s: no call of %s has a text" % (name, heads[-1]))
+            where = "%s:%d" % (name, text.count("\n", 0, line.start()) + 1)
             found += [(text_format, levels, where) for text_format in formats]
     return found
 
 
 def platform_texts():
     """(a part of the text, levels, where) of each error and warning of the host platform."""
-    found = []
-    for name, text in sources("platform/host"):
-        for function in ("platformLog", "log"):
-            for _, values in calls(text, function):
-                if values[0] in ("1", "2"):
-                    part = re.sub(r"%\d", "%s", "".join(literals(",".join(values[1:]))))
-                    found.append((part.strip(), {int(values[0])}, name))
-    return found
+    return [(re.sub(r"%\d", "%s", joined(rest)).strip(), {int(level)}, name)
+            for name, text in sources("platform/host")
+            for level, rest in re.findall(r"\b(?:platformLog|log)\(([12]),([^;]*);", text)]
 
 
 def fits(text_format, quoted):
@@ -161,17 +129,16 @@ class Docs(unittest.TestCase):
         found = 0
         for name, text in sources(*SERVICE_FOLDERS):
             constants = dict(re.findall(r"const char (\w+)\[\] = " + LITERAL, text))
-            for _, (group, key, default, *_) in calls(text, "ReadConfigValue"):
+            reads = re.findall(r"ReadConfigValue\((\w+), " + LITERAL + r", ([^,]+),", text)
+            self.assertEqual(len(reads), text.count("ReadConfigValue("), name)
+            for group, key, default in reads:
                 found += 1
-                isNumber = re.fullmatch(r"-?\d+", default)
+                kind = "integer" if re.fullmatch(r"-?\d+", default) else "text"
                 value = constants.get(default, "empty" if default == "QString()" else default)
-                entry = "%s (%s, default %s)" % (literals(key)[0],
-                                                 "integer" if isNumber else "text",
-                                                 value.strip('"'))
-                groups = re.split(r"^\.SS Section ", settings, flags=re.MULTILINE)
-                described = [s for s in groups if s.startswith("[%s]" % constants[group])]
-                self.assertEqual(len(described), 1, constants[group])
-                self.assertIn(".BR %s\n" % entry, described[0], "%s: %s" % (name, entry))
+                entry = "%s (%s, default %s)" % (key, kind, value.strip('"'))
+                described = re.search(r"^\.SS Section \[%s\](.*?)(?=^\.SS|\Z)" % constants[group],
+                                      settings, re.M | re.S)[1]
+                self.assertIn(".BR %s\n" % entry, described, "%s: %s" % (name, entry))
         self.assertGreater(found, 6)
 
     def test_environment(self):
