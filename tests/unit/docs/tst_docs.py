@@ -43,7 +43,7 @@ def log_texts():
         for line in lines:
             levels, formats = LEVELS[line[1]], [joined(line[2])]
             if formats == ["%s"] and levels & {1, 2}:
-                # The texts are those that the function, whose head is the last before, is called with.
+                # The texts are those that the function is called with.
                 heads = re.findall(r"^\w[^\n;]*?(\w+)\([^;]*?\n\{", text[:line.start()], re.M)
                 formats = [joined(call) for call in re.findall(heads[-1] + r"\(" + LITERALS, text)]
                 if not formats:
