@@ -78,7 +78,7 @@ private Q_SLOTS:
 
 private:
     void startBus(const QString &name, const QString &configuration, const QStringList &services);
-    QString outcomeOfSignal(QDBusConnection sender, QDBusConnection receiver,
+    QString outcomeOfSignal(const QDBusConnection &sender, QDBusConnection receiver,
                             const QStringList &words);
 
     QTemporaryDir m_folder;
@@ -235,7 +235,7 @@ void PolicyTest::action()
 }
 
 /// Whether the signal arrives: interface, name and, if it is not for everybody, the receiver.
-QString PolicyTest::outcomeOfSignal(QDBusConnection sender, QDBusConnection receiver,
+QString PolicyTest::outcomeOfSignal(const QDBusConnection &sender, QDBusConnection receiver,
                                     const QStringList &words)
 {
     m_heard = false;
