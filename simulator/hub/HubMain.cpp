@@ -91,12 +91,15 @@ int hubMain(int argc, char **argv)
     const QStringList lines = takeVariable("PRODUCT_TELL").split('\n', Qt::SkipEmptyParts);
     const QStringList environment =
         takeVariable("PRODUCT_ENVIRONMENT").split('\n', Qt::SkipEmptyParts);
+    const QString under = takeVariable("PRODUCT_UNDER");
     const QString outside = takeVariable("PRODUCT_OUT");
     for (const char *laidOut : {"PRODUCT_BUILD", "PRODUCT_DIRECTORY"})
         qunsetenv(laidOut);
 
     QCoreApplication application(argc, argv);
     Hub hub(Build, Folder, realPulse);
+    hub.service().setServiceEnvironment(environment);
+    hub.service().setUnder(under);
     quitOnSignals(hub, !command.isEmpty());
     QString error;
     if (!hub.start(&error))
@@ -110,9 +113,8 @@ int hubMain(int argc, char **argv)
     if (!error.isEmpty())
         return fail(error);
 
-    hub.service().setServiceEnvironment(environment);
     if (service == "start" && !hub.startService().ok)
-        return fail("the service cannot be started: " + hub.service().errorString());
+        return fail(hub.service().program() + " cannot be started: " + hub.service().errorString());
     if (command.isEmpty()) {
         printf("virtual product ready: %s\n", qPrintable(outside));
         fflush(stdout);

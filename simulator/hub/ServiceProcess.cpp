@@ -62,6 +62,13 @@ void ServiceProcess::setServiceEnvironment(const QStringList &variables)
     setProcessEnvironment(environment);
 }
 
+void ServiceProcess::setUnder(const QString &command)
+{
+    QStringList words = splitCommand(command) + QStringList {program()};
+    setProgram(words.takeFirst());
+    setArguments(words);
+}
+
 bool ServiceProcess::startService(QString *error)
 {
     if (isRunning()) {

@@ -18,6 +18,8 @@ public:
     ~ServiceProcess() override;
 
     void setServiceEnvironment(const QStringList &variables);
+    /// Has the service run as the last argument of \p command, which is to become the service.
+    void setUnder(const QString &command);
     /// False when it runs already or cannot be started; \p error then says why.
     bool startService(QString *error);
     bool isRunning() const;

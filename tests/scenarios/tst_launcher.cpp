@@ -121,6 +121,8 @@ private Q_SLOTS:
     void faultySoundManager_data();
     void faultySoundManager();
     void loginManager();
+    // The service
+    void under();
 };
 
 void tst_launcher::outsideIsUnseen()
@@ -598,6 +600,28 @@ void tst_launcher::loginManager()
     product.tell("login reboot");
     product.expectLog(2, "[!] ULMO IS REBOOTING: save status");
     product.expect({{"kind", "machine"}, {"text", "the machine goes down"}});
+}
+
+void tst_launcher::under()
+{
+    const QTemporaryDir folder;
+    const QStringList options {"--pulse", "scripted", "--out", folder.path(), "--under"};
+    // The command becomes the service: the process that the journal knows by its number.
+    const QString script =
+        "grep -q -m 1 'Manager running' < <(product-control --follow)\n"
+        "service=$(grep '\"program\":\"service\"' /run/product/out/journal.jsonl |"
+        " grep -o '\"pid\":[0-9]*' | cut -d : -f 2)\n"
+        "tr '\\0' '\\n' < /proc/$service/environ | grep ^MARK\n"
+        "readlink /proc/$service/exe";
+    const Outcome marked =
+        run(VirtualProduct::launcher(),
+            options + QStringList {"env \"MARK=two words\"", "--", "bash", "-c", script});
+    QCOMPARE(marked.output, QString("MARK=two words\n/run/product/build/service/bluetoothmanager"));
+
+    const Outcome missing = run(VirtualProduct::launcher(), options + QStringList {"nonsense -q"});
+    QCOMPARE(missing.status, 1);
+    QVERIFY2(missing.error.startsWith("virtual-product: nonsense cannot be started: "),
+             qPrintable(missing.error));
 }
 
 SCENARIO_MAIN(tst_launcher)
