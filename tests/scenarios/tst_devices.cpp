@@ -148,6 +148,7 @@ void tst_devices::removeAll()
     road.settle();
     // The error of a refusal may be here when the call, which is not waited for, is looked at.
     QStringList deeds = road.deeds(from);
+    deeds.replaceInStrings(QRegularExpression("^2 (?=error listing)"), "4 ");
     deeds.replaceInStrings(QRegularExpression("^2 (removeDevice \\S+) error Remove Device$"),
                            "4 \\1 Remove Device, pair again");
     QCOMPARE(deeds, steps + calls);
