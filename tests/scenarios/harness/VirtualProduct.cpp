@@ -26,6 +26,22 @@ protected:
     void setupChildProcess() override { prctl(PR_SET_PDEATHSIG, SIGKILL); }
 };
 
+/// What the service is to run under, valgrind for instance.
+QString under()
+{
+    return qEnvironmentVariable("ULMO_TEST_UNDER");
+}
+
+/// Whether there is somebody who looks for leaks when the service ends.
+bool isEndWatched()
+{
+#ifdef __SANITIZE_ADDRESS__
+    return true;
+#else
+    return !under().isEmpty();
+#endif
+}
+
 QString textOf(const QJsonObject &pattern)
 {
     return QJsonDocument(pattern).toJson(QJsonDocument::Compact);
@@ -69,14 +85,11 @@ VirtualProduct::VirtualProduct(Place place)
 
 VirtualProduct::~VirtualProduct()
 {
-#ifdef __SANITIZE_ADDRESS__
-    // Leaks are looked for at an orderly end.
-    m_launcher->terminate();
-    m_launcher->waitForFinished(GenerousMs);
-#endif
-    const QStringList reports = QDir(folder()).entryList({"sanitizer.*"});
-    if (!reports.isEmpty())
-        QTest::qFail(qPrintable("a sanitizer reports: " + reports.join(' ')), __FILE__, __LINE__);
+    if (isEndWatched()) {
+        m_launcher->terminate();
+        m_launcher->waitForFinished(GenerousMs);
+    }
+    failOnReports();
     if (QTest::currentTestFailed()) {
         m_failed = true;
         printTail();
@@ -119,6 +132,8 @@ void VirtualProduct::start(const Options &options, const Place &place)
     QStringList arguments {"--out", folder(), "--pulse", options.realPulse ? "real" : "scripted"};
     if (!options.startService)
         arguments.append("--no-service");
+    if (!under().isEmpty())
+        arguments << "--under" << under();
     for (const QString &variable : options.environment)
         arguments << "--env" << variable;
     for (const QString &line : options.tell)
@@ -403,6 +418,19 @@ void VirtualProduct::printTail() const
             printf("%s\n", qPrintable(journalText(entry)));
     }
     fflush(stdout);
+}
+
+/// Prints what sanitizers and valgrind have found.
+void VirtualProduct::failOnReports() const
+{
+    for (const QFileInfo &report : QDir(folder()).entryInfoList({"sanitizer.*", "valgrind.*"})) {
+        QFile file(report.filePath());
+        // Valgrind makes its file before it has anything to say.
+        if (report.size() == 0 || !file.open(QIODevice::ReadOnly))
+            continue;
+        printf("%s", file.readAll().constData());
+        QTest::qFail(qPrintable("there is a report: " + report.fileName()), __FILE__, __LINE__);
+    }
 }
 
 int runScenario(QObject *test, int argc, char **argv)

@@ -136,6 +136,7 @@ private:
     bool waitUntil(const std::function<bool()> &arrived);
     bool readMore(int milliseconds);
     QJsonObject answerTo(const QJsonObject &request, const Place &place);
+    void failOnReports() const;
     void printTail() const;
 
     std::unique_ptr<QTemporaryDir> m_folder;
