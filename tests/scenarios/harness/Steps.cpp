@@ -14,6 +14,13 @@ QString commandLine(const QJsonObject &entry)
     return words.join(' ');
 }
 
+/// The one log line and the command that set the pairing mode.
+QStringList pairingModeSteps(int mode)
+{
+    const QString command = QString("hciconfig hci0 sspmode %1").arg(mode);
+    return {"$ " + command, QString("4 set legacy mode (%1) 0").arg(command)};
+}
+
 } // namespace
 
 VirtualProduct::Options Steps::adapterAtOnce()
@@ -102,12 +109,6 @@ void Steps::expectNothingLeft(VirtualProduct &product, Place place)
 double Steps::secondsBetween(const QJsonObject &first, const QJsonObject &second)
 {
     return second.value("time").toDouble() - first.value("time").toDouble();
-}
-
-QStringList Steps::pairingModeSteps(int mode)
-{
-    const QString command = QString("hciconfig hci0 sspmode %1").arg(mode);
-    return {"$ " + command, QString("4 set legacy mode (%1) 0").arg(command)};
 }
 
 QStringList Steps::agentSteps(int pairingMode, const QString &pin)

@@ -37,8 +37,6 @@ void expectNothingLeft(VirtualProduct &product, HERE_BY_DEFAULT);
 /// From one entry of the journal to another.
 double secondsBetween(const QJsonObject &first, const QJsonObject &second);
 
-/// The one log line and the command that set the pairing mode.
-QStringList pairingModeSteps(int mode);
 /// Everything that a bring-up consists of, from its first log line to its last.
 QStringList bringUpSteps(int pairingMode = 0, const QString &pin = "7351");
 /// The start of the agent within it.
