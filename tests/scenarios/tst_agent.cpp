@@ -11,11 +11,8 @@ class tst_agent : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void arguments_data();
     void arguments();
-    void ends_data();
     void ends();
-    void endsAgainAndAgain();
     void missingForAWhile();
     void retryWhileOff();
     void retryLeftOver();
@@ -43,17 +40,9 @@ QJsonObject takeAgentAway(VirtualProduct &product)
 
 } // namespace
 
-void tst_agent::arguments_data()
-{
-    QTest::addColumn<QString>("pin");
-    QTest::newRow("the standard PIN") << "7351";
-    QTest::newRow("zeros") << "0000";
-    QTest::newRow("digits of another script") << "\u0661\u0662\u0663\u0664";
-}
-
 void tst_agent::arguments()
 {
-    QFETCH(QString, pin);
+    const QString pin = "\u0661\u0662\u0663\u0664"; // digits of another script
     VirtualProduct::Options options = Steps::adapterAtOnce();
     options.environment.append("ULMO_BT_PID=" + pin);
     VirtualProduct product(options);
@@ -67,63 +56,32 @@ void tst_agent::arguments()
                          "NoInputNoOutput", pin}));
 }
 
-void tst_agent::ends_data()
-{
-    QTest::addColumn<QString>("fault"); // of its first start; none when it is to register
-    QTest::addColumn<QString>("signal"); // sent when it has registered
-    QTest::addColumn<QString>("told");
-    QTest::newRow("status 0") << "exit=0" << QString() << "0 normal";
-    QTest::newRow("status 5") << "exit=5" << QString() << "5 normal";
-    QTest::newRow("crash") << "crash" << QString() << "11 crash";
-    QTest::newRow("asked to end later") << QString() << "TERM"
-                                        << "0 normal";
-    QTest::newRow("killed later") << QString() << "KILL"
-                                  << "9 crash";
-}
-
-/// Another one is there at once, and the stack stays on.
+/// Another one is there at once, however often, and the stack stays on.
 void tst_agent::ends()
 {
-    QFETCH(QString, fault);
-    QFETCH(QString, signal);
-    QFETCH(QString, told);
     VirtualProduct::Options options = Steps::adapterAtOnce();
-    if (!fault.isEmpty())
-        options.tell.append("fault agent " + fault + " times=1");
-    VirtualProduct product(options);
-    if (!signal.isEmpty()) {
-        Steps::waitUntilOn(product);
-        product.tell("kill agent " + signal);
-    }
-    const QJsonObject down = product.expectLog(4, "agent down " + told);
-    const QJsonObject again = product.expectLog(4, "start agent agent with parameters *");
-    QVERIFY(Steps::secondsBetween(down, again) < 3);
-    product.expectLog(2, "restart agent ok");
-    const QStringList steps = Steps::steps(product);
-    const int from = steps.indexOf("4 agent down " + told);
-    QCOMPARE(steps.mid(from),
-             QStringList({"4 agent down " + told, "$ hciconfig hci0 noscan"}) + Steps::agentSteps()
-                 + QStringList {"2 restart agent ok"});
-    product.rewind(0);
-    product.expectLog(4, "agent down " + told);
-    product.expect(VirtualProduct::message("reply", "RegisterAgent"));
-    QCOMPARE(product.call("GetStatus"), QJsonArray({0, true, true, "7351"}));
-    QCOMPARE(Steps::serviceSignals(product), QStringList {"BluetoothOn(true)"});
-}
-
-void tst_agent::endsAgainAndAgain()
-{
-    VirtualProduct::Options options = Steps::adapterAtOnce();
-    options.tell.append("fault agent exit=1 times=12");
+    options.tell.append("fault agent exit=5 times=12");
     VirtualProduct product(options);
     for (int i = 0; i < 12; ++i) {
-        product.expectLog(4, "agent down 1 normal");
+        product.expectLog(4, "agent down 5 normal");
         product.expectLog(2, "restart agent ok");
     }
     // Only the last one has registered, maybe before the service said that it runs.
     product.rewind(0);
     product.expect(VirtualProduct::message("reply", "RegisterAgent"));
+
+    const int from = product.mark();
+    product.tell("kill agent");
+    const QJsonObject down = product.expectLog(4, "agent down 9 crash");
+    const QJsonObject again = product.expectLog(2, "restart agent ok");
+    QVERIFY(Steps::secondsBetween(down, again) < 3);
+    QCOMPARE(Steps::steps(product, from),
+             QStringList({"4 agent down 9 crash", "$ hciconfig hci0 noscan"}) + Steps::agentSteps()
+                 + QStringList {"2 restart agent ok"});
+    product.rewind(from);
+    product.expect(VirtualProduct::message("reply", "RegisterAgent"));
     QCOMPARE(product.call("GetStatus"), QJsonArray({0, true, true, "7351"}));
+    QCOMPARE(Steps::serviceSignals(product), QStringList {"BluetoothOn(true)"});
 }
 
 /// It is tried every 10 s, and the stack stays on meanwhile.

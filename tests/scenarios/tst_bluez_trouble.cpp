@@ -13,11 +13,9 @@ class tst_bluez_trouble : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void oddSignals_data();
     void oddSignals();
     void convertedValues_data();
     void convertedValues();
-    void spoofedSignals_data();
     void spoofedSignals();
     void crash_data();
     void crash();
@@ -51,41 +49,21 @@ void verifyPlays(Road &road)
 
 } // namespace
 
-void tst_bluez_trouble::oddSignals_data()
-{
-    QTest::addColumn<QStringList>("signalList");
-    QTest::newRow("device properties") << QStringList {deviceSignal("s:Mood v:s:fine"),
-                                                       deviceSignal("s:Trusted v:b:false"),
-                                                       deviceSignal("s:connected v:b:false"),
-                                                       deviceSignal("s:Connected"),
-                                                       deviceSignal("s:Connected b:false"),
-                                                       deviceSignal("v:b:false"),
-                                                       deviceSignal("s: v:b:false"),
-                                                       deviceSignal(""),
-                                                       deviceSignal("s:State v:s:disconnected")};
-    QTest::newRow("states") << QStringList {audioSignal("s:State v:s:dreaming"),
-                                            audioSignal("s:State v:s:"),
-                                            audioSignal("s:State v:s:Playing"),
-                                            audioSignal("s:State v:u:3"),
-                                            audioSignal("s:State v:as:playing,connected"),
-                                            audioSignal("s:State v:o:/playing"),
-                                            audioSignal("s:State v:v:s:disconnected"),
-                                            audioSignal("s:Connected v:b:false"),
-                                            audioSignal("s:Volume v:u:3")};
-    QTest::newRow("other senders and signals")
-        << QStringList {"{anna} org.bluez.Device.DisconnectRequested",
-                        "{anna} org.bluez.Audio.PropertyChanged s:State v:s:disconnected",
-                        "{adapter} org.bluez.Adapter.PropertyChanged s:Connected v:b:false",
-                        "{berta} org.bluez.Device.PropertyChanged s:Connected v:b:false",
-                        "{berta} org.bluez.AudioSource.PropertyChanged s:State v:s:disconnected"};
-}
-
 void tst_bluez_trouble::oddSignals()
 {
-    QFETCH(QStringList, signalList);
     Road road;
     road.bring("playing");
-    for (const QString &signal : signalList) {
+    for (const QString &signal :
+         {deviceSignal("s:Mood v:s:fine"), deviceSignal("s:Trusted v:b:false"),
+          deviceSignal("s:Connected b:false"), deviceSignal(""),
+          deviceSignal("s:State v:s:disconnected"), audioSignal("s:State v:s:dreaming"),
+          audioSignal("s:State v:as:playing,connected"), audioSignal("s:State v:v:s:disconnected"),
+          audioSignal("s:Connected v:b:false"), audioSignal("s:Volume v:u:3"),
+          QString("{anna} org.bluez.Device.DisconnectRequested"),
+          QString("{anna} org.bluez.Audio.PropertyChanged s:State v:s:disconnected"),
+          QString("{adapter} org.bluez.Adapter.PropertyChanged s:Connected v:b:false"),
+          QString("{berta} org.bluez.Device.PropertyChanged s:Connected v:b:false"),
+          QString("{berta} org.bluez.AudioSource.PropertyChanged s:State v:s:disconnected")}) {
         const int from = road.mark();
         road.tell("signal " + signal);
         road.settle();
@@ -98,11 +76,9 @@ void tst_bluez_trouble::oddSignals()
 void tst_bluez_trouble::convertedValues_data()
 {
     QTest::addColumn<QString>("signal");
-    QTest::newRow("down") << deviceSignal("s:Connected v:b:false");
     QTest::newRow("down as a text") << deviceSignal("s:Connected v:s:false");
     QTest::newRow("up as another text") << deviceSignal("s:Connected v:s:True");
     QTest::newRow("up as a number") << deviceSignal("s:Connected v:i:1");
-    QTest::newRow("up as a list") << deviceSignal("s:Connected v:as:true,true");
 }
 
 /// Values are taken as texts, and only "true" is connected.
@@ -119,28 +95,22 @@ void tst_bluez_trouble::convertedValues()
     road.awaitAll(from, Road::gone());
 }
 
-void tst_bluez_trouble::spoofedSignals_data()
-{
-    QTest::addColumn<bool>("toServiceAlone");
-    QTest::newRow("to everybody") << false;
-    QTest::newRow("to the service alone") << true;
-}
-
 void tst_bluez_trouble::spoofedSignals()
 {
-    QFETCH(bool, toServiceAlone);
     Road road;
     road.bring("playing");
     const int from = road.mark();
     const QJsonObject call =
         road.entries({{"kind", "call"}, {"bus", "system"}, {"senderName", "service"}}).last();
-    const QString to = toServiceAlone ? "to=" + call.value("sender").toString() + ' ' : QString();
-    for (const QString &signal :
-         {deviceSignal("s:Connected v:b:false"), audioSignal("s:State v:s:connected"),
-          QString("{berta} org.bluez.Device.PropertyChanged s:Connected v:b:true"),
-          QString("{berta} org.bluez.AudioSource.PropertyChanged s:State v:s:playing")}) {
-        road.tell("spoof " + to + signal);
-        road.expect({{"kind", "signal"}, {"senderName", "caller"}});
+    const QString toService = "to=" + call.value("sender").toString() + ' ';
+    for (const QString &to : {QString(), toService}) {
+        for (const QString &signal :
+             {deviceSignal("s:Connected v:b:false"), audioSignal("s:State v:s:connected"),
+              QString("{berta} org.bluez.Device.PropertyChanged s:Connected v:b:true"),
+              QString("{berta} org.bluez.AudioSource.PropertyChanged s:State v:s:playing")}) {
+            road.tell("spoof " + to + signal);
+            road.expect({{"kind", "signal"}, {"senderName", "caller"}});
+        }
     }
     road.settle();
     QCOMPARE(road.messages(from).filter("PropertyChanged").size(), 1); // the one of settle()
@@ -151,7 +121,7 @@ void tst_bluez_trouble::spoofedSignals()
 void tst_bluez_trouble::crash_data()
 {
     QTest::addColumn<QString>("state");
-    for (const char *state : {"accepted", "polling", "playing"})
+    for (const char *state : {"accepted", "polling"})
         QTest::newRow(state) << state;
 }
 
@@ -167,9 +137,8 @@ void tst_bluez_trouble::crash()
           << "$ hciconfig hci0 noscan"
           << "$ hciconfig hci0 down";
     if (state == "polling")
-        steps << "4 there is step to start pulseaudio running";
-    if (state != "accepted")
-        steps << "4 stop pulseaudio because not used any more";
+        steps << "4 there is step to start pulseaudio running"
+              << "4 stop pulseaudio because not used any more";
     steps << "4 restart" << Steps::bringUpSteps();
     road.awaitAll(from, steps);
     Steps::waitUntilOn(road);
@@ -189,34 +158,19 @@ void tst_bluez_trouble::crashInCall_data()
     QTest::addColumn<QString>("call"); // which the daemon does not live to answer
     QTest::addColumn<QString>("line"); // by which the service comes to make it
     QTest::addColumn<QStringList>("logs");
-    QTest::addColumn<QJsonValue>("status"); // where it is for a caller
     const QString connect = "phone anna connect";
     QTest::newRow("question of trust")
         << "Device.GetProperties {anna}" << connect
         << QStringList {"2 error reading trust for {anna}", "4 load timer for reconnect",
-                        "4 trust {anna} true", "2 error trusting {anna}"}
-        << QJsonValue();
+                        "4 trust {anna} true", "2 error trusting {anna}"};
     QTest::newRow("disconnection")
         << "Device.Disconnect {anna}" << connect
         << QStringList {"2 disconnectDevice {anna} error disconnectiong ",
                         "4 Device {anna} DISCONNECT", "4 connectAudioSource {anna}",
-                        "2 connectAudioSource {anna} connected but error on it"}
-        << QJsonValue();
-    QTest::newRow("connection") << "AudioSource.Connect {anna}" << connect
-                                << QStringList {"2 connectAudioSource {anna} error Connect",
-                                                "4 trust {anna} false", "2 error trusting {anna}",
-                                                "4 removeDevice {anna}"}
-                                << QJsonValue();
-    QTest::newRow("adapter, for one phone")
-        << "Manager.DefaultAdapter /"
-        << "forget 00:1A:7D:DA:71:13" << QStringList {"2 error get DefaultAdapter"}
-        << QJsonValue(1);
-    QTest::newRow("adapter, for all phones")
-        << "Manager.DefaultAdapter /"
-        << "forget all" << QStringList {"2 error get DefaultAdapter"} << QJsonValue(1);
+                        "2 connectAudioSource {anna} connected but error on it"};
     QTest::newRow("list of phones")
         << "Adapter.ListDevices {adapter}"
-        << "forget all" << QStringList {"4 error listing device on {adapter}"} << QJsonValue(0);
+        << "forget all" << QStringList {"4 error listing device on {adapter}"};
 }
 
 void tst_bluez_trouble::crashInCall()
@@ -224,7 +178,6 @@ void tst_bluez_trouble::crashInCall()
     QFETCH(QString, call);
     QFETCH(QString, line);
     QFETCH(QStringList, logs);
-    QFETCH(QJsonValue, status);
     Road road;
     road.meet("anna");
     road.tell("fault bluez:" + call.section(' ', 0, 0) + " never");
@@ -239,10 +192,10 @@ void tst_bluez_trouble::crashInCall()
     road.tell("kill bluetoothd");
     road.awaitAll(from, logs + QStringList {"2 bluezDown down 9 crash"});
     Steps::waitUntilOn(road);
-    if (!status.isNull()) {
+    if (line == "forget all") {
         road.rewind(from);
         road.expect(
-            {{"kind", "reply"}, {"destinationName", "caller"}, {"arguments", QJsonArray {status}}});
+            {{"kind", "reply"}, {"destinationName", "caller"}, {"arguments", QJsonArray {0}}});
     }
     road.stream();
 }

@@ -79,9 +79,6 @@ void tst_no_play::isCancelled_data()
     QTest::newRow("Bluetooth is switched off") << QStringList {"disable"} << "@ BluetoothOn false";
     QTest::newRow("another phone is refused")
         << QStringList {"phone berta connect-acl"} << "> Device.Disconnect {berta}";
-    QTest::newRow("an unknown state")
-        << QStringList {"signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:asleep"}
-        << "";
 }
 
 void tst_no_play::isCancelled()

@@ -103,36 +103,24 @@ void tst_sound::visit()
 
     product.tell("phone add anna address=00:1A:7D:DA:71:13 pin=7351");
     product.tell("phone anna connect");
-    product.expectLog(4, "load timer for reconnect"); // it came by itself: made again from here
-    product.expectLog(4, "reconnect");
     expectPlayback(product);
     product.tell("phone anna play");
     QVERIFY(isTone(board.waitForLevel(FullLevel), 440, 660));
 
     QCOMPARE(product.call("SetVolume", {"i:40"}), QJsonArray {0});
-    product.expectCommand("pactl set-source-output-volume 0 40%");
     QVERIFY(isTone(board.waitForLevel(ReducedLevel), 440, 660));
 
     QCOMPARE(product.call("SetMute", {"i:1"}), QJsonArray {0});
-    product.expectCommand("pactl set-source-output-mute 0 1");
     QCOMPARE(board.waitForSilence()["playing"], QJsonValue(true));
     QCOMPARE(product.call("SetMute", {"i:0"}), QJsonArray {0});
     QVERIFY(isTone(board.waitForLevel(ReducedLevel), 440, 660));
 
-    product.tell("phone anna pause");
-    QCOMPARE(board.waitForSilence()["playing"], QJsonValue(true));
-    product.tell("phone anna play");
-    QVERIFY(isTone(board.waitForLevel(ReducedLevel), 440, 660));
-
     product.tell("phone anna leave");
-    product.expectLog(4, "stop pulseaudio because not used any more");
     product.expect({{"kind", "end"}, {"program", "pulseaudio"}});
-    product.expect(VirtualProduct::message("call", "StopPlay"));
     QCOMPARE(board.waitForSilence()["playing"], QJsonValue(false));
 
     // The phone is known by now. A new server begins at full volume, whatever was set before.
     product.tell("phone anna connect");
-    product.expectLog(4, "reconnect");
     expectPlayback(product);
     product.tell("phone anna play");
     QVERIFY(isTone(board.waitForLevel(FullLevel), 440, 660));

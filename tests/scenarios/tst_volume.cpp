@@ -31,8 +31,7 @@ QStringList stepsOf(const QString &setting)
                             .arg(status ? 2 : 4)
                             .arg(words.at(1), command)
                             .arg(status);
-    const int notFound = 127 << 8;
-    return status == notFound ? QStringList {log} : QStringList {"$ " + command, log};
+    return {"$ " + command, log};
 }
 
 void carryOut(Road &road, const QString &action)
@@ -71,25 +70,12 @@ void tst_volume::story_data()
         << "SetVolume 40 -> 0, stream, SetVolume 40 -> 0, SetVolume 41 -> 0, = volume 41";
     QTest::newRow("volume too big before")
         << "SetVolume 150 -> 0, stream, = volume 100, SetVolume 100 -> 0, SetVolume 150 -> 0";
-    QTest::newRow("volume too small before")
-        << "SetVolume -5 -> 0, stream, = volume 0, SetVolume 0 -> 0, SetVolume -1 -> 0";
-    QTest::newRow("last volume before counts")
-        << "SetVolume 150 -> 0, SetVolume 30 -> 0, stream, SetVolume 30 -> 0";
     QTest::newRow("mute before")
         << "SetMute 1 -> 0, stream, SetMute 1 -> 0, SetMute 0 -> 0, = mute 0";
-    QTest::newRow("mute without meaning before")
-        << "SetMute 7 -> 0, stream, SetMute 7 -> 0, SetMute 1 -> 0, = mute 1";
-    QTest::newRow("both before")
-        << "SetVolume 101 -> 0, SetMute 1 -> 0, stream, = volume 100, SetMute 1 -> 0";
 
-    QTest::newRow("nothing new") << "stream, SetVolume 100 -> 0, SetMute 0 -> 0";
-    QTest::newRow("volume") << "stream, SetVolume 40 -> 0, = volume 40, SetVolume 40 -> 0, "
-                               "SetVolume 100 -> 0, = volume 100";
     QTest::newRow("volume out of bounds")
         << "stream, SetVolume 101 -> 0, SetVolume -5 -> 0, = volume 0, SetVolume -5 -> 0, "
            "SetVolume -2147483648 -> 0, SetVolume 2147483647 -> 0, = volume 100";
-    QTest::newRow("mute") << "stream, SetMute 1 -> 0, = mute 1, SetMute 1 -> 0, "
-                             "SetMute 0 -> 0, = mute 0";
     QTest::newRow("mute without meaning")
         << "stream, SetMute 2 -> 0, = mute 2, SetMute -1 -> 0, = mute -1";
 
@@ -103,27 +89,18 @@ void tst_volume::story_data()
         << "stream, fault pactl:set-source exit=1 times=2, "
            "SetVolume 40 -> 256, = volume 40 <- 256, SetVolume 40 -> 256, = volume 40 <- 256, "
            "SetVolume 40 -> 0, = volume 40, SetVolume 40 -> 0";
-    QTest::newRow("volume fails and stays")
-        << "stream, fault pactl:set-source exit=2 times=1, "
-           "SetVolume 40 -> 512, = volume 40 <- 512, SetVolume 100 -> 0";
     QTest::newRow("volume fails when the sound begins")
         << "fault pactl:set-source exit=1 times=1, SetVolume 150 -> 0, stream, "
            "= volume 100 <- 256, SetVolume 100 -> 0, = volume 100, SetVolume 100 -> 0";
     QTest::newRow("mute fails")
         << "stream, fault pactl:set-source exit=3 times=1, SetMute 1 -> 768, = mute 1 <- 768, "
            "SetMute 1 -> 0, = mute 1, SetMute 1 -> 0";
-    QTest::newRow("pactl is missing")
-        << "stream, fault pactl missing, SetVolume 40 -> 32512, = volume 40 <- 32512, "
-           "SetMute 1 -> 32512, = mute 1 <- 32512, fault clear, SetMute 1 -> 0, = mute 1";
 
     // Values outlive the server; the next one begins with its own, whatever they are.
     QTest::newRow("after")
         << "stream, SetVolume 40 -> 0, = volume 40, SetMute 1 -> 0, = mute 1, leave, "
            "SetVolume 40 -> 0, SetMute 1 -> 0, stream, SetVolume 40 -> 0, SetMute 1 -> 0, "
            "SetMute 0 -> 0, = mute 0, SetVolume 100 -> 0, = volume 100";
-    QTest::newRow("volume out of bounds after")
-        << "stream, SetVolume 40 -> 0, = volume 40, leave, SetVolume 200 -> 0, stream, "
-           "= volume 100";
 }
 
 void tst_volume::story()
