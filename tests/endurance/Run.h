@@ -12,14 +12,14 @@ class Run
 public:
     static const int Unlimited = -1;
 
-    /// Takes --seed N, --steps N and --seconds N out of \p arguments.
+    /// Takes --seed N, --steps N and --seconds N (of each test function) out of \p arguments.
     explicit Run(QStringList *arguments, int seconds);
 
     quint32 seed() const { return m_seed; }
     /// Whether the run lasts for minutes, so that what takes half a minute has a place in it.
     bool isLong() const { return m_steps == Unlimited; }
     /// Whether there is a step to do after \p done steps.
-    bool goesOn(int done) const;
+    bool goesOn(int done);
 
     /// From 0 to \p count - 1.
     int below(int count) { return m_random.bounded(count); }
@@ -33,6 +33,7 @@ public:
 private:
     quint32 m_seed = 1;
     int m_steps = Unlimited;
+    int m_seconds;
     QDeadlineTimer m_end;
     QRandomGenerator m_random;
 };

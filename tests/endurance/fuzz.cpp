@@ -223,5 +223,5 @@ void Fuzz::servicesMayAnswerAnything()
     check(product, watch);
 }
 
-ENDURANCE_MAIN(Fuzz, 300)
+ENDURANCE_MAIN(Fuzz, 150)
 #include "fuzz.moc"
