@@ -418,9 +418,8 @@ void Hub::controlReceived(Program *connection, const QJsonObject &object)
         catchUp();
         connection->send({{"ok", QString()}});
     } else if (object.contains("tell")) {
-        QStringList &told = m_told[connection];
-        told.append(object.value("tell").toString());
-        if (told.size() == 1)
+        connection->told().append(object.value("tell").toString());
+        if (connection->told().size() == 1)
             carryOutNext(connection);
     }
 }
@@ -428,16 +427,15 @@ void Hub::controlReceived(Program *connection, const QJsonObject &object)
 void Hub::carryOutNext(Program *connection)
 {
     const QPointer<Program> alive(connection);
-    m_control->tell(m_told.value(connection).first(), [this, alive](const Result &result) {
+    m_control->tell(connection->told().first(), [this, alive](const Result &result) {
         if (!alive)
             return;
         QJsonObject answer {{result.ok ? "ok" : "error", result.text}};
         if (!result.values.isEmpty())
             answer.insert("values", result.values);
         alive->send(answer);
-        QStringList &told = m_told[alive];
-        told.removeFirst();
-        if (!told.isEmpty())
+        alive->told().removeFirst();
+        if (!alive->told().isEmpty())
             QMetaObject::invokeMethod(
                 this,
                 [this, alive] {
@@ -463,7 +461,6 @@ void Hub::follow(Program *connection)
 void Hub::ended(Program *program)
 {
     program->deleteLater();
-    m_told.remove(program);
     if (program->name().isEmpty())
         return;
     if (program->name() == "bluetoothd" || program->name() == "agent")

@@ -98,7 +98,6 @@ private:
     QMap<QString, QProcess *> m_buses;
     QLocalServer m_server;
     QList<Program *> m_programs; ///< in the order of their start
-    QHash<Program *, QStringList> m_told; ///< control lines that wait for an earlier one's answer
     Bluetoothd m_bluetoothd;
     SoundPath m_soundPath;
     SoundManager m_soundManager;

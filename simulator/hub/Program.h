@@ -31,6 +31,9 @@ public:
     bool isEndRecorded() const { return m_endRecorded; }
     void setEndRecorded() { m_endRecorded = true; }
 
+    /// Control lines of this connection: the first is being carried out, the others wait for it.
+    QStringList &told() { return m_told; }
+
     void send(const QJsonObject &object);
     /// One line of JSON, without its end.
     void sendLine(const QByteArray &line);
@@ -53,6 +56,7 @@ private:
     QJsonObject m_environment;
     bool m_ready = false;
     bool m_endRecorded = false;
+    QStringList m_told;
 };
 
 #endif
