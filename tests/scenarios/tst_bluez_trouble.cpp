@@ -22,6 +22,7 @@ private Q_SLOTS:
     void crashInCall_data();
     void crashInCall();
     void neverAnswers();
+    void lateSignal();
 };
 
 namespace {
@@ -34,6 +35,15 @@ QString deviceSignal(const QString &arguments)
 QString audioSignal(const QString &arguments)
 {
     return "{anna} org.bluez.AudioSource.PropertyChanged " + arguments;
+}
+
+/// Has \p line carried out while the scenario goes on.
+void tellWithoutWaiting(const Road &road, const QString &line)
+{
+    QLocalSocket hub;
+    hub.connectToServer(road.folder() + "/hub");
+    hub.write(QJsonDocument(QJsonObject {{"tell", line}}).toJson(QJsonDocument::Compact) + '\n');
+    QVERIFY(hub.waitForBytesWritten());
 }
 
 /// Whether the service is there and the phone "anna" is still played.
@@ -182,11 +192,7 @@ void tst_bluez_trouble::crashInCall()
     road.meet("anna");
     road.tell("fault bluez:" + call.section(' ', 0, 0) + " never");
     const int from = road.mark();
-    // Not through the road, which waits for the answer.
-    QLocalSocket hub;
-    hub.connectToServer(road.folder() + "/hub");
-    hub.write(QJsonDocument(QJsonObject {{"tell", line}}).toJson(QJsonDocument::Compact) + '\n');
-    QVERIFY(hub.waitForBytesWritten());
+    tellWithoutWaiting(road, line);
     road.await("> " + call);
     road.tell("fault clear bluez"); // for the next daemon; this call stays unanswered
     road.tell("kill bluetoothd");
@@ -218,6 +224,22 @@ void tst_bluez_trouble::neverAnswers()
     road.tell("phone anna leave");
     road.awaitPhone(again, "anna", "link-down");
     road.stream();
+}
+
+/// What a daemon said before its end is delivered when its successor is started.
+void tst_bluez_trouble::lateSignal()
+{
+    Road road;
+    road.bring("playing");
+    road.tell("fault bluez:Device.Disconnect delay=500");
+    const int from = road.mark();
+    tellWithoutWaiting(road, "pin 1234");
+    road.await("> Device.Disconnect {anna}");
+    road.tell("signal {berta} org.bluez.Device.PropertyChanged s:Connected v:b:true");
+    Steps::waitUntilOn(road);
+    QVERIFY(road.messages(from).join('\n').contains("dev_00_1A_7D_DA_71_14 Connected=true"));
+    road.meet("carla");
+    road.stream("carla");
 }
 
 SCENARIO_MAIN(tst_bluez_trouble)
