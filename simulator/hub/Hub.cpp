@@ -339,8 +339,9 @@ void Hub::acceptConnections()
 
 void Hub::welcome(Program *program)
 {
-    m_programs.append(program);
+    // In this order: one that has ended already is not to end before its start.
     record(program->entry("start"));
+    m_programs.append(program);
     const QJsonObject answer = answerTo(*program);
     if (answer.value("behaviour") == "normal")
         forwardAdapterCommand(*program);
