@@ -3,17 +3,13 @@
 #include "CannotMeasure.h"
 #include "Clock.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
-
 namespace {
 const int TimeoutMs = int(Patience * 1000);
 }
 
 ProductControl::ProductControl()
 {
-    m_hub.connectToServer("/run/product/hub");
-    if (!m_hub.waitForConnected(TimeoutMs))
+    if (!m_hub.connectTo("/run/product/hub", TimeoutMs))
         throw CannotMeasure("no virtual product: " + m_hub.errorString());
     tell("fault clear");
     tell("fault bluetoothd adapter-delay=0");
@@ -21,13 +17,12 @@ ProductControl::ProductControl()
 
 void ProductControl::tell(const QString &line)
 {
-    const QJsonObject request {{"tell", line}};
-    m_hub.write(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n');
-    while (!m_hub.canReadLine()) {
-        if (!m_hub.waitForReadyRead(TimeoutMs))
+    m_hub.tell(line);
+    while (m_hub.answers.isEmpty()) {
+        if (!m_hub.receive(TimeoutMs))
             throw CannotMeasure("the virtual product does not answer to " + line);
     }
-    const QJsonObject answer = QJsonDocument::fromJson(m_hub.readLine()).object();
+    const QJsonObject answer = m_hub.answers.takeFirst();
     if (answer.contains("error"))
         throw CannotMeasure(line + ": " + answer.value("error").toString());
 }

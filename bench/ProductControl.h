@@ -1,7 +1,7 @@
 #ifndef PRODUCTCONTROL_H
 #define PRODUCTCONTROL_H
 
-#include <QLocalSocket>
+#include "HubClient.h"
 
 /// The virtual product's control line.
 class ProductControl
@@ -14,7 +14,7 @@ public:
     void tell(const QString &line);
 
 private:
-    QLocalSocket m_hub;
+    HubClient m_hub;
 };
 
 #endif

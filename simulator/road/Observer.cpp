@@ -3,7 +3,6 @@
 #include "JournalText.h"
 
 #include <QDeadlineTimer>
-#include <QJsonDocument>
 
 #include <cstdio>
 #include <stdexcept>
@@ -18,22 +17,21 @@ const int PatienceMs = 30000;
 
 Observer::Observer()
 {
-    m_hub.connectToServer("/run/product/hub");
-    if (!m_hub.waitForConnected(PatienceMs))
+    if (!m_hub.connectTo("/run/product/hub", PatienceMs))
         throw std::runtime_error("this is no virtual product; start scripts/run");
-    m_hub.write("{\"follow\":true}\n");
+    m_hub.follow();
 }
 
 QString Observer::tell(const QString &line)
 {
-    m_hub.write(QJsonDocument(QJsonObject {{"tell", line}}).toJson(QJsonDocument::Compact) + '\n');
+    m_hub.tell(line);
     const QDeadlineTimer deadline(PatienceMs);
-    while (m_answers.isEmpty()) {
+    while (m_hub.answers.isEmpty()) {
         if (deadline.hasExpired())
             throw std::runtime_error(qPrintable("no answer to: " + line));
         receive(int(deadline.remainingTime()));
     }
-    const QJsonObject answer = m_answers.takeFirst();
+    const QJsonObject answer = m_hub.answers.takeFirst();
     if (answer.contains("error"))
         throw std::runtime_error(qPrintable(line + ": " + answer.value("error").toString()));
     return answer.value("ok").toString();
@@ -43,8 +41,8 @@ QJsonObject Observer::waitFor(const QString &what, const Predicate &predicate)
 {
     const QDeadlineTimer deadline(PatienceMs);
     for (;;) {
-        while (!m_journal.isEmpty()) {
-            const QJsonObject entry = m_journal.takeFirst();
+        while (!m_hub.journal.isEmpty()) {
+            const QJsonObject entry = m_hub.journal.takeFirst();
             show(entry);
             if (predicate(entry))
                 return entry;
@@ -80,22 +78,14 @@ QJsonObject Observer::waitForPhone(const QString &state)
 void Observer::catchUp()
 {
     receive(0);
-    while (!m_journal.isEmpty())
-        show(m_journal.takeFirst());
+    while (!m_hub.journal.isEmpty())
+        show(m_hub.journal.takeFirst());
 }
 
 void Observer::receive(int milliseconds)
 {
-    if (!m_hub.canReadLine() && !m_hub.waitForReadyRead(milliseconds)
-        && m_hub.state() != QLocalSocket::ConnectedState)
+    if (!m_hub.receive(milliseconds) && !m_hub.isConnected())
         throw std::runtime_error("the virtual product has ended");
-    while (m_hub.canReadLine()) {
-        const QJsonObject object = QJsonDocument::fromJson(m_hub.readLine()).object();
-        if (object.contains("journal"))
-            m_journal.append(object.value("journal").toObject());
-        else
-            m_answers.append(object);
-    }
 }
 
 void Observer::show(const QJsonObject &entry) const

@@ -1,9 +1,7 @@
 #ifndef OBSERVER_H
 #define OBSERVER_H
 
-#include <QJsonObject>
-#include <QList>
-#include <QLocalSocket>
+#include "HubClient.h"
 
 #include <functional>
 
@@ -38,9 +36,7 @@ private:
     void receive(int milliseconds);
     void show(const QJsonObject &entry) const;
 
-    QLocalSocket m_hub;
-    QList<QJsonObject> m_journal;
-    QList<QJsonObject> m_answers;
+    HubClient m_hub;
 };
 
 #endif

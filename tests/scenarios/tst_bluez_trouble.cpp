@@ -4,8 +4,6 @@
 #include "Steps.h"
 
 #include <QCoreApplication>
-#include <QJsonDocument>
-#include <QLocalSocket>
 #include <QTest>
 
 class tst_bluez_trouble : public QObject
@@ -40,10 +38,9 @@ QString audioSignal(const QString &arguments)
 /// Has \p line carried out while the scenario goes on.
 void tellWithoutWaiting(const Road &road, const QString &line)
 {
-    QLocalSocket hub;
-    hub.connectToServer(road.folder() + "/hub");
-    hub.write(QJsonDocument(QJsonObject {{"tell", line}}).toJson(QJsonDocument::Compact) + '\n');
-    QVERIFY(hub.waitForBytesWritten());
+    HubClient hub;
+    QVERIFY(hub.connectTo(road.folder() + "/hub", 10000));
+    hub.tell(line);
 }
 
 /// Whether the service is there and the phone "anna" is still played.

@@ -6,14 +6,6 @@ namespace {
 
 const QStringList Daemons {"service", "bluetoothd", "agent", "pulseaudio"};
 
-QString commandLine(const QJsonObject &entry)
-{
-    QStringList words {entry.value("program").toString()};
-    for (const QJsonValue &argument : entry.value("arguments").toArray())
-        words.append(argument.toString());
-    return words.join(' ');
-}
-
 /// The one log line and the command that set the pairing mode.
 QStringList pairingModeSteps(int mode)
 {
@@ -78,7 +70,7 @@ QStringList Steps::steps(VirtualProduct &product, int from)
                             .arg(entry.value("level").toInt())
                             .arg(entry.value("message").toString()));
         else if (kind == "start" && !Daemons.contains(entry.value("program").toString()))
-            list.append("$ " + commandLine(entry));
+            list.append("$ " + VirtualProduct::commandLine(entry));
     }
     return list;
 }

@@ -63,14 +63,6 @@ bool valueFits(const QJsonValue &value, const QJsonValue &wanted)
     return true;
 }
 
-QString commandLine(const QJsonObject &entry)
-{
-    QStringList words {entry.value("program").toString()};
-    for (const QJsonValue &argument : entry.value("arguments").toArray())
-        words.append(argument.toString());
-    return words.join(' ');
-}
-
 } // namespace
 
 VirtualProduct::VirtualProduct(const Options &options, Place place)
@@ -154,10 +146,9 @@ void VirtualProduct::start(const Options &options, const Place &place)
             return;
         }
     }
-    m_hub.connectToServer(folder() + "/hub");
-    if (!m_hub.waitForConnected(GenerousMs))
+    if (!m_hub.connectTo(folder() + "/hub", GenerousMs))
         fail("no hub: " + m_hub.errorString(), place);
-    m_hub.write("{\"follow\":true}\n");
+    m_hub.follow();
 }
 
 bool VirtualProduct::writeSettings(const Options &options)
@@ -185,28 +176,14 @@ void VirtualProduct::fail(const QString &text, const Place &place)
     m_failed = true;
 }
 
-bool VirtualProduct::readMore(int milliseconds)
-{
-    if (!m_hub.canReadLine() && !m_hub.waitForReadyRead(milliseconds))
-        return false;
-    while (m_hub.canReadLine()) {
-        const QJsonObject object = QJsonDocument::fromJson(m_hub.readLine()).object();
-        if (object.contains("journal"))
-            m_journal.append(object.value("journal").toObject());
-        else
-            m_answers.append(object);
-    }
-    return true;
-}
-
 bool VirtualProduct::waitUntil(const std::function<bool()> &arrived)
 {
     const QDeadlineTimer deadline(GenerousMs);
     while (!m_failed && !arrived()) {
-        if (!readMore(int(deadline.remainingTime())) && deadline.hasExpired())
+        if (m_hub.receive(int(deadline.remainingTime())))
+            continue;
+        if (deadline.hasExpired() || !m_hub.isConnected())
             return false;
-        if (m_hub.state() != QLocalSocket::ConnectedState && !m_hub.canReadLine())
-            return arrived();
     }
     return !m_failed;
 }
@@ -216,12 +193,12 @@ QJsonObject VirtualProduct::answerTo(const QJsonObject &request, const Place &pl
 {
     if (m_failed)
         return QJsonObject();
-    m_hub.write(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n');
-    if (!waitUntil([this] { return !m_answers.isEmpty(); })) {
+    m_hub.send(request);
+    if (!waitUntil([this] { return !m_hub.answers.isEmpty(); })) {
         fail("no answer to " + textOf(request), place);
         return QJsonObject();
     }
-    return m_answers.takeAt(0).toObject();
+    return m_hub.answers.takeFirst();
 }
 
 QString VirtualProduct::tell(const QString &line, Place place)
@@ -261,14 +238,14 @@ QJsonObject VirtualProduct::expect(const QString &what, const Predicate &predica
 {
     const int from = m_cursor;
     const bool found = waitUntil([this, &predicate] {
-        while (m_cursor < m_journal.size()) {
-            if (predicate(m_journal.at(m_cursor++)))
+        while (m_cursor < m_hub.journal.size()) {
+            if (predicate(m_hub.journal.at(m_cursor++)))
                 return true;
         }
         return false;
     });
     if (found)
-        return m_journal.at(m_cursor - 1);
+        return m_hub.journal.at(m_cursor - 1);
     m_cursor = from;
     fail("did not happen: " + what, place);
     return QJsonObject();
@@ -302,21 +279,10 @@ QJsonObject VirtualProduct::expectCommand(const QString &wanted, Place place)
         place);
 }
 
-QJsonObject VirtualProduct::expectNone(const Pattern &unwanted, const Pattern &marker, Place place)
-{
-    const int from = m_cursor;
-    const QJsonObject found = expect(marker, place);
-    for (int i = from; i < m_cursor - 1; ++i) {
-        if (fits(m_journal.at(i), unwanted))
-            fail("happened before " + textOf(marker) + ": " + journalText(m_journal.at(i)), place);
-    }
-    return found;
-}
-
 int VirtualProduct::mark()
 {
     answerTo({{"sync", true}}, {__FILE__, __LINE__});
-    return m_journal.size();
+    return m_hub.journal.size();
 }
 
 void VirtualProduct::rewind(int position)
@@ -327,7 +293,7 @@ void VirtualProduct::rewind(int position)
 void VirtualProduct::forget()
 {
     mark();
-    m_journal.clear();
+    m_hub.journal.clear();
     m_cursor = 0;
 }
 
@@ -335,9 +301,9 @@ QVector<QJsonObject> VirtualProduct::entries(const Pattern &pattern, int from)
 {
     mark();
     QVector<QJsonObject> found;
-    for (int i = from; i < m_journal.size(); ++i) {
-        if (fits(m_journal.at(i), pattern))
-            found.append(m_journal.at(i));
+    for (int i = from; i < m_hub.journal.size(); ++i) {
+        if (fits(m_hub.journal.at(i), pattern))
+            found.append(m_hub.journal.at(i));
     }
     return found;
 }
@@ -383,6 +349,14 @@ QJsonObject VirtualProduct::settings() const
     return settings;
 }
 
+QString VirtualProduct::commandLine(const QJsonObject &entry)
+{
+    QStringList words {entry.value("program").toString()};
+    for (const QJsonValue &argument : entry.value("arguments").toArray())
+        words.append(argument.toString());
+    return words.join(' ');
+}
+
 VirtualProduct::Pattern VirtualProduct::log(int level, const QString &message)
 {
     return {{"kind", "log"}, {"level", level}, {"message", message}};
@@ -413,7 +387,7 @@ bool VirtualProduct::fits(const QJsonObject &entry, const Pattern &pattern)
 void VirtualProduct::printTail() const
 {
     printf("The journal's last entries:\n");
-    for (const QJsonObject &entry : m_journal.mid(qMax(0, m_journal.size() - TailLength))) {
+    for (const QJsonObject &entry : m_hub.journal.mid(qMax(0, m_hub.journal.size() - TailLength))) {
         if (!isBusBookkeeping(entry))
             printf("%s\n", qPrintable(journalText(entry)));
     }

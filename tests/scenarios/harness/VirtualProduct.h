@@ -1,9 +1,10 @@
 #ifndef VIRTUALPRODUCT_H
 #define VIRTUALPRODUCT_H
 
+#include "HubClient.h"
+
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QLocalSocket>
 #include <QObject>
 #include <QProcess>
 #include <QStringList>
@@ -78,11 +79,6 @@ public:
     QJsonObject expectCommand(const QString &commandLine, HERE_BY_DEFAULT);
     /// The same for the log lines \p messages of one level, with anything in between.
     void expectLogs(int level, const QStringList &messages, HERE_BY_DEFAULT);
-    /**
-     * Waits for \p marker from the cursor on and fails if an entry that fits \p unwanted comes
-     * before it; moves the cursor past the marker.
-     */
-    QJsonObject expectNone(const Pattern &unwanted, const Pattern &marker, HERE_BY_DEFAULT);
     /// Everything that is in the journal by now, as a position to look back to.
     int mark();
     /// Puts the cursor to a position that mark() gave; 0 is the beginning.
@@ -122,6 +118,8 @@ public:
         return "unix:path=" + folder() + "/system_bus";
     }
 
+    /// Program and arguments of an entry.
+    static QString commandLine(const QJsonObject &entry);
     static Pattern log(int level, const QString &message);
     static Pattern command(const QString &commandLine);
     /// A message on a bus: kind "call", "reply", "error" or "signal".
@@ -134,16 +132,13 @@ private:
     void fail(const QString &text, const Place &place);
     /// Reads on until \p arrived or the time is over.
     bool waitUntil(const std::function<bool()> &arrived);
-    bool readMore(int milliseconds);
     QJsonObject answerTo(const QJsonObject &request, const Place &place);
     void failOnReports() const;
     void printTail() const;
 
     std::unique_ptr<QTemporaryDir> m_folder;
     QProcess *m_launcher = nullptr;
-    QLocalSocket m_hub;
-    QVector<QJsonObject> m_journal;
-    QJsonArray m_answers;
+    HubClient m_hub;
     int m_cursor = 0;
     bool m_failed = false;
 };
