@@ -9,8 +9,10 @@
 #include <QtTest>
 #include <csignal>
 #include <memory>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 LogInterface *_logInterface = nullptr;
 
@@ -281,6 +283,29 @@ private Q_SLOTS:
         QVERIFY(isAlone());
         QCOMPARE(configuration.ReadConfigValue("GENERAL", "a", "unchanged", nullptr, true),
                  QString("unchanged"));
+    }
+
+    /// Who reads while somebody writes, or after he was killed, finds all of it.
+    void wholeAtAnyMoment()
+    {
+        store("[GENERAL]\nlong=" + QByteArray(5000, 'x') + "\na=0\n");
+        const pid_t writer = fork();
+        if (writer == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            Configuration configuration("/object");
+            for (int i = 1;; i = (i + 1) % 10)
+                configuration.WriteConfigValue("GENERAL", "a", QString::number(i), false);
+        }
+        QVERIFY(writer > 0);
+        const int length = content(m_path).size();
+        QTRY_VERIFY(!content(m_path).endsWith("a=0\n")); // it is under way
+        int differing = 0;
+        for (int i = 0; i < 1000; ++i)
+            differing += content(m_path).size() != length;
+        kill(writer, SIGKILL);
+        QCOMPARE(waitpid(writer, nullptr, 0), writer);
+        QCOMPARE(differing, 0);
+        QCOMPARE(content(m_path).size(), length);
     }
 
     void unwritableFolder()
