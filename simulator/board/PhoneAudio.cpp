@@ -42,7 +42,7 @@ public:
     {
         for (;;) {
             const std::int64_t left = std::max<std::int64_t>(until - monotonicTime(), 0);
-            const timespec timeout = {left / Second, left % Second};
+            const timespec timeout = {time_t(left / Second), long(left % Second)};
             pollfd input = {STDIN_FILENO, POLLIN, 0};
             const int ready = ppoll(&input, 1, &timeout, nullptr);
             if (ready == 0)
