@@ -4,6 +4,7 @@
 #include "Steps.h"
 
 #include <QCoreApplication>
+#include <QRegularExpression>
 #include <QTest>
 
 class tst_devices : public QObject
@@ -162,7 +163,9 @@ void tst_devices::disconnectHeld()
         steps << "4 there is step to start pulseaudio running";
     if (state != "accepted")
         steps << "4 stop pulseaudio because not used any more";
-    QCOMPARE(road.deeds(from, {"2 ", "4 ", "> "}),
+    // A poll may come first.
+    const QRegularExpression otherThanPoll("^(?!4 wait pulseaudio)");
+    QCOMPARE(road.deeds(from, {"2 ", "4 ", "> "}).filter(otherThanPoll),
              steps + QStringList {"> Device.Disconnect {anna}"});
     QCOMPARE(road.call("DisconnectDevice"), QJsonArray {1});
 }
