@@ -45,10 +45,10 @@ bool waitForHangUp(int descriptor)
 {
     QElapsedTimer clock;
     clock.start();
-    pollfd pipe = {descriptor, 0, 0};
+    pollfd other = {descriptor, 0, 0};
     int hungUp = 0;
     do {
-        hungUp = poll(&pipe, 1, qMax(0, TimeLimit - static_cast<int>(clock.elapsed())));
+        hungUp = poll(&other, 1, qMax(0, TimeLimit - static_cast<int>(clock.elapsed())));
     } while (hungUp < 0 && errno == EINTR);
     return hungUp > 0;
 }

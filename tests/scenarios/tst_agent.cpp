@@ -140,6 +140,11 @@ void tst_agent::retryLeftOver()
                  Steps::bringUpSteps(),
                  {{started,
                    {started, "4 startStartupSequence programming error timer already active"}}}));
+    // Longer than the retry would take, a phone is silent.
+    product.tell("phone add anna trusted");
+    product.tell("phone anna connect");
+    product.expectLog(4, "CONNECTED BUT NOT PLAYING");
+    QVERIFY(!product.messages(from).contains("restart agent ok"));
 }
 
 SCENARIO_MAIN(tst_agent)
