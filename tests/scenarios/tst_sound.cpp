@@ -1,6 +1,7 @@
 // A phone is heard: through real PulseAudio, loaded and told by the service, and real ALSA down to
 // the board's output, at the level and the frequency that the phone plays.
 
+#include "Steps.h"
 #include "VirtualProduct.h"
 
 #include <QCoreApplication>
@@ -68,12 +69,6 @@ const char Loopback[] = "pactl load-module module-loopback source_dont_move=yes 
                         "source=bluez_source.00_1A_7D_DA_71_13 sink=output latency_msec=1000 "
                         "adjust_time=60 remix=false";
 
-/// Until the unit can be found and paired with.
-void switchOn(VirtualProduct &product)
-{
-    product.expect(VirtualProduct::message("reply", "RegisterAgent"));
-}
-
 /// Until the sound manager is asked to play what the phone sends.
 void expectPlayback(VirtualProduct &product)
 {
@@ -99,7 +94,7 @@ void tst_sound::visit()
 {
     VirtualProduct product(realSound());
     Board board(product);
-    switchOn(product);
+    Steps::waitUntilOn(product);
 
     product.tell("phone add anna address=00:1A:7D:DA:71:13 pin=7351");
     product.tell("phone anna connect");
@@ -130,7 +125,7 @@ void tst_sound::ownFile()
 {
     VirtualProduct product(realSound());
     Board board(product);
-    switchOn(product);
+    Steps::waitUntilOn(product);
 
     const QString file = product.folder() + "/own.wav";
     QCOMPARE(QProcess::execute("sox",
