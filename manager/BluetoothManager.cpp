@@ -1,6 +1,7 @@
 #include "BluetoothManager.h"
 
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include <QtCore/QCoreApplication>
@@ -17,8 +18,6 @@
 #include "DevicePath.h"
 #include "Discard.h"
 #include "LogLine.h"
-#include "LogWords.h"
-#include "PairingPin.h"
 #include "Settings.h"
 #include "ShellCommand.h"
 #include "SoundManagerProxy.h"
@@ -60,6 +59,19 @@ QString environmentValue(const char *name)
     return QString::fromLocal8Bit(qgetenv(name)).toLower();
 }
 
+bool environmentFlag(const char *name)
+{
+    const QString value = environmentValue(name);
+    return value == "true" || value == "1";
+}
+
+bool environmentNumber(const char *name, int &number)
+{
+    bool isNumber = false;
+    number = environmentValue(name).toInt(&isNumber, 10);
+    return isNumber;
+}
+
 /** Path of BlueZ's default adapter; empty when BlueZ has none or cannot be asked. */
 QString defaultAdapterPath()
 {
@@ -84,85 +96,73 @@ bool isFailed(QDBusPendingCall call)
 
 BluetoothManager::BluetoothManager() : UlmoFeatureBase(Names::Object)
 {
-    struct ConstructionAborted
-    {
-    };
-    try {
-        if (!isInitialized()) {
-            LOG_LINE(LogError, "Impossible to initialize Base feature");
-            throw ConstructionAborted();
-        }
-        Configuration configuration(Names::Object);
-        if (!configuration.isValid()) {
-            LOG_LINE(LogError, "Impossible to initialize Configuration proxy");
-            throw ConstructionAborted();
-        }
-
-        m_reconnectTimeout = configuration.ReadConfigValue(
-            Settings::Bluetooth, "bt-timeout-reconnect-1", m_reconnectTimeout, nullptr, true);
-        if (m_reconnectTimeout < 100) {
-            LOG_LINE(LogWarning, "too low reconnect timeout");
-            m_reconnectTimeout = 100;
-        } else if (m_reconnectTimeout > 10000) {
-            LOG_LINE(LogWarning, "too big reconnect timeout");
-            m_reconnectTimeout = 10000;
-        }
-        LOG_LINE(LogInformation, "reconnection timeout %d", m_reconnectTimeout);
-
-        const QString forcedEnable = environmentValue("ULMO_BT_ENABLE");
-        const bool isForced = forcedEnable == "true" || forcedEnable == "1";
-        const bool startEnabled = isForced
-            || configuration.ReadConfigValue(Settings::Bluetooth, "bt-enable", 1, nullptr, true)
-                != 0;
-        if (isForced)
-            LOG_LINE(LogInformation, "force enable for ULMO_BT_ENABLE");
-        else
-            m_savedEnable = startEnabled;
-
-        m_pid = environmentValue("ULMO_BT_PID");
-        if (!m_pid.isEmpty()) {
-            LOG_LINE(LogInformation, "force PID for ULMO_BT_PID");
-        } else {
-            m_pid = configuration.ReadConfigValue(Settings::Bluetooth, "bt-pid", DefaultPid,
-                                                  nullptr, true);
-            m_savedPid = m_pid;
-        }
-        if (!isValidPid(m_pid)) {
-            m_pid = DefaultPid;
-            // The store holds something else, so the next save has to write the repaired PIN.
-            m_savedPid.clear();
-        }
-
-        m_legacyMode = Settings::readLegacyMode(configuration, m_pid);
-        LOG_LINE(LogInformation, "legacy mode %d", m_legacyMode);
-        Q_EMIT BluetoothPidChanged(m_pid);
-
-        bool isNumber = false;
-        m_latency = environmentValue("ULMO_BT_LATENCY").toInt(&isNumber, 10);
-        if (isNumber)
-            LOG_LINE(LogInformation, "force ULMO_BT_LATENCY=%d", m_latency);
-        else
-            m_latency = configuration.ReadConfigValue(Settings::Bluetooth, "bt-latency", 1000,
-                                                      nullptr, true);
-
-        m_alsaDevice = "dm-audio";
-        m_hostName = Settings::readBluetoothName(configuration);
-
-        LOG_LINE(LogInformation, "BLUETOOTH CONFIGURATION:");
-        LOG_LINE(LogInformation, "> Enable:         %s", word(startEnabled));
-        LOG_LINE(LogInformation, "> Pid:            %s", pidForLog(m_pid).constData());
-        LOG_LINE(LogInformation, "> Latency:        %d", m_latency);
-
-        killStaleDaemons();
-        m_bluezWatcher = new QDBusServiceWatcher(BluezService, QDBusConnection::systemBus(),
-                                                 QDBusServiceWatcher::WatchForRegistration);
-        m_valid = true;
-        Q_EMIT BluetoothOn(false);
-        if (startEnabled)
-            QTimer::singleShot(EnableDelay, this, SLOT(Enable()));
-    } catch (const ConstructionAborted &) {
+    std::unique_ptr<Configuration> configuration;
+    if (isInitialized())
+        configuration.reset(new Configuration(Names::Object));
+    else
+        LOG_LINE(LogError, "Impossible to initialize Base feature");
+    if (configuration && !configuration->isValid())
+        LOG_LINE(LogError, "Impossible to initialize Configuration proxy");
+    if (!configuration || !configuration->isValid()) {
         LOG_LINE(LogError, "Fatal error while crating the BluetoothManager");
+        return;
     }
+
+    m_reconnectTimeout = Settings::readInteger(*configuration, "bt-timeout-reconnect-1", 5000);
+    if (m_reconnectTimeout < 100) {
+        LOG_LINE(LogWarning, "too low reconnect timeout");
+        m_reconnectTimeout = 100;
+    } else if (m_reconnectTimeout > 10000) {
+        LOG_LINE(LogWarning, "too big reconnect timeout");
+        m_reconnectTimeout = 10000;
+    }
+    LOG_LINE(LogInformation, "reconnection timeout %d", m_reconnectTimeout);
+
+    bool startEnabled = environmentFlag("ULMO_BT_ENABLE");
+    if (startEnabled) {
+        LOG_LINE(LogInformation, "force enable for ULMO_BT_ENABLE");
+    } else {
+        startEnabled = Settings::readInteger(*configuration, "bt-enable", 1) != 0;
+        m_savedEnable = startEnabled;
+    }
+
+    m_pid = environmentValue("ULMO_BT_PID");
+    if (!m_pid.isEmpty()) {
+        LOG_LINE(LogInformation, "force PID for ULMO_BT_PID");
+    } else {
+        m_pid = Settings::readPid(*configuration);
+        m_savedPid = m_pid;
+    }
+    if (!isValidPid(m_pid)) {
+        m_pid = DefaultPid;
+        // The store holds something else, so the next save has to write the repaired PIN.
+        m_savedPid.clear();
+    }
+
+    m_legacyMode = Settings::readLegacyMode(*configuration, m_pid);
+    LOG_LINE(LogInformation, "legacy mode %d", m_legacyMode);
+    Q_EMIT BluetoothPidChanged(m_pid);
+
+    if (environmentNumber("ULMO_BT_LATENCY", m_latency))
+        LOG_LINE(LogInformation, "force ULMO_BT_LATENCY=%d", m_latency);
+    else
+        m_latency = Settings::readInteger(*configuration, "bt-latency", 1000);
+
+    m_alsaDevice = "dm-audio";
+    m_hostName = Settings::readBluetoothName(*configuration);
+
+    LOG_LINE(LogInformation, "BLUETOOTH CONFIGURATION:");
+    LOG_LINE(LogInformation, "> Enable:         %s", word(startEnabled));
+    LOG_LINE(LogInformation, "> Pid:            %s", pidForLog(m_pid).constData());
+    LOG_LINE(LogInformation, "> Latency:        %d", m_latency);
+
+    killStaleDaemons();
+    m_bluezWatcher = new QDBusServiceWatcher(BluezService, QDBusConnection::systemBus(),
+                                             QDBusServiceWatcher::WatchForRegistration);
+    m_valid = true;
+    Q_EMIT BluetoothOn(false);
+    if (startEnabled)
+        QTimer::singleShot(EnableDelay, this, SLOT(Enable()));
 }
 
 BluetoothManager::~BluetoothManager()
@@ -292,7 +292,7 @@ void BluetoothManager::startStartupSequence()
         discardTimer(m_sequenceTimer);
         LOG_LINE(LogInformation, "startStartupSequence programming error timer already active");
     }
-    m_sequenceTimer = startSingleShot(BluezRegistrationTimeout, SLOT(timeoutStartBluez()));
+    m_sequenceTimer = armTimer(BluezRegistrationTimeout, SLOT(timeoutStartBluez()));
 
     connect(m_bluezProcess, SIGNAL(finished(int, QProcess::ExitStatus)), this,
             SLOT(bluezDown(int, QProcess::ExitStatus)));
@@ -395,7 +395,6 @@ void BluetoothManager::forceSyncDown(bool restart)
     discardTimer(m_noPlayTimer);
     discardLater(m_startPlayerWatcher);
     discardLater(m_stopPlayerWatcher);
-
     runShellCommand("hciconfig hci0 noscan");
     // Null in an object whose construction was given up.
     if (m_bluezWatcher)
@@ -421,10 +420,10 @@ void BluetoothManager::forceSyncDown(bool restart)
     }
 }
 
-QTimer *BluetoothManager::startSingleShot(int milliseconds, const char *slot)
+QTimer *BluetoothManager::armTimer(int milliseconds, const char *slot, Timing timing)
 {
     QTimer *const timer = new QTimer(this);
-    timer->setSingleShot(true);
+    timer->setSingleShot(timing == Once);
     connect(timer, SIGNAL(timeout()), this, slot);
     timer->start(milliseconds);
     return timer;
@@ -485,7 +484,7 @@ void BluetoothManager::restartAgent()
         return;
     }
     LOG_LINE(LogWarning, "not possible to restart agent");
-    m_sequenceTimer = startSingleShot(AgentRetryDelay, SLOT(restartAgent()));
+    m_sequenceTimer = armTimer(AgentRetryDelay, SLOT(restartAgent()));
 }
 
 // Source connection policy
@@ -588,7 +587,7 @@ void BluetoothManager::AudioSourcePropertyChanged(const QString &name, const QDB
         if (!m_pulseProcess)
             startPulseAudio();
         if (state == "connected") {
-            startNoPlayTimer();
+            m_noPlayTimer = armTimer(NoPlayInterval, SLOT(noPlay()), Repeated);
             LOG_LINE(LogInformation, "start/restart timer for no play");
         }
     }
@@ -598,16 +597,6 @@ bool BluetoothManager::isAnotherHeld(const QString &devicePath) const
 {
     return (!m_connectedDevicePath.isEmpty() && m_connectedDevicePath != devicePath)
         || (!m_audioSourcePath.isEmpty() && m_audioSourcePath != devicePath);
-}
-
-void BluetoothManager::startNoPlayTimer()
-{
-    if (!m_noPlayTimer) {
-        m_noPlayTimer = new QTimer(this);
-        m_noPlayTimer->setInterval(NoPlayInterval);
-        connect(m_noPlayTimer, SIGNAL(timeout()), this, SLOT(noPlay()));
-    }
-    m_noPlayTimer->start();
 }
 
 void BluetoothManager::noPlay()
@@ -819,7 +808,7 @@ bool BluetoothManager::startPulseAudio()
         LOG_LINE(LogWarning, "error connecting on pulseuadio exit");
     discardTimer(m_pulseStepTimer);
     m_pulseRetries = 0;
-    m_pulseStepTimer = startSingleShot(PulseStepDelay, SLOT(startPulseAudio_step1()));
+    m_pulseStepTimer = armTimer(PulseStepDelay, SLOT(startPulseAudio_step1()));
     return true;
 }
 
@@ -829,7 +818,7 @@ void BluetoothManager::startPulseAudio_step1()
     if (runShellCommand("/usr/bin/pactl stat") != 0) {
         if (++m_pulseRetries < PulsePolls) {
             LOG_LINE(LogInformation, "wait pulseaudio ... %d", m_pulseRetries);
-            m_pulseStepTimer = startSingleShot(PulseStepDelay, SLOT(startPulseAudio_step1()));
+            m_pulseStepTimer = armTimer(PulseStepDelay, SLOT(startPulseAudio_step1()));
         } else {
             LOG_LINE(LogError, "error starting pulseaudio, so disconnect");
             disconnectDevice(m_audioSourcePath);
@@ -850,7 +839,7 @@ void BluetoothManager::startPulseAudio_step1()
     LOG_LINE(levelOf(discoveryStatus), "%s <- %d", loadDiscovery.constData(), discoveryStatus);
 
     m_pulseRetries = 0;
-    m_pulseStepTimer = startSingleShot(PulseStepDelay, SLOT(startPulseAudio_step2()));
+    m_pulseStepTimer = armTimer(PulseStepDelay, SLOT(startPulseAudio_step2()));
 }
 
 void BluetoothManager::startPulseAudio_step2()
@@ -870,7 +859,7 @@ void BluetoothManager::startPulseAudio_step2()
     }
     if (++m_pulseRetries < PulsePolls) {
         LOG_LINE(LogInformation, "wait pulseaudio bluetooth module ready... %d", m_pulseRetries);
-        m_pulseStepTimer = startSingleShot(PulseStepDelay, SLOT(startPulseAudio_step2()));
+        m_pulseStepTimer = armTimer(PulseStepDelay, SLOT(startPulseAudio_step2()));
         return;
     }
     LOG_LINE(LogError, "error starting pulseaudio, so disconnect");

@@ -103,14 +103,14 @@ private:
     void startStopSequence();
     void forceSyncDown(bool restart);
     void applyLegacyMode(const char *operation);
-    QTimer *startSingleShot(int milliseconds, const char *slot);
+    enum Timing { Once, Repeated };
+    QTimer *armTimer(int milliseconds, const char *slot, Timing timing = Once);
 
     // Pairing agent
     bool startAgent();
 
     // Source connection policy
     bool isAnotherHeld(const QString &devicePath) const;
-    void startNoPlayTimer();
     bool connectAudioSource(const QString &devicePath);
     void disconnectDevice(const QString &devicePath);
     bool disconnectHeldDevice();

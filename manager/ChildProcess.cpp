@@ -50,10 +50,9 @@ QProcess *startChild(const QString &program, const QStringList &arguments,
         qDeleteAll(process->findChildren<QSocketNotifier *>());
         return nullptr;
     }
-    if (started)
-        return process;
-    discard(process);
-    return nullptr;
+    if (!started)
+        discard(process);
+    return started ? process : nullptr;
 }
 
 bool stopChild(QProcess *&field, ChildListeners listeners)

@@ -5,6 +5,9 @@
 
 #include <stddef.h>
 
+#include <QtCore/QByteArray>
+#include <QtCore/QProcess>
+
 #include "LogInterface.h"
 #include "Names.h"
 
@@ -46,5 +49,27 @@ void formatLogLine(char (&line)[LogLineSize], const char *file, int lineNumber,
 
 /** Logs for the object of the service and in the name of the function around it. */
 #define LOG_LINE(level, ...) LOG_LINE_AS(Names::Object, __PRETTY_FUNCTION__, level, __VA_ARGS__)
+
+/** What values are called in log lines. */
+inline const char *word(bool value)
+{
+    return value ? "true" : "false";
+}
+
+inline const char *exitWord(QProcess::ExitStatus exitStatus)
+{
+    return exitStatus == QProcess::CrashExit ? "crash" : "normal";
+}
+
+inline QByteArray pidForLog(const QString &pid)
+{
+    return pid.isEmpty() ? QByteArray("<none>") : pid.toLocal8Bit();
+}
+
+/** A command that failed is a warning. */
+inline LogLevel levelOf(int commandStatus)
+{
+    return commandStatus ? LogWarning : LogInformation;
+}
 
 #endif

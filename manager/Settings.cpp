@@ -3,25 +3,53 @@
 #include <QtCore/QRegExp>
 
 #include "Configuration.h"
-#include "PairingPin.h"
+
+namespace {
+
+const char General[] = "GENERAL";
+
+QString readText(Configuration &configuration, const char *section, const char *key,
+                 const char *defaultValue)
+{
+    return configuration.ReadConfigValue(section, key, QString(defaultValue), nullptr, true);
+}
+
+} // namespace
+
+bool isValidPid(const QString &pid)
+{
+    if (pid.length() != 4)
+        return false;
+    for (int i = 0; i < pid.length(); ++i) {
+        if (!pid.at(i).isDigit())
+            return false;
+    }
+    return true;
+}
 
 namespace Settings {
 
+int readInteger(Configuration &configuration, const char *key, int defaultValue)
+{
+    return configuration.ReadConfigValue(Bluetooth, key, defaultValue, nullptr, true);
+}
+
+QString readPid(Configuration &configuration)
+{
+    return readText(configuration, Bluetooth, "bt-pid", DefaultPid);
+}
+
 int readLegacyMode(Configuration &configuration, const QString &pid)
 {
-    if (pid != DefaultPid)
-        return 0;
-    return configuration.ReadConfigValue(Bluetooth, "bt-disable-legacy", 0, nullptr, true) > 0;
+    return pid == DefaultPid && readInteger(configuration, "bt-disable-legacy", 0) > 0;
 }
 
 QString readBluetoothName(Configuration &configuration)
 {
-    const QString nickname =
-        configuration.ReadConfigValue(General, "Nickname", QString(), nullptr, true);
-    if (!nickname.isEmpty())
-        return bluetoothName(nickname);
-    return bluetoothName(
-        "Ulmo_" + configuration.ReadConfigValue(General, "SerialNumber", "unknown", nullptr, true));
+    QString name = readText(configuration, General, "Nickname", "");
+    if (name.isEmpty())
+        name = "Ulmo_" + readText(configuration, General, "SerialNumber", "unknown");
+    return bluetoothName(name);
 }
 
 QString bluetoothName(const QString &name)

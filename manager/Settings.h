@@ -6,10 +6,20 @@
 
 class Configuration;
 
+const char DefaultPid[] = "7351";
+
+/** Whether the text can be a pairing PIN: four decimal digits, of any script. */
+bool isValidPid(const QString &pid);
+
 namespace Settings {
 
+/** Section of what the service writes as well. */
 const char Bluetooth[] = "BLUETOOTH";
-const char General[] = "GENERAL";
+
+int readInteger(Configuration &configuration, const char *key, int defaultValue);
+
+/** The pairing PIN as it is stored, valid or not. */
+QString readPid(Configuration &configuration);
 
 /** Secure Simple Pairing, 0 or 1: only the default PIN lets the store choose, others need none. */
 int readLegacyMode(Configuration &configuration, const QString &pid);

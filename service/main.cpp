@@ -8,7 +8,6 @@
 
 #include "BluetoothManager.h"
 #include "BluetoothManagerAdaptor.h"
-#include "LogInterface.h"
 #include "LogLine.h"
 
 // The first two live until the process ends: anything that still runs then may log.

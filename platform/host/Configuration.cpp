@@ -15,34 +15,13 @@
 #include <unistd.h>
 
 namespace {
-struct KeyFileDeleter
+struct Deleter
 {
     void operator()(GKeyFile *keys) const { g_key_file_free(keys); }
-};
-typedef std::unique_ptr<GKeyFile, KeyFileDeleter> KeyFile;
-
-struct TextDeleter
-{
     void operator()(gchar *text) const { g_free(text); }
 };
-typedef std::unique_ptr<gchar, TextDeleter> Text;
-
-/** An error that GLib reports; `out` is what its functions take. */
-class Error
-{
-public:
-    Error() { }
-    ~Error() { g_clear_error(&m_error); }
-
-    GError **out() { return &m_error; }
-    bool is(GQuark domain, int code) const { return g_error_matches(m_error, domain, code); }
-    QString message() const { return QString::fromUtf8(m_error->message); }
-
-private:
-    Q_DISABLE_COPY(Error)
-
-    GError *m_error = nullptr;
-};
+typedef std::unique_ptr<GKeyFile, Deleter> KeyFile;
+typedef std::unique_ptr<gchar, Deleter> Text;
 
 QByteArray settingsPath()
 {
@@ -82,42 +61,35 @@ QByteArray withoutMark(const QByteArray &line)
     return line.startsWith(CommentMark) ? line.mid(CommentMarkSize) : line;
 }
 
-/** Without keys where the text is not an INI file. */
-KeyFile parse(const char *text, int length, Error &error)
-{
-    KeyFile keys(g_key_file_new());
-    const GKeyFileFlags keepAll =
-        static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);
-    if (!g_key_file_load_from_data(keys.get(), text, length, keepAll, error.out()))
-        keys.reset();
-    return keys;
-}
-
 /** Reads the file; a missing one is empty. Without keys, but with a reason, where it fails. */
 KeyFile readKeyFile(const QByteArray &path, QString &reason)
 {
-    Error error;
+    g_autoptr(GError) error = nullptr;
     gchar *text = nullptr;
     gsize length = 0;
-    if (!g_file_get_contents(path.constData(), &text, &length, error.out())) {
-        if (error.is(G_FILE_ERROR, G_FILE_ERROR_NOENT))
+    if (!g_file_get_contents(path.constData(), &text, &length, &error)) {
+        if (g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT))
             return KeyFile(g_key_file_new());
-        reason = error.message();
+        reason = QString::fromUtf8(error->message);
         return KeyFile();
     }
     const Text owner(text);
     QByteArray content(text, static_cast<int>(length));
     if (content.startsWith("\xef\xbb\xbf")) // editors on Windows mark UTF-8 so
         content.remove(0, 3);
-
     if (!g_utf8_validate(content.constData(), content.size(), nullptr)) {
         reason = "not UTF-8 text";
         return KeyFile();
     }
     content = changedLines(content, withMark);
-    KeyFile keys = parse(content.constData(), content.size(), error);
-    if (!keys)
-        reason = error.message();
+    KeyFile keys(g_key_file_new());
+    const GKeyFileFlags keepAll =
+        static_cast<GKeyFileFlags>(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS);
+    if (!g_key_file_load_from_data(keys.get(), content.constData(), content.size(), keepAll,
+                                   &error)) {
+        reason = QString::fromUtf8(error->message);
+        return KeyFile();
+    }
     return keys;
 }
 
@@ -147,12 +119,12 @@ QString replaceFile(const QByteArray &path, const QByteArray &content)
     // GLib makes a new file, which only root can give away again.
     if (exists && status.st_uid != geteuid() && geteuid() != 0)
         return "the file belongs to another user";
-    Error error;
+    g_autoptr(GError) error = nullptr;
     const GFileSetContentsFlags safely = static_cast<GFileSetContentsFlags>(
         G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
     if (!g_file_set_contents_full(target.constData(), content.constData(), content.size(), safely,
-                                  0600, error.out()))
-        return error.message();
+                                  0600, &error))
+        return QString::fromUtf8(error->message);
     // Owner first: changing it clears some bits of the mode.
     if (exists
         && (chown(target.constData(), status.st_uid, status.st_gid) != 0

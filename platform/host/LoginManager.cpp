@@ -23,10 +23,6 @@ LoginManager::LoginManager(UlmoFeatureBase *feature, const QString &objectPath)
     , m_feature(feature)
     , m_objectPath(objectPath)
     , m_bus(QDBusConnection::systemBus())
-    , m_loginManager(nullptr)
-    , m_inhibitorAsked(false)
-    , m_sleeping(false)
-    , m_shutdown(NoShutdown)
 {
     if (!m_bus.isConnected())
         return;
@@ -44,7 +40,7 @@ void LoginManager::ownerChanged()
     m_sleeping = false;
     m_shutdown = NoShutdown;
     m_inhibitorAsked = false;
-    releaseInhibitor();
+    m_inhibitor = QDBusUnixFileDescriptor();
     takeInhibitor();
 }
 
@@ -60,16 +56,14 @@ void LoginManager::signalReceived(const QDBusMessage &message)
             prepareForSleep();
         else
             m_sleeping = false;
-    } else if (event == "PrepareForShutdown b") {
-        if (begins)
+    } else if (event == "PrepareForShutdown b"
+               || event == "PrepareForShutdownWithMetadata ba{sv}") {
+        if (!begins)
+            m_shutdown = NoShutdown;
+        else if (arguments.size() == 1)
             prepareForShutdown();
         else
-            m_shutdown = NoShutdown;
-    } else if (event == "PrepareForShutdownWithMetadata ba{sv}") {
-        if (begins)
             prepareForShutdown(qdbus_cast<QVariantMap>(arguments.at(1)).value("type").toString());
-        else
-            m_shutdown = NoShutdown;
     }
     if (!begins)
         takeInhibitor();
@@ -81,7 +75,7 @@ void LoginManager::prepareForSleep()
         return;
     m_sleeping = true;
     m_feature->ulmoPowerOnSuspend("suspend");
-    releaseInhibitor();
+    m_inhibitor = QDBusUnixFileDescriptor();
 }
 
 /**
@@ -110,7 +104,7 @@ void LoginManager::prepareForShutdown(const QString &kind)
         m_feature->ulmoPowerOnReboot("reboot");
     else
         m_feature->ulmoPowerOnShutdown("shutdown");
-    releaseInhibitor();
+    m_inhibitor = QDBusUnixFileDescriptor();
 }
 
 void LoginManager::scheduleFound(const QDBusVariant &schedule)
@@ -165,9 +159,4 @@ void LoginManager::inhibitorRefused(const QDBusError &error)
         platformLog(2, m_objectPath,
                     QString("the login manager will not wait at sleep and shutdown: ")
                         + error.message());
-}
-
-void LoginManager::releaseInhibitor()
-{
-    m_inhibitor = QDBusUnixFileDescriptor();
 }
