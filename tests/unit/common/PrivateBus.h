@@ -2,10 +2,7 @@
 #ifndef PRIVATEBUS_H
 #define PRIVATEBUS_H
 
-#include <QtCore/QFile>
 #include <QtCore/QProcess>
-#include <QtCore/QString>
-#include <QtCore/QTemporaryDir>
 #include <QtDBus/QDBusConnection>
 
 /** Runs a dbus-daemon that allows everything, for as long as the object lives. */
@@ -14,22 +11,9 @@ class PrivateBus
 public:
     PrivateBus()
     {
-        QFile configuration(m_folder.filePath("bus.conf"));
-        if (!configuration.open(QIODevice::WriteOnly))
-            return;
-        configuration.write(
-            "<busconfig><type>session</type><listen>unix:dir=" + m_folder.path().toUtf8()
-            + "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
-              "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>");
-        configuration.close();
-        m_daemon.start("dbus-daemon",
-                       {"--nofork", "--nopidfile", "--print-address",
-                        "--config-file=" + configuration.fileName()});
-        while (!m_daemon.canReadLine()) {
-            if (!m_daemon.waitForReadyRead(10000))
-                return;
-        }
-        m_address = QString::fromLatin1(m_daemon.readLine().trimmed());
+        m_daemon.start("dbus-daemon", {"--session", "--nofork", "--nopidfile", "--print-address"});
+        while (!m_daemon.canReadLine() && m_daemon.waitForReadyRead(10000)) { }
+        m_address = m_daemon.readLine().trimmed();
     }
 
     ~PrivateBus() { stop(); }
@@ -51,7 +35,6 @@ public:
     }
 
 private:
-    QTemporaryDir m_folder;
     QProcess m_daemon;
     QString m_address;
 };

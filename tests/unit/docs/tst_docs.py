@@ -1,215 +1,200 @@
-"""Holds what people read to the code: log texts, settings, the interface, links."""
+#!/usr/bin/python3
+"""Holds what people read to the code: log texts, settings, the interface, links, commands."""
 import glob
 import os
 import re
-import shutil
-import subprocess
 import unittest
 import xml.etree.ElementTree
 
 ROOT = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", "..", ".."))
+FOLDERS = [entry.name for entry in os.scandir(ROOT)
+           if entry.is_dir() and not entry.name.startswith(("build", ".git"))]
 SERVICE_FOLDERS = ("service", "manager", "dbus")
 LEVELS = {"LogError": {1}, "LogWarning": {2}, "levelOf": {2, 4}, "LogInformation": {4},
           "LogTrace": {9}}
-LITERAL = r'"((?:[^"\\]|\\.)*)"'
 LITERALS = r'((?:\s*"(?:[^"\\]|\\.)*")+)'
+# What the commands in the documents may start besides the project's own.
+SYSTEM_COMMANDS = set("adduser bash busctl cd clang-format clang-tidy cmake ctest gdb git grep "
+                      "hciconfig journalctl ninja pactl pidof python3 systemctl valgrind".split())
 
 
-def read(*path):
+def read(*path: str) -> str:
     with open(os.path.join(ROOT, *path), encoding="utf-8") as file:
         return file.read()
 
 
-def sources(*folders):
+def sources(*folders: str):
     """(name, text) of each source file."""
     for folder in folders:
         for path in sorted(glob.glob(os.path.join(ROOT, folder, "*.cpp"))):
-            name = os.path.relpath(path, ROOT)
-            yield name, read(name)
+            yield os.path.relpath(path, ROOT), read(path)
 
 
-def joined(literals):
-    return "".join(re.findall(LITERAL, literals)).replace('\\"', '"')
+def pages():
+    """(name, text) of each Markdown page."""
+    for folder in ("", "docs"):
+        for path in sorted(glob.glob(os.path.join(ROOT, folder, "*.md"))):
+            yield os.path.relpath(path, ROOT), read(path)
+
+
+def joined(literals: str) -> str:
+    return "".join(re.findall(r'"((?:[^"\\]|\\.)*)"', literals)).replace('\\"', '"')
 
 
 def log_texts():
-    """(format, levels, where) of each log line of the service."""
-    log_line = re.compile(r"\bLOG_LINE(?:\(|_FOR\([\w:]+,\s*)(\w+)(?:\(\w+\))?," + LITERALS)
-    found = []
+    """(pattern of the headings that explain it, text, levels, file) of each log line."""
+    log_line = re.compile(r"\bLOG_LINE(?:\(|_AS\([\w:]+,\s*\w+,\s*)(\w+)(?:\(\w+\))?," + LITERALS)
     for name, text in sources(*SERVICE_FOLDERS):
-        lines = list(log_line.finditer(text))
+        lines = log_line.findall(text)
         if len(lines) != len(re.findall(r"\bLOG_LINE", text)):
             raise AssertionError(name + ": a log line that this test cannot read")
-        for line in lines:
-            levels, formats = LEVELS[line[1]], [joined(line[2])]
-            if formats == ["%s"] and levels & {1, 2}:
-                # The texts are those that the function is called with.
-                heads = re.findall(r"^\w[^\n;]*?(\w+)\([^;]*?\n\{", text[:line.start()], re.M)
-                formats = [joined(call) for call in re.findall(heads[-1] + r"\(" + LITERALS, text)]
-                if not formats:
-                    raise AssertionError("%s: no call of %s has a text" % (name, heads[-1]))
-            where = "%s:%d" % (name, text.count("\n", 0, line.start()) + 1)
-            found += [(text_format, levels, where) for text_format in formats]
-    return found
+        for level, literals in lines:
+            format_ = joined(literals)
+            # The beginning may vary: the heading then quotes it as it is, or what comes of it.
+            varied = ".+".join(re.escape(part) for part in re.split("%[sd]", format_))
+            varies = format_.startswith("%s") and format_ != "%s"
+            yield varied if varies else re.escape(format_), format_, LEVELS[level], name
+    for name, text in sources("platform/host"):
+        for level, rest in re.findall(r"\b(?:platformLog|log)\(([12]),([^;]*);", text):
+            part = re.sub(r"%\d", "%s", joined(rest)).strip()
+            yield ".*" + re.escape(part) + ".*", part, {int(level)}, name
 
 
-def platform_texts():
-    """(a part of the text, levels, where) of each error and warning of the host platform."""
-    return [(re.sub(r"%\d", "%s", joined(rest)).strip(), {int(level)}, name)
-            for name, text in sources("platform/host")
-            for level, rest in re.findall(r"\b(?:platformLog|log)\(([12]),([^;]*);", text)]
-
-
-def fits(text_format, quoted):
-    """Whether a heading quotes the text, or one that it becomes where its beginning varies."""
-    if text_format == quoted or text_format == "%s" or not text_format.startswith("%s"):
-        return text_format == quoted
-    end = ".+".join(re.escape(part) for part in re.split(r"%[sd]", text_format))
-    return re.fullmatch(end, quoted) is not None
-
-
-def explained_texts():
-    """{text: what follows} of each text that a heading of the troubleshooting page quotes."""
-    found = {}
-    page = read("docs", "troubleshooting.md")
-    for section in re.split(r"^### ", page, flags=re.MULTILINE)[1:]:
-        heading, _, body = section.partition("\n")
-        for text in re.findall(r"`([^`]+)`", heading):
-            found[text] = body
-    return found
-
-
-def man_page(name):
+def man_page_section(name: str, title: str) -> str:
     """Its text with the escapes undone and the quotes of macro arguments taken away."""
-    text = read("docs", name).replace(r"\-", "-").replace(r"\&", "")
-    return re.sub(r" +", " ", re.sub(r"\\f.", "", text).replace('"', ""))
+    page = read("docs", name).replace(r"\-", "-").replace(r"\&", "")
+    page = re.sub(r" +", " ", re.sub(r"\\f.", "", page).replace('"', ""))
+    return re.search(rf"^\.SH {title}\n(.*?)(?=^\.SH |\Z)", page, re.M | re.S)[1]
 
 
-def section(page, title):
-    return re.search(r"^\.SH " + title + r"\n(.*?)(?=^\.SH |\Z)", page, re.M | re.S)[1]
-
-
-def slugs(markdown):
-    """The anchors of the headings."""
-    outside_code = re.sub(r"^```.*?^```", "", markdown, flags=re.M | re.S)
-    headings = re.findall(r"^#+ (.*)$", outside_code, re.MULTILINE)
-    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
+def commands(page: str):
+    """Each command line in the code blocks of a page, without what is given to python3."""
+    page = re.sub(r"\\\n", "", re.sub(r"(<<'END'\n).*?^    END$", r"\1", page, flags=re.M | re.S))
+    for block in re.findall(r"^(?:(?: {4}.*\n)+|```\n(?:.*\n)*?```\n)", page, re.M):
+        lines = [line.strip() for line in block.splitlines() if not line.startswith("```")]
+        # Others are output, the text of a file or a drawing.
+        if "│" not in block and re.match(r"(?!/path/|settings file )[a-z/]|[A-Z_]+=", lines[0]):
+            yield from lines
 
 
 class Docs(unittest.TestCase):
-    longMessage = False
+    maxDiff = None
 
     def test_log_texts(self):
         """Errors and warnings are explained with their levels, and nothing that is none."""
-        explained = explained_texts()
-        service = log_texts()
-        self.assertGreater(len(service), 50)
-        platform = platform_texts()
-        self.assertGreater(len(platform), 3)
-        texts = [(text, levels, where, [quoted for quoted in explained if fits(text, quoted)])
-                 for text, levels, where in service]
-        texts += [(text, levels, where, [quoted for quoted in explained if text in quoted])
-                  for text, levels, where in platform]
-        missing = []
-        known = set()
-        for text, levels, where, headings in texts:
+        explained = {}
+        for section in read("docs", "troubleshooting.md").split("\n### ")[1:]:
+            heading, _, body = section.partition("\n")
+            explained.update((text, body) for text in re.findall(r"`([^`]+)`", heading))
+        wrong, known = [], set()
+        for pattern, text, levels, name in log_texts():
+            headings = [quoted for quoted in explained
+                        if quoted == text or re.fullmatch(pattern, quoted)]
             known.update(headings)
             if levels & {1, 2} and not headings:
-                missing.append('%s: "%s" has no heading' % (where, text))
-            for quoted in headings:
-                for level in levels:
-                    if not re.search(r"\b(Level|or) %d\b" % level, explained[quoted]):
-                        missing.append('%s: "%s" comes at level %d' % (where, text, level))
-        missing += ['"%s" is no log text' % quoted for quoted in explained if quoted not in known]
-        self.assertFalse(missing, "\n" + "\n".join(missing))
+                wrong.append(f'{name}: "{text}" has no heading')
+            wrong += [f'{name}: "{text}" comes at level {level}'
+                      for quoted in headings for level in levels
+                      if not re.search(rf"\b(Level|or) {level}\b", explained[quoted])]
+        wrong += [f'"{quoted}" is no log text' for quoted in explained if quoted not in known]
+        self.assertEqual(wrong, [])
 
     def test_settings(self):
         """Every setting is in the daemon's man page, with its section, type and default."""
-        settings = section(man_page("bluetoothmanager.8"), "SETTINGS")
-        found = 0
-        for name, text in sources(*SERVICE_FOLDERS):
-            constants = dict(re.findall(r"const char (\w+)\[\] = " + LITERAL, text))
-            reads = re.findall(r"ReadConfigValue\((\w+), " + LITERAL + r", ([^,]+),", text)
-            self.assertEqual(len(reads), text.count("ReadConfigValue("), name)
-            for group, key, default in reads:
-                found += 1
-                kind = "integer" if re.fullmatch(r"-?\d+", default) else "text"
-                value = constants.get(default, "empty" if default == "QString()" else default)
-                entry = "%s (%s, default %s)" % (key, kind, value.strip('"'))
-                described = re.search(r"^\.SS Section \[%s\](.*?)(?=^\.SS|\Z)" % constants[group],
-                                      settings, re.M | re.S)[1]
-                self.assertIn(".BR %s\n" % entry, described, "%s: %s" % (name, entry))
-        self.assertGreater(found, 6)
+        settings = man_page_section("bluetoothmanager.8", "SETTINGS")
+        code = "".join(text for _, text in sources("manager")) + read("manager", "Settings.h")
+        constants = dict(re.findall(r'const char (\w+)\[\] = "([^"]*)"', code))
+        reads = re.findall(r'\bread(Text|Integer)\(\*?configuration, (?:(\w+), )?"([^"]+)", '
+                           r'("?)(\w*)\4\)', code)
+        self.assertGreater(len(reads), 6)
+        self.assertEqual(code.count("ReadConfigValue("), 2, "a setting is read in another way")
+        for kind, section, key, _, default in reads:
+            value = constants.get(default, default) or "empty"
+            entry = f"{key} ({kind.lower()}, default {value})"
+            described = re.search(rf"^\.SS Section \[{constants[section or 'Bluetooth']}\]"
+                                  r"(.*?)(?=^\.SS|\Z)", settings, re.M | re.S)[1]
+            self.assertIn(f".BR {entry}\n", described)
 
     def test_environment(self):
         """Every variable that is read or set is in the daemon's man page."""
-        environment = section(man_page("bluetoothmanager.8"), "ENVIRONMENT")
+        environment = man_page_section("bluetoothmanager.8", "ENVIRONMENT")
         variables = set()
         for _, text in sources(*SERVICE_FOLDERS, "platform/host"):
-            variables.update(re.findall(r'\b(?:q?getenv|environmentValue)\("(\w+)"\)', text))
-            variables.update(re.findall(r'\benvironment\.insert\("(\w+)"', text))
+            variables.update(re.findall(r'\b(?:getenv|qgetenv|environment\w+|environment\.insert)'
+                                        r'\("(\w+)"', text))
         self.assertGreater(len(variables), 4)
         for variable in variables:
-            self.assertRegex(environment, r"(?m)^\.BR? %s\b" % variable, variable)
+            self.assertRegex(environment, rf"(?m)^\.BR? {variable}\b")
 
     def test_interface(self):
         """The interface's man page has its methods and signals, and no others."""
         description = xml.etree.ElementTree.fromstring(
             read("dbus", "com.orbitalis.ulmo.bluetoothinterface.xml"))
-        wanted = {"METHODS": set(), "SIGNALS": set()}
 
         def listed(member, direction):
-            return "(%s)" % ", ".join(
-                "%s %s" % (argument.get("type"), argument.get("name"))
-                for argument in member.iter("arg") if argument.get("direction") == direction)
+            arguments = [argument.get("type") + " " + argument.get("name")
+                         for argument in member if argument.get("direction") == direction]
+            return f"({', '.join(arguments)})"
 
-        for method in description.iter("method"):
-            wanted["METHODS"].add("%s%s -> %s" % (method.get("name"), listed(method, "in"),
-                                                  listed(method, "out")))
-        for signal in description.iter("signal"):
-            wanted["SIGNALS"].add(signal.get("name") + listed(signal, None))
-        page = man_page("com.orbitalis.ulmo.bluetoothinterface.5")
+        wanted = {
+            "METHODS": [f"{method.get('name')}{listed(method, 'in')} -> {listed(method, 'out')}"
+                        for method in description.iter("method")],
+            "SIGNALS": [signal.get("name") + listed(signal, None)
+                        for signal in description.iter("signal")]}
         for title, members in wanted.items():
-            self.assertTrue(members)
-            described = re.findall(r"^\.TP\n\.B (\w+\(.*)$", section(page, title), re.MULTILINE)
-            self.assertEqual(set(described), members)
-            self.assertEqual(len(described), len(members))
-
-    def test_man_pages(self):
-        """groff has nothing to say about them."""
-        if not shutil.which("groff"):
-            self.skipTest("groff is not installed")
-        pages = glob.glob(os.path.join(ROOT, "docs", "*.[1-8]"))
-        self.assertGreater(len(pages), 2)
-        for page in pages:
-            groff = subprocess.run(["groff", "-ww", "-man", "-Tutf8", "-z", page],
-                                   stderr=subprocess.PIPE, text=True, check=False)
-            self.assertEqual((groff.returncode, groff.stderr), (0, ""), page + "\n" + groff.stderr)
+            page = man_page_section("com.orbitalis.ulmo.bluetoothinterface.5", title)
+            self.assertCountEqual(re.findall(r"^\.TP\n\.B (\w+\(.*)$", page, re.M), members)
 
     def test_links(self):
         """Relative links, their anchors, and files that are named in passing, exist."""
-        folders = [entry.name for entry in os.scandir(ROOT)
-                   if entry.is_dir() and not entry.name.startswith(("build", ".git"))]
-        named = re.compile(r"`((?:%s)/[\w./*-]+)`" % "|".join(map(re.escape, folders)))
-        pages = [os.path.relpath(page, ROOT) for folder in ("", "docs")
-                 for page in glob.glob(os.path.join(ROOT, folder, "*.md"))]
-        self.assertGreater(len(pages), 3)
         broken = []
-        for page in pages:
-            text = read(page)
-            for link in re.findall(r"\]\(([^)\s]+)\)", text):
-                if re.match(r"\w+:", link):
-                    continue
+
+        def anchors(page):
+            return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
+                    for heading in re.findall(r"^#+ (.*)$", read(page), re.M)}
+
+        for page, text in pages():
+            for link in re.findall(r"\]\((?!\w+:)([^)\s]+)\)", text):
                 target, _, anchor = link.partition("#")
-                file = os.path.join(os.path.dirname(page), target) if target else page
+                file = os.path.join(ROOT, os.path.dirname(page), target) if target else page
                 if not os.path.exists(os.path.join(ROOT, file)):
-                    broken.append("%s: %s does not exist" % (page, link))
-                elif anchor and anchor not in slugs(read(file)):
-                    broken.append("%s: %s has no such heading" % (page, link))
-            for path in named.findall(text):
+                    broken.append(f"{page}: {link} does not exist")
+                elif anchor and anchor not in anchors(file):
+                    broken.append(f"{page}: {link} has no such heading")
+            for path in re.findall(rf"`((?:{'|'.join(FOLDERS)})/[\w./*-]+)`", text):
                 if "NAME" not in path and not glob.glob(os.path.join(ROOT, path)):
-                    broken.append("%s: %s does not exist" % (page, path))
-        self.assertFalse(broken, "\n" + "\n".join(broken))
+                    broken.append(f"{page}: {path} does not exist")
+        self.assertEqual(broken, [])
+
+    def test_commands(self):
+        """What the commands in code blocks start, and the files that they name, exist."""
+        lists = "".join(read(path) for folder in FOLDERS for path in glob.glob(
+            os.path.join(ROOT, folder, "**", "CMakeLists.txt"), recursive=True))
+        targets = set(re.findall(r"add_executable\((\S+)", lists))
+        subcommands = set(re.findall(r'^ +\{"([a-z]+)",', "".join(
+            text for _, text in sources("ulmoctl")), re.M))
+
+        def exists(word):
+            path = re.sub(r"^build[^/]*/", "", word)
+            # One without a folder is found in PATH inside the virtual product.
+            folder = "" if "/" in path else "*"
+            return os.path.basename(path) in targets or glob.glob(os.path.join(ROOT, folder, path))
+
+        wrong, found = [], 0
+        for page, text in pages():
+            for line in commands(text):
+                found += 1
+                line = re.sub(r"^([A-Z_]+=('[^']*'|\S*) +)*|\s#.*", "", line)
+                starts = re.findall(r"(?:^|\| (?:xargs )?| -- +|\$\()([^\s)]+)", line)
+                wrong += [f"{page}: {line}: no {word}" for word in starts
+                          if os.path.basename(word) not in SYSTEM_COMMANDS and not exists(word)]
+                named = re.findall(rf" (?:/run/product/)?((?:build|{'|'.join(FOLDERS)})/\S+)", line)
+                wrong += [f"{page}: {line}: no {word}" for word in named if not exists(word)]
+                subcommand = re.match(r"ulmoctl (\w+)", line)
+                if subcommand and subcommand[1] not in subcommands:
+                    wrong.append(f"{page}: {line}: ulmoctl has no {subcommand[1]}")
+        self.assertGreater(found, 20)
+        self.assertEqual(wrong, [])
 
 
 if __name__ == "__main__":

@@ -1,4 +1,4 @@
-// The mechanisms below the decisions: log lines, paths, shell commands, child processes.
+// The mechanisms below the decisions: paths, names, log lines, shell commands, child processes.
 #include <QtTest>
 
 #include <signal.h>
@@ -10,19 +10,19 @@
 #include "DevicePath.h"
 #include "Discard.h"
 #include "LogLine.h"
+#include "Settings.h"
 #include "ShellCommand.h"
 
 LogInterface *_logInterface = nullptr;
 
 namespace {
 
-// Whether a process exists, a zombie included.
+const auto Finished = QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished);
+
 bool exists(qint64 pid)
 {
     return kill(static_cast<pid_t>(pid), 0) == 0;
 }
-
-const auto Finished = QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished);
 
 int openDescriptors()
 {
@@ -36,182 +36,125 @@ class TestMechanisms : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void logLine_data();
-    void logLine();
-    void devicePaths();
-    void shellStatus_data();
-    void shellStatus();
-    void missingProgram();
-    void failedForkHarmsNobody();
-    void childOutput();
-    void stopChild_data();
-    void stopChild();
-    void discardInsideFinished();
-    void discardSilencesRunningChild();
-    void discardedTimerNeverFires();
+    void names()
+    {
+        QCOMPARE(DevicePath::ofAddress("/1/hci0", "00:1a:7D"), "/1/hci0/dev_00_1a_7D");
+        QCOMPARE(DevicePath::pulseAudioSource("/hci_0/device"), "bluez_source.");
+        QVERIFY(DevicePath::isValid("/1/hci0/dev_00_1a_7D"));
+        for (const char *path : {"", "/", "a/b", "/a/", "/a//b", "/a b", "/a-b", "/ü", "/a\n"})
+            QVERIFY2(!DevicePath::isValid(path), path);
+        for (const char *pid : {"0000", "7351", "١٢٣٤"})
+            QVERIFY2(isValidPid(pid), pid);
+        for (const char *pid : {"", "123", "12345", "12a4", "-123", "12 4", "½234"})
+            QVERIFY2(!isValidPid(pid), pid);
+        QCOMPARE(Settings::bluetoothName("Küche_2: \"1\"; $(x)\n٣"), "Kche_2_1_x");
+    }
+
+    void longLogLine()
+    {
+        const QByteArray much(5000, 'x');
+        char line[LogLineSize];
+        formatLogLine(line, "/a/File.cpp", 42, "f(int)", "%s", much.constData());
+        QCOMPARE(line, ("[File.cpp:42] f(int): " + much).left(511));
+        formatLogLine(line, "File.cpp", 42, much, "text");
+        QCOMPARE(line, ("[File.cpp:42] " + much).left(511));
+    }
+
+    /// What a command leaves in the background is neither waited for nor ended.
+    void shellCommands()
+    {
+        QCOMPARE(runShellCommand("exit 1"), 256);
+        QCOMPARE(runShellCommand("false | true"), 0);
+        QCOMPARE(runShellCommand("kill -s KILL $$"), SIGKILL);
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        const QByteArray name = QFile::encodeName(file.fileName());
+        QCOMPARE(runShellCommand("sleep 1000 & echo $! > " + name), 0);
+        const qint64 helper = file.readAll().trimmed().toLongLong();
+        QVERIFY(helper > 0 && exists(helper));
+        kill(static_cast<pid_t>(helper), SIGKILL);
+    }
+
+    /// A signal to what Qt takes for a child then would reach every process of the user.
+    void failedForkHarmsNobody()
+    {
+        if (geteuid() != 0)
+            QSKIP("only root can become a user who has no other processes");
+        const pid_t child = fork();
+        if (child == 0) {
+            const uid_t lonelyUser = 61234;
+            const rlimit none {0, 0};
+            const bool mayNotFork = setgid(lonelyUser) == 0 && setuid(lonelyUser) == 0
+                && setrlimit(RLIMIT_NPROC, &none) == 0 && fork() < 0;
+            const int before = openDescriptors();
+            const bool refused = !startChild("/bin/true", QStringList());
+            _exit(mayNotFork && refused && openDescriptors() == before ? 0 : 1);
+        }
+        int status = 0;
+        QCOMPARE(waitpid(child, &status, 0), child);
+        QCOMPARE(status, 0);
+    }
+
+    void stopping_data()
+    {
+        QTest::addColumn<QString>("onTerm");
+        QTest::addColumn<bool>("connected");
+        QTest::addColumn<bool>("ends");
+        QTest::newRow("ends on SIGTERM") << "trap - TERM" << false << true;
+        QTest::newRow("ends, and is listened to") << "trap - TERM" << true << true;
+        QTest::newRow("ignores SIGTERM") << "trap '' TERM" << false << false;
+    }
+
+    void stopping()
+    {
+        QFETCH(QString, onTerm);
+        QFETCH(bool, connected);
+        QFETCH(bool, ends);
+        QTemporaryDir folder;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("READY", folder.filePath("ready"));
+        QProcess *process =
+            startChild("/bin/sh", {"-c", onTerm + "; touch $READY; exec sleep 1000"}, environment);
+        QVERIFY(process);
+        const qint64 pid = process->processId();
+        int heard = 0;
+        connect(process, Finished, this, [&] { ++heard; });
+        QTRY_VERIFY(QFile::exists(folder.filePath("ready")));
+        for (const QString stream : {"0", "1", "2"})
+            QCOMPARE(QFile::symLinkTarget(QString("/proc/%1/fd/").arg(pid) + stream), "/dev/null");
+
+        QCOMPARE(stopChild(process, connected ? StillConnected : Disconnected), ends);
+
+        QVERIFY(!process);
+        QVERIFY(!exists(pid)); // not even as a zombie
+        QCOMPARE(heard, connected ? 1 : 0);
+        QVERIFY(stopChild(process)); // there is none any more
+    }
+
+    void stoppingInsideFinished()
+    {
+        QProcess *process = startChild("/bin/true", QStringList());
+        QVERIFY(process);
+        int heard = 0;
+        connect(process, Finished, this, [&] {
+            ++heard;
+            QVERIFY(stopChild(process));
+        });
+        QTRY_VERIFY(!process);
+        QCOMPARE(heard, 1);
+    }
+
+    void discardedTimer()
+    {
+        QPointer<QTimer> timer = new QTimer;
+        QTimer *field = timer;
+        timer->start(0);
+        discardTimer(field);
+        QVERIFY(!timer->isActive());
+        QVERIFY(!field && timer); // deleted later, as it may be the sender of this very call
+        QTRY_VERIFY(!timer);
+    }
 };
-
-void TestMechanisms::logLine_data()
-{
-    QTest::addColumn<QByteArray>("file");
-    QTest::addColumn<QByteArray>("function");
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QByteArray>("expected"); // what is longer is cut
-    const auto row = [](const char *name, const QByteArray &file, const QByteArray &function,
-                        const QByteArray &text, const QByteArray &expected) {
-        QTest::newRow(name) << file << function << text << expected;
-    };
-    const QByteArray much(5000, 'x');
-    row("folder cut off", "/a/b/File.cpp", "int f(bool)", "text",
-        "[File.cpp:42] int f(bool): text");
-    row("no folder", "File.cpp", "f", "text", "[File.cpp:42] f: text");
-    row("too long", "File.cpp", "f", much, "[File.cpp:42] f: " + much);
-    row("prefix alone too long", "File.cpp", much, "text", "[File.cpp:42] " + much);
-}
-
-void TestMechanisms::logLine()
-{
-    QFETCH(QByteArray, file);
-    QFETCH(QByteArray, function);
-    QFETCH(QByteArray, text);
-    QFETCH(QByteArray, expected);
-    char line[LogLineSize];
-    formatLogLine(line, file.constData(), 42, function.constData(), "%s", text.constData());
-    QCOMPARE(QByteArray(line), expected.left(511));
-}
-
-void TestMechanisms::devicePaths()
-{
-    using namespace DevicePath;
-    QCOMPARE(ofAddress("/hci0", "aA:BB:c-d e"), QString("/hci0/dev_aA_BB_c-d e"));
-    QCOMPARE(adapterOf("/org/bluez/1/hci0/dev_00_1A"), QString("/org/bluez/1/hci0"));
-    QCOMPARE(adapterOf("/a_b//device"), QString("/a_b/"));
-    QCOMPARE(adapterOf("/"), QString());
-    QCOMPARE(pulseAudioSource("/org/bluez/1/hci0/dev_00_1A"), QString("bluez_source.00_1A"));
-    QCOMPARE(pulseAudioSource("/a_b//device"), QString("bluez_source."));
-    QCOMPARE(pulseAudioSource("/"), QString("bluez_source."));
-}
-
-void TestMechanisms::shellStatus_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::newRow("exit 1") << 256;
-    QTest::newRow("/nonexistent/program") << 127 * 256;
-    QTest::newRow("false | true") << 0;
-    QTest::newRow("kill -s KILL $$") << SIGKILL;
-}
-
-void TestMechanisms::shellStatus()
-{
-    QTEST(runShellCommand(QTest::currentDataTag()), "status");
-}
-
-void TestMechanisms::missingProgram()
-{
-    for (const char *program : {"/nonexistent/program", "/etc/passwd"}) {
-        QVERIFY2(!startChild(program, QStringList()), program);
-        QCOMPARE(waitpid(-1, nullptr, WNOHANG), -1);
-    }
-}
-
-// A signal to what Qt takes for a child then would reach every process of the user.
-void TestMechanisms::failedForkHarmsNobody()
-{
-    if (geteuid() != 0)
-        QSKIP("only root can become a user who has no other processes");
-    const pid_t child = fork();
-    if (child == 0) {
-        const uid_t lonelyUser = 61234;
-        const rlimit none {0, 0};
-        const bool mayNotFork = setgid(lonelyUser) == 0 && setuid(lonelyUser) == 0
-            && setrlimit(RLIMIT_NPROC, &none) == 0 && fork() < 0;
-        const int before = openDescriptors();
-        const bool refused = !startChild("/bin/true", QStringList());
-        _exit(mayNotFork && refused && openDescriptors() == before ? 0 : 1);
-    }
-    int status = 0;
-    QCOMPARE(waitpid(child, &status, 0), child);
-    QCOMPARE(status, 0);
-}
-
-void TestMechanisms::childOutput()
-{
-    QTemporaryFile result;
-    QVERIFY(result.open());
-    const QString script = "echo noise; echo noise >&2; "
-                           "echo $(readlink /proc/$$/fd/1 /proc/$$/fd/2) > "
-        + result.fileName();
-    QProcess *process = startChild("/bin/sh", {"-c", script});
-    QVERIFY(process);
-    QVERIFY(process->waitForFinished());
-    ::stopChild(process);
-    QCOMPARE(result.readAll(), QByteArray("/dev/null /dev/null\n"));
-}
-
-void TestMechanisms::stopChild_data()
-{
-    QTest::addColumn<QString>("script");
-    QTest::addColumn<bool>("ends");
-    QTest::newRow("ends on SIGTERM") << "touch $READY; exec sleep 1000" << true;
-    QTest::newRow("ignores SIGTERM")
-        << "trap '' TERM; touch $READY; while :; do sleep 1000; done" << false;
-}
-
-void TestMechanisms::stopChild()
-{
-    QFETCH(QString, script);
-    QFETCH(bool, ends);
-    QTemporaryDir folder;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("READY", folder.filePath("ready"));
-    QProcess *process = startChild("/bin/sh", {"-c", script}, environment);
-    QVERIFY(process);
-    const qint64 pid = process->processId();
-    QTRY_VERIFY(QFile::exists(folder.filePath("ready")));
-
-    QCOMPARE(::stopChild(process), ends);
-    QVERIFY(!process);
-    QVERIFY(!exists(pid));
-}
-
-// As the manager does with a child that has ended.
-void TestMechanisms::discardInsideFinished()
-{
-    QProcess *process = startChild("/bin/true", QStringList());
-    QVERIFY(process);
-    int count = 0;
-    connect(process, Finished, this, [&] {
-        ++count;
-        ::stopChild(process);
-    });
-    QTRY_COMPARE(count, 1);
-    QVERIFY(!process);
-}
-
-void TestMechanisms::discardSilencesRunningChild()
-{
-    QProcess *process = startChild("/bin/sleep", {"1000"});
-    QVERIFY(process);
-    const qint64 pid = process->processId();
-    int count = 0;
-    connect(process, Finished, this, [&] { ++count; });
-    ::stopChild(process);
-    QVERIFY(!exists(pid));
-    QCOMPARE(count, 0);
-}
-
-void TestMechanisms::discardedTimerNeverFires()
-{
-    QTimer *timer = new QTimer(this);
-    QSignalSpy fired(timer, &QTimer::timeout);
-    timer->start(0);
-    QTimer *field = timer;
-    discardTimer(field);
-    QVERIFY(!field);
-    // Everybody is disconnected, the spies too; so ask the parent for the deletion.
-    QTRY_VERIFY(!findChild<QTimer *>());
-    QCOMPARE(fired.count(), 0);
-}
 
 QTEST_GUILESS_MAIN(TestMechanisms)
 #include "tst_mechanisms.moc"

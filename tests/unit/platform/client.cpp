@@ -1,0 +1,65 @@
+// A client of log and settings that does what its arguments say, for tst_client.py.
+#include <QDateTime>
+
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/time.h>
+
+#include "Configuration.h"
+#include "LogInterface.h"
+
+LogInterface *_logInterface = nullptr;
+
+namespace {
+
+volatile sig_atomic_t signalsHandled;
+volatile sig_atomic_t errnoChanged;
+
+void logFromSignalHandler(int)
+{
+    errno = 1234;
+    _logInterface->EmitLogString(2, "from the signal handler", "/signal");
+    errnoChanged = errnoChanged || errno != 1234;
+    signalsHandled = signalsHandled + 1;
+}
+
+/** An allocation or a lock in the log client locks up here, sooner or later. */
+int logFromSignals()
+{
+    signal(SIGALRM, logFromSignalHandler);
+    const itimerval often {{0, 100}, {0, 100}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    while (signalsHandled < 2000) {
+        for (int size = 1; size < 100; ++size)
+            QByteArray(size * 32, 'x');
+        QDateTime::currentDateTime().toString();
+    }
+    return errnoChanged;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    _logInterface = new LogInterface("/log");
+    const QByteArray command = argv[1];
+    if (command == "signals")
+        return logFromSignals();
+    if (command == "log") {
+        _logInterface->EmitLogString(atoi(argv[2]), argv[3], "/a");
+        return 0;
+    }
+    Configuration configuration("/object");
+    puts(configuration.isValid() ? "valid" : "invalid");
+    fflush(stdout);
+    getchar(); // the test may do something meanwhile
+    if (command == "write" && argc == 4)
+        puts(configuration.WriteConfigValue("S", argv[2], argv[3], false) ? "written" : "failed");
+    bool isThere = false;
+    const QString text = configuration.ReadConfigValue("S", "K", "default", &isThere, true);
+    printf("%s %d\n", text.toUtf8().constData(), isThere);
+    const int number = configuration.ReadConfigValue("S", "K", 77, &isThere, true);
+    printf("%d %d\n", number, isThere);
+}

@@ -1,0 +1,236 @@
+// Power and supervisor events: from the product's platform on the session bus and from the login
+// manager on the system bus.
+#include <QtTest>
+
+#include <QDBusConnectionInterface>
+#include <QDBusUnixFileDescriptor>
+#include <QDBusVirtualObject>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include "LogInterface.h"
+#include "PrivateBus.h"
+#include "UlmoFeatureBase.h"
+
+LogInterface *_logInterface = nullptr;
+
+namespace {
+
+const char PlatformName[] = "com.orbitalis.ulmo.platform";
+const char LoginName[] = "org.freedesktop.login1";
+
+/** Returns when the bus has handled all that the connection has sent. */
+void settle(const QDBusConnection &connection)
+{
+    QVERIFY(connection.interface()->isServiceRegistered("org.freedesktop.DBus"));
+}
+
+/** Sends a signal as the platform or, on a connection to the system bus, as the login manager. */
+void emitSignal(const char *sender, const QString &name, const QVariantList &arguments = {})
+{
+    const bool login = QString(sender).contains("login");
+    QDBusMessage signal = QDBusMessage::createSignal(
+        login ? "/org/freedesktop/login1" : "/com/orbitalis/ulmo/platform",
+        login ? "org.freedesktop.login1.Manager" : "com.orbitalis.ulmo.platformevents", name);
+    signal.setArguments(arguments);
+    QDBusConnection(sender).send(signal);
+    settle(QDBusConnection(sender));
+}
+
+class Feature : public UlmoFeatureBase
+{
+public:
+    Feature() : UlmoFeatureBase("/object")
+    {
+        settle(QDBusConnection::sessionBus());
+        settle(QDBusConnection::systemBus());
+    }
+
+    void ulmoPowerOnReboot(const QString &reason) override { calls << "reboot " + reason; }
+    void ulmoPowerOnShutdown(const QString &reason) override { calls << "shutdown " + reason; }
+    void ulmoPowerOnSuspend(const QString &reason) override { calls << "suspend " + reason; }
+    void ulmoSupOnShutdown() override { calls << "supervisor"; }
+
+    QStringList calls;
+};
+
+class LoginManager : public QDBusVirtualObject
+{
+public:
+    explicit LoginManager(const char *connection) : m_connection(connection)
+    {
+        m_connection.registerVirtualObject("/org/freedesktop/login1", this);
+        m_connection.registerService(LoginName);
+    }
+
+    ~LoginManager()
+    {
+        m_connection.unregisterService(LoginName);
+        close(m_inhibitor);
+    }
+
+    QString introspect(const QString &) const override { return QString(); }
+
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
+    {
+        if (message.member() == "Get" && !scheduledKind.isEmpty()) {
+            QDBusArgument schedule;
+            schedule.beginStructure();
+            schedule << scheduledKind << scheduledTime;
+            schedule.endStructure();
+            return connection.send(message.createReply(
+                QVariant::fromValue(QDBusVariant(QVariant::fromValue(schedule)))));
+        }
+        if (message.arguments().value(0) != "sleep:shutdown" || refusals-- > 0)
+            return connection.send(message.createErrorReply("x.Refused", "not today"));
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0)
+            qFatal("no pipe");
+        close(m_inhibitor);
+        m_inhibitor = ends[0];
+        QDBusUnixFileDescriptor given;
+        given.giveFileDescriptor(ends[1]);
+        return connection.send(message.createReply(QVariant::fromValue(given)));
+    }
+
+    /** Whether the other end of the last inhibitor given out is open somewhere. */
+    bool isInhibited() const
+    {
+        pollfd inhibitor {m_inhibitor, 0, 0};
+        return m_inhibitor >= 0 && poll(&inhibitor, 1, 0) == 0;
+    }
+
+    QString scheduledKind;
+    qulonglong scheduledTime = 0; // microseconds since 1970, 0 for at once
+    int refusals = 0;
+
+private:
+    QDBusConnection m_connection;
+    int m_inhibitor = -1;
+};
+
+} // namespace
+
+class TestEvents : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        _logInterface = new LogInterface("/log");
+        qputenv("DBUS_SESSION_BUS_ADDRESS", m_session.address().toLatin1());
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS", m_system.address().toLatin1());
+        for (const char *name : {"platform", "other"})
+            QVERIFY(m_session.connection(name).isConnected());
+        for (const char *name : {"login", "other login"})
+            QVERIFY(m_system.connection(name).isConnected());
+    }
+
+    /// The well-formed ones of whoever owns the name.
+    void platform()
+    {
+        Feature feature;
+        QVERIFY(feature.isInitialized());
+        emitSignal("other", "PowerShutdown", {"nobody owns the name"});
+        QVERIFY(QDBusConnection("platform").registerService(PlatformName));
+        emitSignal("other", "PowerShutdown", {"not the owner"});
+        emitSignal("platform", "PowerSuspend"); // without a reason
+        emitSignal("platform", "PowerReboot", {1}); // with one of another type
+        emitSignal("platform", "PowerNap", {"unknown"});
+        emitSignal("platform", "PowerShutdown", {"restore"});
+        emitSignal("platform", "PowerReboot", {""});
+        emitSignal("platform", "SupervisorShutdown");
+        // Handed over directly, without a moment in which nobody owns the name.
+        QDBusConnection("other").interface()->registerService(
+            PlatformName, QDBusConnectionInterface::QueueService);
+        QVERIFY(QDBusConnection("platform").unregisterService(PlatformName));
+        emitSignal("platform", "PowerSuspend", {"no longer the owner"});
+        emitSignal("other", "PowerSuspend", {"new owner"});
+        QTRY_VERIFY(feature.calls.contains("suspend new owner"));
+        QCOMPARE(feature.calls.join(", "),
+                 "shutdown restore, reboot , supervisor, suspend new owner");
+    }
+
+    void login_data()
+    {
+        QTest::addColumn<QString>("kind"); // in the metadata, which systemd has from 255 on
+        QTest::addColumn<QString>("scheduledKind");
+        QTest::addColumn<int>("scheduledIn"); // seconds
+        QTest::addColumn<QString>("call");
+        const auto row = [](const char *name, const char *kind, const char *scheduledKind,
+                            int scheduledIn, const char *call) {
+            QTest::newRow(name) << QString(kind) << QString(scheduledKind) << scheduledIn
+                                << QString(call);
+        };
+        row("power-off", "poweroff", "", 0, "shutdown shutdown");
+        row("reboot", "reboot", "", 0, "reboot reboot");
+        row("kexec", "kexec", "", 0, "reboot reboot");
+        row("soft reboot", "soft-reboot", "", 0, "reboot reboot");
+        row("old, reboot", "", "reboot", 0, "reboot reboot");
+        row("old, reboot now due", "", "reboot", -1, "reboot reboot");
+        row("old, power key before a reboot", "", "reboot", 3600, "shutdown shutdown");
+        row("old, no schedule", "", "", 0, "shutdown shutdown");
+        row("sleep", "", "", 0, "suspend suspend");
+    }
+
+    void login()
+    {
+        QFETCH(QString, kind);
+        QFETCH(QString, scheduledKind);
+        QFETCH(int, scheduledIn);
+        QFETCH(QString, call);
+        LoginManager login("login");
+        login.scheduledKind = scheduledKind;
+        if (scheduledIn != 0)
+            login.scheduledTime = (QDateTime::currentSecsSinceEpoch() + scheduledIn) * 1000000;
+        Feature feature;
+        const QString name = call.startsWith("suspend") ? "PrepareForSleep" : "PrepareForShutdown";
+        const auto announce = [&](bool begins) {
+            if (!kind.isEmpty())
+                emitSignal("login", name + "WithMetadata", {begins, QVariantMap {{"type", kind}}});
+            emitSignal("login", name, {begins});
+        };
+        // The same thing twice, with the return from it between: it comes once each time.
+        for (int round = 1; round <= 2; ++round) {
+            QTRY_VERIFY(login.isInhibited());
+            emitSignal("other login", name, {true}); // a stranger
+            emitSignal("other login", name + "WithMetadata", {true, QVariantMap()});
+            announce(true);
+            QTRY_VERIFY(!login.isInhibited());
+            QCOMPARE(feature.calls.size(), round);
+            announce(true);
+            announce(false);
+        }
+        QTRY_VERIFY(login.isInhibited());
+        QCOMPARE(feature.calls, QStringList({call, call}));
+    }
+
+    /// It goes away while it prepares for sleep, and the next one refuses at first.
+    void loginManagerRestarts()
+    {
+        Feature feature;
+        {
+            LoginManager login("login");
+            QTRY_VERIFY(login.isInhibited());
+            emitSignal("login", "PrepareForSleep", {true});
+            QTRY_COMPARE(feature.calls.size(), 1);
+        }
+        LoginManager login("other login");
+        login.refusals = 1;
+        QTRY_COMPARE(login.refusals, 0);
+        emitSignal("other login", "PrepareForSleep", {true});
+        QTRY_COMPARE(feature.calls.size(), 2);
+        emitSignal("other login", "PrepareForSleep", {false});
+        QTRY_VERIFY(login.isInhibited());
+    }
+
+private:
+    PrivateBus m_session;
+    PrivateBus m_system;
+};
+
+QTEST_GUILESS_MAIN(TestEvents)
+#include "tst_events.moc"
