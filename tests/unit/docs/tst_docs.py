@@ -14,8 +14,9 @@ LEVELS = {"LogError": {1}, "LogWarning": {2}, "levelOf": {2, 4}, "LogInformation
           "LogTrace": {9}}
 LITERALS = r'((?:\s*"(?:[^"\\]|\\.)*")+)'
 # What the commands in the documents may start besides the project's own.
-SYSTEM_COMMANDS = set("adduser bash busctl cd clang-format clang-tidy cmake ctest gdb git grep "
-                      "hciconfig journalctl ninja pactl pidof python3 systemctl valgrind".split())
+SYSTEM_COMMANDS = set("adduser bash busctl cd clang-format clang-tidy cmake ctest done gdb git "
+                      "grep hciconfig journalctl ninja pactl pidof python3 systemctl valgrind "
+                      "while".split())
 
 
 def read(*path: str) -> str:
@@ -71,7 +72,8 @@ def commands(page: str):
     """Each command line in the code blocks of a page, without what is given to python3."""
     page = re.sub(r"\\\n", "", re.sub(r"(<<'END'\n).*?^    END$", r"\1", page, flags=re.M | re.S))
     for block in re.findall(r"^(?:(?: {4}.*\n)+|```\n(?:.*\n)*?```\n)", page, re.M):
-        lines = [line.strip() for line in block.splitlines() if not line.startswith("```")]
+        # What is indented further is the inside of a loop.
+        lines = re.findall(r"^(?: {4})?([^\s`].*)$", block, re.M)
         # Others are output, the text of a file or a drawing.
         if "│" not in block and re.match(r"(?!/path/|settings file )[a-z/]|[A-Z_]+=", lines[0]):
             yield from lines
@@ -148,18 +150,15 @@ class Docs(unittest.TestCase):
     def test_links(self):
         """Relative links, their anchors, and files that are named in passing, exist."""
         broken = []
-
-        def anchors(page):
-            return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
-                    for heading in re.findall(r"^#+ (.*)$", read(page), re.M)}
-
         for page, text in pages():
             for link in re.findall(r"\]\((?!\w+:)([^)\s]+)\)", text):
                 target, _, anchor = link.partition("#")
                 file = os.path.join(ROOT, os.path.dirname(page), target) if target else page
                 if not os.path.exists(os.path.join(ROOT, file)):
                     broken.append(f"{page}: {link} does not exist")
-                elif anchor and anchor not in anchors(file):
+                elif anchor and anchor not in [
+                        re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
+                        for heading in re.findall(r"^#+ (.*)$", read(file), re.M)]:
                     broken.append(f"{page}: {link} has no such heading")
             for path in re.findall(rf"`((?:{'|'.join(FOLDERS)})/[\w./*-]+)`", text):
                 if "NAME" not in path and not glob.glob(os.path.join(ROOT, path)):
@@ -186,10 +185,9 @@ class Docs(unittest.TestCase):
                 found += 1
                 line = re.sub(r"^([A-Z_]+=('[^']*'|\S*) +)*|\s#.*", "", line)
                 starts = re.findall(r"(?:^|\| (?:xargs )?| -- +|\$\()([^\s)]+)", line)
-                wrong += [f"{page}: {line}: no {word}" for word in starts
-                          if os.path.basename(word) not in SYSTEM_COMMANDS and not exists(word)]
-                named = re.findall(rf" (?:/run/product/)?((?:build|{'|'.join(FOLDERS)})/\S+)", line)
-                wrong += [f"{page}: {line}: no {word}" for word in named if not exists(word)]
+                words = re.findall(rf" (?:/run/product/)?((?:build|{'|'.join(FOLDERS)})/\S+)", line)
+                words += [word for word in starts if os.path.basename(word) not in SYSTEM_COMMANDS]
+                wrong += [f"{page}: {line}: no {word}" for word in words if not exists(word)]
                 subcommand = re.match(r"ulmoctl (\w+)", line)
                 if subcommand and subcommand[1] not in subcommands:
                     wrong.append(f"{page}: {line}: ulmoctl has no {subcommand[1]}")

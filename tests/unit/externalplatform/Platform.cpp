@@ -1,5 +1,5 @@
-// The two parts of a product's own platform that can be unusable: the one named by PRODUCT_FAULT,
-// "base" or "configuration", is.
+// Two of the four parts of a product's own platform. The first that the service asks for, its
+// feature base, is not usable.
 #include "Configuration.h"
 #include "LogInterface.h"
 #include "UlmoFeatureBase.h"
@@ -13,7 +13,7 @@ Configuration::~Configuration() { }
 
 bool Configuration::isValid() const
 {
-    return qgetenv("PRODUCT_FAULT") != "configuration";
+    return true;
 }
 
 int Configuration::ReadConfigValue(const QString &, const QString &, int number, bool *, bool)
@@ -41,7 +41,7 @@ UlmoFeatureBase::~UlmoFeatureBase() { }
 
 bool UlmoFeatureBase::isInitialized() const
 {
-    return qgetenv("PRODUCT_FAULT") != "base";
+    return false;
 }
 
 void UlmoFeatureBase::ulmoPowerOnReboot(const QString &) { }

@@ -62,15 +62,6 @@ private Q_SLOTS:
                  "startPulseAudio_step2 AudioSourcePropertyChanged DevicePropertyChanged "
                  "reconnect noPlay callFinishedStartPlayer callFinishedStopPlayer");
     }
-
-    /// QtDBus aborts the process over a reply, DiscoverServices' here, whose type it does not know.
-    void unregisteredType()
-    {
-        const QDBusMessage answer = QDBusMessage::createError("x.Error", "no such device");
-        QDBusPendingReply<Qt_Type_dict_us> reply = QDBusPendingCall::fromCompletedCall(answer);
-        QVERIFY(reply.isError());
-        QCOMPARE(QDBusMetaType::typeToSignature(QMetaType::type("Qt_Type_dict_us")), "a{us}");
-    }
 };
 
 QTEST_GUILESS_MAIN(TestInterfaces)

@@ -123,7 +123,10 @@ private Q_SLOTS:
         for (const QString stream : {"0", "1", "2"})
             QCOMPARE(QFile::symLinkTarget(QString("/proc/%1/fd/").arg(pid) + stream), "/dev/null");
 
+        QElapsedTimer timer;
+        timer.start();
         QCOMPARE(stopChild(process, connected ? StillConnected : Disconnected), ends);
+        QVERIFY(timer.elapsed() < 25000); // Qt alone would wait for 30 s more
 
         QVERIFY(!process);
         QVERIFY(!exists(pid)); // not even as a zombie

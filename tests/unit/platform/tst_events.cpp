@@ -6,6 +6,8 @@
 #include <QDBusUnixFileDescriptor>
 #include <QDBusVirtualObject>
 
+#include <functional>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -48,12 +50,20 @@ public:
         settle(QDBusConnection::systemBus());
     }
 
-    void ulmoPowerOnReboot(const QString &reason) override { calls << "reboot " + reason; }
-    void ulmoPowerOnShutdown(const QString &reason) override { calls << "shutdown " + reason; }
-    void ulmoPowerOnSuspend(const QString &reason) override { calls << "suspend " + reason; }
-    void ulmoSupOnShutdown() override { calls << "supervisor"; }
+    void ulmoPowerOnReboot(const QString &reason) override { called("reboot " + reason); }
+    void ulmoPowerOnShutdown(const QString &reason) override { called("shutdown " + reason); }
+    void ulmoPowerOnSuspend(const QString &reason) override { called("suspend " + reason); }
+    void ulmoSupOnShutdown() override { called("supervisor"); }
 
     QStringList calls;
+    std::function<void()> duringCall = [] {};
+
+private:
+    void called(const QString &call)
+    {
+        calls << call;
+        duringCall();
+    }
 };
 
 class LoginManager : public QDBusVirtualObject
@@ -193,6 +203,7 @@ private Q_SLOTS:
                 emitSignal("login", name + "WithMetadata", {begins, QVariantMap {{"type", kind}}});
             emitSignal("login", name, {begins});
         };
+        feature.duringCall = [&] { QVERIFY(login.isInhibited()); };
         // The same thing twice, with the return from it between: it comes once each time.
         for (int round = 1; round <= 2; ++round) {
             QTRY_VERIFY(login.isInhibited());
