@@ -1,0 +1,39 @@
+#ifndef FAULTS_H
+#define FAULTS_H
+
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+/// What goes wrong on demand: "fault TARGET BEHAVIOUR [times=N] [after=N]".
+class Faults
+{
+public:
+    /// How a target behaves for once: "exit" with value 3, "never", ...; empty when nothing is wrong.
+    struct Behaviour
+    {
+        QString name;
+        QString value; ///< what stands after "=", else empty
+
+        explicit operator bool() const { return !name.isEmpty(); }
+        int number() const { return value.toInt(); }
+    };
+
+    /**
+     * Lays a fault: \p words are the target ("pactl:load-module", "bluez:Device.Disconnect",
+     * "soundmanager", ...), the behaviour and the counts. Returns why not, or an empty text.
+     */
+    QString add(const QStringList &words);
+    /// Takes the faults of \p target away, or all when it is empty. Returns why not, or empty.
+    QString clear(const QString &target);
+    /// The behaviour of \p target for this once; its counts move on. \p arguments may narrow it.
+    Behaviour next(const QString &target, const QString &arguments = QString());
+    /// The same without moving the counts, for what holds until cleared ("missing", "absent").
+    Behaviour standing(const QString &target) const;
+
+private:
+    struct Fault;
+    QVector<Fault> m_faults;
+};
+
+#endif
