@@ -6,7 +6,8 @@ const ROW = 14; // of labels
 const BAR = 14;
 const AXIS = 40; // times, and a flag for each trouble
 const GUTTER = 84; // the lanes' titles
-const LONGEST_LABEL = 60;
+const LONGEST_LABEL = 90;
+const DEVICE_FOLDER = /\/org\/bluez\/\d+\/hci\d\/dev_/g;
 const FLAGS = {
     "crash": "M-6,-6 6,6 M-6,6 6,-6",
     "give-up": "M-6,-6 H6 V6 H-6 Z",
@@ -130,7 +131,8 @@ class Picture {
     }
 
     label(strip, number, importance, style = "") {
-        const text = shorten(this.run.entries[number].line.slice(2), LONGEST_LABEL);
+        const line = this.run.entries[number].line.slice(2).replace(DEVICE_FOLDER, "");
+        const text = shorten(line, LONGEST_LABEL);
         strip.labels.push({x: this.xOf(number), text, number, importance, style});
     }
 
