@@ -20,7 +20,7 @@ function troubleOf({kind, lane, line, program, signal, status}) {
     if (kind === "end" && (DAEMONS.includes(program) && status || (signal ?? SIGTERM) !== SIGTERM))
         return "crash";
     if (lane === "control")
-        return /^- (error|road failed)/.test(line) ? "failure" : null;
+        return /^- (error|note road failed)/.test(line) ? "failure" : null;
     if (kind !== "log")
         return null;
     return GIVE_UP.test(line) ? "give-up" : {"1": "error", "2": "warning"}[line[0]] ?? null;
@@ -243,6 +243,9 @@ function sentence(run, sound) {
         parts.push("the service was still running at the end of the journal");
     else if (!crashes.includes(end))
         parts.push(end.line.replace(/^\. /, "the "));
+    const road = run.entries.find(({line}) => line.startsWith("- note road failed"));
+    if (road)
+        parts.push(road.line.replace("- note", "the"));
     const text = parts.join("; ");
     return text[0].toUpperCase() + text.slice(1) + ".";
 }
