@@ -2,10 +2,10 @@
 
 #include "Bus.h"
 #include "Device.h"
-#include "RegisteredAgent.h"
 
 #include <QDBusObjectPath>
-#include <QHash>
+#include <QDBusPendingReply>
+#include <QDBusVariant>
 
 #include <algorithm>
 
@@ -13,6 +13,7 @@ namespace {
 
 const QString Address = QStringLiteral("00:AA:01:00:00:00");
 const uint AudioClass = 0x4c0100;
+const int AgentLimit = 60000; ///< milliseconds of product time
 const QStringList Capabilities {
     "", "DisplayOnly", "DisplayYesNo", "KeyboardOnly", "NoInputNoOutput", "KeyboardDisplay"};
 
@@ -23,43 +24,7 @@ QVariant objectPath(const QString &path)
 
 } // namespace
 
-Adapter::Adapter(const Clock &productTime, QObject *parent)
-    : QObject(parent), clock(productTime) { }
-
 // ---- the daemon
-
-void Adapter::handle(const Call &call)
-{
-    static const QHash<QString, Method> ofManager {
-        {"Manager.DefaultAdapter()", &Adapter::giveAdapter},
-        {"Manager.FindAdapter(s)", &Adapter::giveAdapter},
-        {"Manager.ListAdapters()", &Adapter::listAdapters},
-        {"Manager.GetProperties()", &Adapter::managerProperties}};
-    static const QHash<QString, Method> ofAdapter {
-        {"Adapter.GetProperties()", &Adapter::properties},
-        {"Adapter.ListDevices()", &Adapter::listDevices},
-        {"Adapter.FindDevice(s)", &Adapter::findDevice},
-        {"Adapter.RemoveDevice(o)", &Adapter::removeDevice},
-        {"Adapter.RegisterAgent(os)", &Adapter::registerAgent},
-        {"Adapter.UnregisterAgent(o)", &Adapter::unregisterAgent}};
-
-    const bool isManager = call.path() == "/";
-    if (isManager || (isReady() && call.path() == m_path)) {
-        const Method method = (isManager ? ofManager : ofAdapter).value(call.method());
-        if (method)
-            (this->*method)(call);
-        else
-            call.failUnknown(true);
-        return;
-    }
-    for (Device *device : qAsConst(m_devices)) {
-        if (isReady() && device->path() == call.path()) {
-            device->handle(call);
-            return;
-        }
-    }
-    call.failUnknown(false);
-}
 
 void Adapter::appear(Bus *bus, qint64 pid, const QString &name)
 {
@@ -91,29 +56,76 @@ void Adapter::appear(Bus *bus, qint64 pid, const QString &name)
     }
 }
 
-RegisteredAgent *Adapter::agent() const
-{
-    return m_agent;
-}
-
-void Adapter::releaseAgent()
-{
-    if (m_agent)
-        m_agent->release();
-}
-
 void Adapter::vanish()
 {
-    m_bus = nullptr;
-    delete m_agent;
-    // A copy: only bonded devices stay.
-    const QVector<Device *> devices = m_devices;
-    for (Device *device : devices) {
+    m_agent.reset();
+    for (Device *device : qAsConst(m_devices))
         device->retire();
-        if (!device->isBonded()) {
-            m_devices.removeOne(device);
-            device->deleteLater();
+    const auto isBonded = [](const Device *device) { return device->isBonded(); };
+    m_devices.erase(std::stable_partition(m_devices.begin(), m_devices.end(), isBonded),
+                    m_devices.end());
+}
+
+void Adapter::handle(const Call &call)
+{
+    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(),
+                                     [&](const Device *one) { return one->path() == call.path(); });
+    if (call.path() == "/")
+        handleManager(call);
+    else if (!isReady())
+        call.failUnknown(false);
+    else if (call.path() == m_path)
+        handleAdapter(call);
+    else if (device != m_devices.cend())
+        (*device)->handle(call);
+    else
+        call.failUnknown(false);
+}
+
+void Adapter::handleManager(const Call &call)
+{
+    const QString method = call.method();
+    const QString wanted = call.argument(0).toString();
+    const bool isMeant =
+        method == "Manager.DefaultAdapter()" || wanted == "hci0" || wanted == Address;
+    if (method == "Manager.ListAdapters()")
+        call.reply({adapterPaths()});
+    else if (method == "Manager.GetProperties()")
+        call.reply({QVariantMap {{"Adapters", adapterPaths()}}});
+    else if (method != "Manager.DefaultAdapter()" && method != "Manager.FindAdapter(s)")
+        call.failUnknown(true);
+    else if (isReady() && isMeant)
+        call.reply({objectPath(m_path)});
+    else
+        call.fail("NoSuchAdapter", "No such adapter");
+}
+
+void Adapter::handleAdapter(const Call &call)
+{
+    const QString method = call.method();
+    if (method == "Adapter.ListDevices()") {
+        call.reply({devicePaths()});
+    } else if (method == "Adapter.RemoveDevice(o)") {
+        removeDevice(call);
+    } else if (method == "Adapter.RegisterAgent(os)") {
+        registerAgent(call);
+    } else if (method == "Adapter.UnregisterAgent(o)") {
+        if (m_agent && m_agent->watchedServices().contains(call.sender())) {
+            releaseAgent();
+            call.reply();
+        } else {
+            call.fail("DoesNotExist");
         }
+    } else if (method == "Adapter.GetProperties()") {
+        call.reply({QVariantMap {{"Address", Address},
+                                 {"Name", m_name},
+                                 {"Class", backend == Backend::Management ? 0 : AudioClass},
+                                 {"Powered", m_powered},
+                                 {"Discoverable", m_discoverable},
+                                 {"Pairable", m_pairable},
+                                 {"Devices", devicePaths()}}});
+    } else {
+        call.failUnknown(true);
     }
 }
 
@@ -126,8 +138,75 @@ void Adapter::emitSignal(const QString &path, const QString &member, const QVari
 void Adapter::emitChanged(const QString &path, const QString &interface, const QString &property,
                           const QVariant &value)
 {
-    if (m_bus)
-        m_bus->emitChanged(path, interface, property, value);
+    emitSignal(path, interface + ".PropertyChanged",
+               {property, QVariant::fromValue(QDBusVariant(value))});
+}
+
+void Adapter::changed(const QString &property, const QVariant &value)
+{
+    emitChanged(m_path, "Adapter", property, value);
+}
+
+// ---- the agent
+
+void Adapter::registerAgent(const Call &call)
+{
+    if (m_agent) {
+        call.fail("AlreadyExists");
+    } else if (!Capabilities.contains(call.argument(1).toString())) {
+        call.fail("InvalidArguments", "Invalid arguments in method call");
+    } else {
+        m_agentPath = call.argument(0).toString();
+        m_agent = std::make_unique<QDBusServiceWatcher>(
+            call.sender(), m_bus->connection(), QDBusServiceWatcher::WatchForUnregistration);
+        connect(m_agent.get(), &QDBusServiceWatcher::serviceUnregistered, this,
+                [this] { m_agent.release()->deleteLater(); });
+        call.reply();
+    }
+}
+
+QDBusPendingCallWatcher *Adapter::callAgent(const QString &member, const QVariantList &arguments)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(m_agent->watchedServices().first(),
+                                                       m_agentPath, "org.bluez.Agent", member);
+    call.setArguments(arguments);
+    const int limit = qMax(1, qRound(AgentLimit * clock.scale));
+    auto *watcher = new QDBusPendingCallWatcher(m_bus->connection().asyncCall(call, limit), m_bus);
+    connect(watcher, &QDBusPendingCallWatcher::finished, watcher, &QObject::deleteLater);
+    return watcher;
+}
+
+void Adapter::askAgent(Device *device, const QString &member, const QVariantList &more,
+                       const AgentsAnswer &answer)
+{
+    if (!m_agent || m_question) {
+        answer(false, QString());
+        return;
+    }
+    m_asker = device;
+    m_question = callAgent(member, QVariantList {objectPath(device->path())} + more);
+    connect(m_question, &QDBusPendingCallWatcher::finished, this,
+            [this, answer](QDBusPendingCallWatcher *question) {
+                const QDBusPendingReply<> reply = *question;
+                m_question = nullptr;
+                answer(!reply.isError(), reply.reply().arguments().value(0).toString());
+            });
+}
+
+void Adapter::cancelQuestion(const Device *device)
+{
+    if (!m_question || m_asker != device)
+        return;
+    delete m_question;
+    if (m_agent)
+        callAgent("Cancel");
+}
+
+void Adapter::releaseAgent()
+{
+    if (m_agent)
+        callAgent("Release");
+    m_agent.reset();
 }
 
 // ---- the radio
@@ -175,38 +254,15 @@ void Adapter::setFlag(bool *flag, const QString &property, bool value)
     changed(property, value);
 }
 
-void Adapter::changed(const QString &property, const QVariant &value)
-{
-    emitChanged(m_path, "Adapter", property, value);
-}
-
 // ---- devices
 
-Device *Adapter::device(const QString &address) const
+void Adapter::add(Device *device, bool isAnnounced)
 {
-    for (Device *device : m_devices) {
-        if (device->address().compare(address, Qt::CaseInsensitive) == 0)
-            return device;
-    }
-    return nullptr;
-}
-
-Device *Adapter::deviceFor(Phone &phone)
-{
-    if (Device *known = device(phone.address()))
-        return known;
-    auto *created = new Device(*this, phone);
-    m_devices.append(created);
-    emitSignal(m_path, "Adapter.DeviceCreated", {objectPath(created->path())});
+    m_devices.append(device);
+    if (!isAnnounced)
+        return;
+    emitSignal(m_path, "Adapter.DeviceCreated", {objectPath(device->path())});
     changed("Devices", devicePaths());
-    return created;
-}
-
-void Adapter::introduce(Phone &phone, bool trusted)
-{
-    auto *known = new Device(*this, phone);
-    m_devices.append(known);
-    known->setKnown(trusted);
 }
 
 void Adapter::remove(Device *device)
@@ -214,20 +270,22 @@ void Adapter::remove(Device *device)
     m_devices.removeOne(device);
     changed("Devices", devicePaths());
     emitSignal(m_path, "Adapter.DeviceRemoved", {objectPath(device->path())});
-    device->retire();
-    device->deleteLater();
 }
 
-void Adapter::takeStream(bool taken)
+void Adapter::removeDevice(const Call &call)
 {
-    m_streamTaken = taken;
-    if (!taken)
-        return;
-    for (Device *device : qAsConst(m_devices))
-        device->audio().streamTaken();
+    // As the daemon compares.
+    const auto isMeant = [path = call.argument(0).toString()](const Device *device) {
+        return device->path().compare(path, Qt::CaseInsensitive) == 0;
+    };
+    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(), isMeant);
+    if (device != m_devices.cend())
+        (*device)->removeOn(call);
+    else
+        call.fail("DoesNotExist");
 }
 
-bool Adapter::takeSink(Device *device)
+bool Adapter::takeSink(const Device *device)
 {
     if (m_sinkOwner && m_sinkOwner != device)
         return false;
@@ -241,99 +299,10 @@ void Adapter::releaseSink(const Device *device)
         m_sinkOwner = nullptr;
 }
 
-// ---- methods
-
-void Adapter::giveAdapter(const Call &call)
-{
-    const QString wanted = call.argument(0).toString();
-    if (isReady() && (wanted.isEmpty() || wanted == "hci0" || wanted == Address))
-        call.reply({objectPath(m_path)});
-    else
-        call.fail("NoSuchAdapter");
-}
-
-void Adapter::listAdapters(const Call &call)
-{
-    call.reply({adapterPaths()});
-}
-
-void Adapter::managerProperties(const Call &call)
-{
-    call.reply({QVariantMap {{"Adapters", adapterPaths()}}});
-}
-
-void Adapter::properties(const Call &call)
-{
-    call.reply({QVariantMap {{"Address", Address},
-                             {"Name", m_name},
-                             {"Class", backend == Backend::Management ? 0u : AudioClass},
-                             {"Powered", m_powered},
-                             {"Discoverable", m_discoverable},
-                             {"Pairable", m_pairable},
-                             {"DiscoverableTimeout", 0u},
-                             {"PairableTimeout", 0u},
-                             {"Discovering", false},
-                             {"Devices", devicePaths()},
-                             {"UUIDs", QStringList {}}}});
-}
-
-void Adapter::listDevices(const Call &call)
-{
-    call.reply({devicePaths()});
-}
-
-void Adapter::findDevice(const Call &call)
-{
-    if (const Device *found = device(call.argument(0).toString()))
-        call.reply({objectPath(found->path())});
-    else
-        call.fail("DoesNotExist");
-}
-
-void Adapter::removeDevice(const Call &call)
-{
-    const QString path = call.argument(0).toString();
-    const auto found =
-        std::find_if(m_devices.cbegin(), m_devices.cend(), [&path](const Device *device) {
-            return device->path().compare(path, Qt::CaseInsensitive) == 0;
-        });
-    if (found != m_devices.cend())
-        (*found)->removeOn(call);
-    else
-        call.fail("DoesNotExist");
-}
-
-void Adapter::registerAgent(const Call &call)
-{
-    if (m_agent) {
-        call.fail("AlreadyExists");
-    } else if (!Capabilities.contains(call.argument(1).toString())) {
-        call.fail("InvalidArguments");
-    } else {
-        m_agent = new RegisteredAgent(m_bus, clock, call, this);
-        connect(m_agent, &RegisteredAgent::gone, m_agent, &QObject::deleteLater);
-        call.reply();
-    }
-}
-
-void Adapter::unregisterAgent(const Call &call)
-{
-    if (!m_agent || !m_agent->isMeantBy(call)) {
-        call.fail("DoesNotExist");
-        return;
-    }
-    m_agent->release();
-    m_agent->deleteLater();
-    m_agent = nullptr;
-    call.reply();
-}
-
 QVariant Adapter::adapterPaths() const
 {
-    QList<QDBusObjectPath> paths;
-    if (isReady())
-        paths.append(QDBusObjectPath(m_path));
-    return QVariant::fromValue(paths);
+    return QVariant::fromValue(isReady() ? QList<QDBusObjectPath> {QDBusObjectPath(m_path)}
+                                         : QList<QDBusObjectPath>());
 }
 
 QVariant Adapter::devicePaths() const

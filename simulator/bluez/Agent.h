@@ -1,15 +1,10 @@
 #ifndef AGENT_H
 #define AGENT_H
 
+#include "Bus.h"
 #include "Timer.h"
 
-#include <QDBusMessage>
-#include <QStringList>
 #include <QVector>
-
-class Bus;
-class Call;
-class Faults;
 
 /// The program "agent": answers the daemon's pairing requests with the PIN of its command line.
 class Agent : public QObject
@@ -30,21 +25,21 @@ private:
     using Answered = std::function<void(const QDBusMessage &reply)>;
 
     bool readArguments(const QStringList &arguments);
-    /// Calls \p member of BlueZ; \p answered gets its reply or error.
+    void start();
+    /// Calls \p member of BlueZ; \p answered gets the reply or error.
     void callDaemon(const QString &path, const QString &member, const QVariantList &arguments,
                     const Answered &answered);
     void answerNext();
 
-    QString m_path {"/test/agent"};
+    QString m_path;
     int m_delay = 0; ///< seconds
-    QString m_capability {"KeyboardDisplay"};
+    QString m_capability;
     QString m_pin;
 
     QString m_adapter;
     bool m_stopping = false;
-    Bus *m_bus;
+    Bus m_bus;
     Timer m_sleep;
-    Timer m_end;
     QVector<Call> m_waiting;
 };
 

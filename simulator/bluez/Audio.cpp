@@ -1,9 +1,7 @@
 #include "Audio.h"
 
-#include "Adapter.h"
 #include "Device.h"
 #include "Phone.h"
-#include "RegisteredAgent.h"
 
 namespace {
 
@@ -12,7 +10,6 @@ const int ChannelSetup = 20;
 const int Answer = 15; ///< one answer of a phone
 const int AnswerLimit = 6000;
 const int PhoneSetup = 60; ///< from a phone's signalling channel to its configuration
-const int StateAfterReply = 10; ///< from Connect's reply to State "connected"
 const int SessionIdle = 1000; ///< signalling channel without users
 const int UnusedStream = 20000; ///< stream opened by the phone and never started
 const int AutoSuspend = 5000; ///< stream started while no local client has taken it
@@ -29,13 +26,7 @@ const QString Audio::AdvancedUuid = QStringLiteral("0000110d-0000-1000-8000-0080
 
 Audio::Audio(Device &device)
     : m_device(device)
-    , m_step(device.adapter().clock, &device)
-    , m_announce(device.adapter().clock, &device)
-    , m_question(device.adapter().clock, &device)
-    , m_idle(device.adapter().clock, &device)
-    , m_suspend(device.adapter().clock, &device)
-    , m_unused(device.adapter().clock, &device)
-    , m_hangUp(device.adapter().clock, &device)
+    , m_next(device.adapter().clock, &device)
     , m_grace(device.adapter().clock, &device)
 {
 }
@@ -60,7 +51,7 @@ bool Audio::handle(const Call &call)
 
 void Audio::connectCalled(const Call &call)
 {
-    if (m_hangUp.isActive() && m_refusesConnect) {
+    if (m_phase == Phase::Dying && m_refusesConnect) {
         m_hasDeadSession = true;
         if (m_device.adapter().backend == Adapter::Backend::RawHci)
             call.fail("AlreadyConnected");
@@ -71,55 +62,22 @@ void Audio::connectCalled(const Call &call)
     noticeHangUp();
     if (isOpen()) {
         call.fail("AlreadyConnected");
-    } else if (m_connect) {
-        call.fail("InProgress");
-    } else if (!m_device.adapter().isPowered()) {
+        return;
+    }
+    if (m_connect) {
+        call.fail("InProgress", "Operation already in progress");
+        return;
+    }
+    if (!m_device.adapter().isPowered()) {
         call.fail("Failed", "Unable to get a session");
-    } else {
-        m_hasDeadSession = false;
-        m_connect = call;
-        unitConnects();
+        return;
     }
-}
-
-void Audio::disconnectCalled(const Call &call)
-{
-    const bool isDying = m_hangUp.isActive();
-    if (m_connect || m_closing) {
-        call.fail("InProgress");
-    } else if (isOpen() && !isDying) {
-        m_closing = call;
-        m_question.start(2 * Answer, [this] { closeStream("the unit closes it"); });
-    } else if (isActive() && !isDying) {
-        m_step.stop();
-        becomeIdle();
-        call.reply();
-    } else if (m_hasDeadSession) {
-        m_hasDeadSession = false;
-        call.reply();
-    } else {
-        call.fail("NotConnected");
-    }
-}
-
-void Audio::failConnect()
-{
-    m_grace.stop();
-    if (m_connect)
-        m_connect->fail("Failed", "Stream setup failed");
-    m_connect.reset();
-}
-
-// ---- set up by the unit
-
-void Audio::unitConnects()
-{
-    if (m_phase == Phase::Signalling && m_idle.isActive()) {
-        m_idle.stop();
+    m_hasDeadSession = false;
+    m_connect = call;
+    if (m_phase == Phase::Waiting)
         configure(Discover);
-    }
     if (m_phase != Phase::Idle)
-        return; // joins the phone, which is just setting it up
+        return; // joins what is being set up
     m_phase = Phase::Connecting;
     m_device.linkUsersChanged();
     // Before the link can exist: "connecting" always precedes Connected = true here.
@@ -136,27 +94,52 @@ void Audio::unitConnects()
     });
 }
 
+void Audio::disconnectCalled(const Call &call)
+{
+    const bool isAlive = isActive() && m_phase != Phase::Dying;
+    if (m_connect) {
+        call.fail("InProgress", "Operation already in progress");
+    } else if (!isAlive && !m_hasDeadSession) {
+        call.fail("NotConnected");
+    } else {
+        m_hasDeadSession = false;
+        if (isAlive)
+            closeStream("the unit closes it");
+        call.reply();
+    }
+}
+
+void Audio::failConnect()
+{
+    m_grace.stop();
+    if (m_connect)
+        m_connect->fail("Failed", "Stream setup failed");
+    m_connect.reset();
+}
+
+// ---- set up by the unit
+
 void Audio::openSignalling()
 {
-    m_step.start(ChannelSetup, [this] {
-        if (m_device.phone().refusesAudio(m_device.key())) {
-            // Failures before the signalling channel is usable are signalled twice.
+    m_next.start(ChannelSetup, [this] {
+        // Failures before the signalling channel is usable are signalled twice.
+        if (m_device.phone().refusesAudio(m_device.key()))
             end(2);
-        } else {
-            m_phase = Phase::Signalling;
+        else
             configure(Discover);
-        }
     });
 }
 
 void Audio::configure(int question)
 {
-    ask(m_step, [this, question] {
+    m_phase = Phase::Configuring;
+    ask([this, question] {
         if (question == SetConfiguration) {
-            if (m_device.phone().rejectsConfiguration()
-                || !m_device.adapter().takeSink(&m_device)) {
+            const bool isAccepted =
+                !m_device.phone().rejectsConfiguration() && m_device.adapter().takeSink(&m_device);
+            if (!isAccepted) {
                 failConnect();
-                becomeIdle();
+                closeStream();
                 return;
             }
             m_device.addService(SourceUuid);
@@ -168,13 +151,13 @@ void Audio::configure(int question)
     });
 }
 
-void Audio::ask(Timer &timer, const Timer::Action &answered)
+void Audio::ask(const Timer::Action &answered)
 {
-    const std::optional<int> delay = m_device.phone().answerDelay();
-    if (delay && Answer + *delay < AnswerLimit)
-        timer.start(Answer + *delay, answered);
+    const std::optional<int> late = m_device.phone().answerDelay();
+    if (late && Answer + *late < AnswerLimit)
+        m_next.start(Answer + *late, answered);
     else
-        timer.start(AnswerLimit, [this] { end(1, "the phone does not answer"); });
+        m_next.start(AnswerLimit, [this] { end(1, "the phone does not answer"); });
 }
 
 // ---- set up by the phone
@@ -185,7 +168,7 @@ void Audio::phoneConnects(bool quiet)
         return; // the unit was faster
     m_phase = Phase::Connecting;
     m_device.linkUsersChanged();
-    if (m_device.hasAudioSource())
+    if (m_device.hasService(SourceUuid))
         setState("connecting");
     else
         m_device.addService(AdvancedUuid);
@@ -196,31 +179,29 @@ void Audio::phoneConnects(bool quiet)
     const auto answered = [this, quiet](bool agreed, const QString &) {
         if (m_phase != Phase::Connecting)
             return;
+        m_isAuthorised = agreed;
         if (agreed) {
-            m_isAuthorised = true;
             authorised(quiet);
         } else {
             m_device.phone().note("refused", "nobody authorises its audio");
             end(1);
         }
     };
-    if (RegisteredAgent *agent = m_device.adapter().agent())
-        agent->request(&m_device, "Authorize", m_device.path(), {AdvancedUuid}, answered);
-    else
-        answered(false, QString());
+    m_device.adapter().askAgent(&m_device, "Authorize", {AdvancedUuid}, answered);
 }
 
 void Audio::authorised(bool quiet)
 {
-    m_phase = Phase::Signalling;
     // Raw HCI lets the channel through before it has checked the key of the link.
     if (!m_device.isBonded())
         m_device.startPairing();
     // Over signalling alone the daemon takes over and configures the stream itself.
-    if (quiet)
-        m_idle.start(SessionIdle, [this] { configure(Discover); });
-    else
-        m_step.start(PhoneSetup, [this] { phoneConfigures(); });
+    if (quiet) {
+        wait([this] { configure(Discover); });
+        return;
+    }
+    m_phase = Phase::Configuring;
+    m_next.start(PhoneSetup, [this] { phoneConfigures(); });
 }
 
 void Audio::phoneConfigures()
@@ -228,24 +209,20 @@ void Audio::phoneConfigures()
     if (!m_device.adapter().takeSink(&m_device)) {
         m_device.phone().note("refused", "the unit plays another phone");
         failConnect();
-        becomeIdle();
+        closeStream();
         return;
     }
     m_device.addService(SourceUuid);
-    m_step.start(2 * Answer, [this] { phoneOpens(); });
-}
-
-void Audio::phoneOpens()
-{
-    m_waitsForPairing = m_device.isPairing();
-    if (!m_waitsForPairing)
-        opened(true);
+    m_next.start(2 * Answer, [this] {
+        if (!m_device.isPairing())
+            opened(true);
+    });
 }
 
 void Audio::pairingFinished()
 {
-    if (m_waitsForPairing)
-        phoneOpens();
+    if (m_phase == Phase::Configuring && !m_next.isActive())
+        opened(true);
 }
 
 // ---- the stream
@@ -253,35 +230,24 @@ void Audio::pairingFinished()
 void Audio::opened(bool byPhone)
 {
     m_phase = Phase::Open;
-    m_device.phone().streamOpened();
+    m_next.stop();
     if (byPhone)
-        m_unused.start(UnusedStream, [this] { closeStream("nobody starts it"); });
-    if (!m_connect) {
-        announceOpen();
-        return;
-    }
-    m_connect->reply();
+        m_next.start(UnusedStream, [this] { closeStream("nobody starts it"); });
+    m_device.phone().streamOpened();
+    if (m_connect)
+        m_connect->reply();
     m_connect.reset();
-    m_announce.start(StateAfterReply, [this] { announceOpen(); });
-}
-
-void Audio::announceOpen()
-{
-    m_announce.stop();
     setState("connected");
 }
 
 void Audio::phoneStarts()
 {
-    if (m_announce.isActive())
-        announceOpen();
-    m_phase = Phase::Streaming;
-    m_unused.stop();
+    m_phase = Phase::Playing;
     setState("playing");
-    if (m_device.adapter().isStreamTaken())
-        return;
-    m_suspend.start(AutoSuspend, [this] {
-        ask(m_question, [this] {
+    m_next.start(AutoSuspend, [this] {
+        if (m_device.adapter().streamTaken)
+            return;
+        ask([this] {
             m_device.phone().suspendedByUnit();
             phoneSuspends();
         });
@@ -290,67 +256,48 @@ void Audio::phoneStarts()
 
 void Audio::phoneSuspends()
 {
-    m_suspend.stop();
-    m_question.stop();
     m_phase = Phase::Open;
+    m_next.stop();
     setState("connected");
-}
-
-void Audio::streamTaken()
-{
-    m_suspend.stop();
-}
-
-void Audio::phoneClosesStream()
-{
-    closeStream(QString());
 }
 
 void Audio::closeStream(const QString &why)
 {
     m_device.phone().streamClosed(why);
-    stopActivity();
-    becomeIdle();
-}
-
-void Audio::becomeIdle()
-{
-    m_phase = Phase::Signalling;
     m_device.adapter().releaseSink(&m_device);
-    m_idle.start(SessionIdle, [this] { end(1); });
+    wait([this] { end(1); });
 }
 
-void Audio::phoneClosesSignalling()
+void Audio::wait(const Timer::Action &then)
 {
-    end(1);
+    m_phase = Phase::Waiting;
+    m_next.start(SessionIdle, then);
 }
 
 // ---- the end
 
-void Audio::linkLost(Notice notice)
+void Audio::linkLost(bool byUnit)
 {
-    stopActivity();
+    m_phase = Phase::Dying;
+    m_refusesConnect = byUnit;
     m_device.adapter().releaseSink(&m_device);
-    m_refusesConnect = notice == Notice::AfterDisconnect;
-    if (notice == Notice::AtOnce)
-        end(1);
-    else if (notice == Notice::Later)
-        m_hangUp.start(HangUpNoticed, [this] { end(1); });
+    if (byUnit)
+        m_next.startReal(DisconnectNoticed, [this] { end(1); });
     else
-        m_hangUp.startReal(DisconnectNoticed, [this] { end(1); });
+        m_next.start(HangUpNoticed, [this] { end(1); });
 }
 
 void Audio::noticeHangUp()
 {
-    if (m_hangUp.isActive())
+    if (m_phase == Phase::Dying)
         end(1);
 }
 
 void Audio::end(int times, const QString &why)
 {
-    m_device.phone().streamClosed(why);
-    stopActivity();
     m_phase = Phase::Idle;
+    m_next.stop();
+    m_device.phone().streamClosed(why);
     m_device.adapter().releaseSink(&m_device);
     // First, so that the unused link is dropped before a waiting Connect fails, both 2 s later.
     m_device.linkUsersChanged();
@@ -362,28 +309,17 @@ void Audio::end(int times, const QString &why)
 
 void Audio::retire()
 {
-    stopActivity();
-    failConnect();
     m_phase = Phase::Idle;
+    m_next.stop();
+    m_device.adapter().releaseSink(&m_device);
+    failConnect();
     m_isAuthorised = false;
     m_state = "disconnected";
-    m_device.adapter().releaseSink(&m_device);
-}
-
-void Audio::stopActivity()
-{
-    m_waitsForPairing = false;
-    if (m_closing)
-        m_closing->reply();
-    m_closing.reset();
-    for (Timer *timer :
-         {&m_step, &m_announce, &m_question, &m_idle, &m_suspend, &m_unused, &m_hangUp})
-        timer->stop();
 }
 
 void Audio::setState(const QString &state)
 {
-    if (!m_device.hasAudioSource())
+    if (!m_device.hasService(SourceUuid))
         return;
     m_state = state;
     m_device.adapter().emitChanged(m_device.path(), "AudioSource", "State", state);

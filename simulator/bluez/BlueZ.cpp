@@ -1,12 +1,8 @@
 #include "BlueZ.h"
 
-#include "Adapter.h"
 #include "Agent.h"
-#include "RegisteredAgent.h"
-#include "Bus.h"
-#include "Device.h"
-#include "core/Faults.h"
 #include "Phone.h"
+#include "core/Faults.h"
 #include "core/Words.h"
 
 #include <QRegularExpression>
@@ -15,8 +11,8 @@
 namespace {
 
 const int UsualAdapterDelay = 60; ///< from the name to the adapter, in real milliseconds
-const char AddUsage[] = "phone add NAME [address=A] [name=TEXT] [pin=PIN] [audio=FILE] [known] "
-                        "[trusted]";
+const QString AddUsage = QStringLiteral(
+    "phone add NAME [address=A] [name=TEXT] [pin=PIN] [audio=FILE] [known] [trusted]");
 
 } // namespace
 
@@ -25,7 +21,7 @@ BlueZ::BlueZ(Journal &journal, Clock &clock, Faults &faults, const QString &syst
     , m_clock(clock)
     , m_faults(faults)
     , m_busAddress(systemBusAddress)
-    , m_adapter(new Adapter(clock, this))
+    , m_adapter(clock)
 {
 }
 
@@ -33,35 +29,31 @@ BlueZ::BlueZ(Journal &journal, Clock &clock, Faults &faults, const QString &syst
 
 void BlueZ::start(qint64 pid, const QString &hostName)
 {
-    m_pid = pid;
     m_bus = new Bus(
-        m_busAddress, m_faults, [this](const Call &call) { m_adapter->handle(call); }, this);
+        m_busAddress, m_faults, [this](const Call &call) { m_adapter.handle(call); }, this);
     if (m_faults.standing("bluetoothd", "no-name"))
         return;
-    const auto bringAdapterUp = [this, hostName] { m_adapter->appear(m_bus, m_pid, hostName); };
-    const auto claimName = [this, bringAdapterUp] {
-        m_bus->claim("org.bluez");
+    const int nameDelay = m_faults.standing("bluetoothd", "name-delay").number();
+    QTimer::singleShot(nameDelay, m_bus, [this, pid, hostName] {
+        m_bus->connection().registerService("org.bluez");
         // The name comes first, always: for a while there is a daemon without an adapter.
         const auto delay = m_faults.standing("bluetoothd", "adapter-delay");
         if (!m_faults.standing("bluetoothd", "no-adapter"))
-            QTimer::singleShot(delay ? delay.number() : UsualAdapterDelay, m_bus, bringAdapterUp);
-    };
-    QTimer::singleShot(m_faults.standing("bluetoothd", "name-delay").number(), m_bus, claimName);
+            QTimer::singleShot(delay ? delay.number() : UsualAdapterDelay, m_bus,
+                               [this, pid, hostName] { m_adapter.appear(m_bus, pid, hostName); });
+    });
 }
 
 void BlueZ::stop(bool orderly)
 {
-    if (orderly) {
-        m_adapter->releaseAgent();
-        m_bus->flush();
-    }
+    if (orderly)
+        m_adapter.releaseAgent();
     delete m_bus;
-    m_adapter->vanish();
+    m_adapter.vanish();
 }
 
-void BlueZ::startAgent(qint64 pid, const QStringList &arguments)
+void BlueZ::startAgent(qint64, const QStringList &arguments)
 {
-    Q_UNUSED(pid)
     m_agent = new Agent(m_busAddress, m_faults, m_clock, arguments, this);
     connect(m_agent, &Agent::exited, this, [this](int status) {
         stopAgent(false);
@@ -81,22 +73,7 @@ void BlueZ::stopAgent(bool orderly)
     m_agent = nullptr;
 }
 
-void BlueZ::hciconfig(const QStringList &arguments)
-{
-    m_adapter->hciconfig(arguments);
-}
-
-void BlueZ::takeStream(bool taken)
-{
-    m_adapter->takeStream(taken);
-}
-
 // ---- control
-
-QStringList BlueZ::phoneNames() const
-{
-    return m_phones.keys();
-}
 
 QStringList BlueZ::verbs() const
 {
@@ -105,15 +82,13 @@ QStringList BlueZ::verbs() const
 
 QString BlueZ::tell(const QStringList &words, QString *text)
 {
-    const QString verb = words.value(0);
-    if (verb == "phone")
+    const QString command = words.value(0);
+    if (command == "phone")
         return tellPhone(words.mid(1), text);
-    if (verb == "signal")
+    if (command == "signal")
         return sendSignal(words.mid(1));
-    if (verb == "backend")
+    if (command == "backend")
         return setBackend(words.mid(1));
-    if (verb != "phones")
-        return unknownWord("command", verb, {"phone", "phones", "signal", "backend"});
     QStringList lines;
     for (const Phone *phone : qAsConst(m_phones))
         lines.append(phone->describe());
@@ -127,7 +102,7 @@ QString BlueZ::tellPhone(const QStringList &words, QString *text)
     if (name == "add")
         return addPhone(words.mid(1));
     if (words.size() < 2)
-        return QString("phone NAME VERB, or ") + AddUsage;
+        return "phone NAME VERB, phone NAME help, or " + AddUsage;
     Phone *phone = m_phones.value(name);
     if (!phone)
         return unknownWord("phone", name, phoneNames());
@@ -146,93 +121,81 @@ QString BlueZ::addPhone(const QStringList &words)
     if (m_phones.contains(name))
         return "there is a phone " + name + " already";
 
-    int number = 0x13;
-    const auto addressOf = [](int last) {
-        return QString("00:1A:7D:DA:71:%1").arg(last, 2, 16, QChar('0')).toUpper();
-    };
-    while (phoneAt(addressOf(number)))
-        number++;
-    Phone::Traits traits {addressOf(number), name, "7351", QString()};
-    const QHash<QString, QString *> fields {{"address", &traits.address},
-                                            {"name", &traits.name},
-                                            {"pin", &traits.pin},
-                                            {"audio", &traits.audio}};
-    bool isTrusted = false;
-    bool isKnown = false;
+    Phone::Traits traits {name, QString(), name, "7351", QString()};
+    for (int last = 0x13; traits.address.isEmpty(); last++) {
+        const QString free = QString("00:1A:7D:DA:71:%1").arg(last, 2, 16).toUpper();
+        if (nameOf(free).isEmpty())
+            traits.address = free;
+    }
+    const QMap<QString, QString *> fields {{"address", &traits.address},
+                                           {"name", &traits.name},
+                                           {"pin", &traits.pin},
+                                           {"audio", &traits.audio}};
     for (const QString &word : words.mid(1)) {
-        if (word == "trusted")
-            isTrusted = true;
-        else if (word == "known")
-            isKnown = true;
-        else if (QString *field = fields.value(word.section('=', 0, 0));
-                 field && word.contains('='))
+        QString *field = fields.value(word.section('=', 0, 0));
+        if (field && word.contains('='))
             *field = word.section('=', 1);
-        else
+        else if (word != "known" && word != "trusted")
             return AddUsage;
     }
     traits.address = traits.address.toUpper();
     if (!addressForm.match(traits.address).hasMatch())
         return '"' + traits.address + "\" is not an address";
-    if (const Phone *other = phoneAt(traits.address))
-        return other->handle() + " has this address";
+    const QString other = nameOf(traits.address);
+    if (!other.isEmpty())
+        return other + " has this address";
 
-    auto *phone = new Phone(*m_adapter, m_journal, name, traits, this);
+    auto *phone = new Phone(m_adapter, m_journal, traits, this);
     m_phones.insert(name, phone);
-    connect(phone, &Phone::streamChanged, this, [this, phone](bool isOpen, bool playing) {
-        const QString path = isOpen ? phone->device()->path() : QString();
-        emit phonePlays(phone->handle(), path, phone->audio(), playing);
-    });
-    if (isKnown || isTrusted)
-        m_adapter->introduce(*phone, isTrusted);
+    connect(phone, &Phone::streamChanged, this, &BlueZ::phonePlays);
+    if (words.contains("known") || words.contains("trusted"))
+        phone->device().setKnown(words.contains("trusted"));
     return QString();
 }
 
 QString BlueZ::sendSignal(const QStringList &words)
 {
-    if (words.size() < 2)
-        return "signal PATH INTERFACE.SIGNAL [TYPE:VALUE ...]";
+    const QString name = words.value(1);
     QVariantList arguments;
     QString error;
+    if (words.size() < 2)
+        return "signal PATH INTERFACE.SIGNAL [TYPE:VALUE ...]";
     if (!parseTypedArguments(words.mid(2), &arguments, &error))
         return error;
     if (!m_bus)
         return "bluetoothd is not running";
-    QDBusMessage signal = QDBusMessage::createSignal(words.first(), words.at(1).section('.', 0, -2),
-                                                     words.at(1).section('.', -1));
+    QDBusMessage signal =
+        QDBusMessage::createSignal(words.first(), name.section('.', 0, -2), name.section('.', -1));
     signal.setArguments(arguments);
-    if (!m_bus->connection().send(signal))
-        return "this signal cannot be sent";
-    return QString();
+    return m_bus->connection().send(signal) ? "" : "this signal cannot be sent";
 }
 
 QString BlueZ::setBackend(const QStringList &words)
 {
     const bool isHci = words.value(0) == "hci";
-    const bool isOther = words.value(1) == "other";
-    if ((!isHci && words != QStringList {"mgmt"}) || words.size() > (isOther ? 2 : 1))
+    const bool isOther = isHci && words.value(1) == "other";
+    if ((!isHci && words.value(0) != "mgmt") || words.size() != (isOther ? 2 : 1))
         return "backend mgmt|hci, or backend hci other";
-    m_adapter->backend = isHci ? Adapter::Backend::RawHci : Adapter::Backend::Management;
-    m_adapter->audioFirst = isOther;
+    m_adapter.backend = isHci ? Adapter::Backend::RawHci : Adapter::Backend::Management;
+    m_adapter.audioFirst = isOther;
     return QString();
 }
 
-const Phone *BlueZ::phoneAt(const QString &address) const
+QString BlueZ::nameOf(const QString &address) const
 {
-    for (const Phone *phone : m_phones) {
-        if (phone->address() == address)
-            return phone;
+    for (auto phone = m_phones.begin(); phone != m_phones.end(); ++phone) {
+        if (phone.value()->address() == address)
+            return phone.key();
     }
-    return nullptr;
+    return QString();
 }
 
 QString BlueZ::shortName(const QString &objectPath) const
 {
-    static const QRegularExpression form("^/org/bluez/\\d+/hci0(/dev_([0-9A-F_]{17}))?$");
+    static const QRegularExpression form("^/org/bluez/\\d+/hci0(/dev_(.{17}))?$");
     const auto match = form.match(objectPath);
-    if (!match.hasMatch())
-        return objectPath;
-    if (match.captured(1).isEmpty())
+    if (match.hasMatch() && match.captured(1).isEmpty())
         return "hci0";
-    const Phone *phone = phoneAt(match.captured(2).replace('_', ':'));
-    return phone ? phone->handle() : objectPath;
+    const QString name = nameOf(match.captured(2).replace('_', ':'));
+    return name.isEmpty() ? objectPath : name;
 }

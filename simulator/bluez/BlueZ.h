@@ -1,15 +1,11 @@
 #ifndef BLUEZ_H
 #define BLUEZ_H
 
-#include <QMap>
-#include <QObject>
-#include <QPointer>
-#include <QStringList>
+#include "Adapter.h"
 
-class Adapter;
+#include <QMap>
+
 class Agent;
-class Bus;
-class Clock;
 class Faults;
 class Journal;
 class Phone;
@@ -25,20 +21,21 @@ class BlueZ : public QObject
 public:
     BlueZ(Journal &journal, Clock &clock, Faults &faults, const QString &systemBusAddress);
 
-    /// \name Programs, by process id
+    /// \name Programs, at most one of each
     /// @{
     /// A bluetoothd lives: it takes org.bluez, and its adapter comes a little later. The faults
     /// name-delay, no-name, adapter-delay (real milliseconds) and no-adapter of "bluetoothd" count.
     void start(qint64 pid, const QString &hostName);
     /// It ends, in order (SIGTERM) or not.
     void stop(bool orderly);
+    /// The agent lives: it registers, or ends.
     void startAgent(qint64 pid, const QStringList &arguments);
     /// It ends; in order it unregisters first.
     void stopAgent(bool orderly);
     /// What hciconfig with these \p arguments, "hci0 piscan" and so on, does to the radio.
-    void hciconfig(const QStringList &arguments);
+    void hciconfig(const QStringList &arguments) { m_adapter.hciconfig(arguments); }
     /// PulseAudio takes the phones' streams: BlueZ does not suspend them after 5 s.
-    void takeStream(bool taken);
+    void takeStream(bool taken) { m_adapter.streamTaken = taken; }
     /// @}
 
     /// \name Control
@@ -46,7 +43,7 @@ public:
     /// Does "phone ...", "phones", "signal ..." or "backend ...". Returns why not, or an empty
     /// text; \p text is the answer for people.
     QString tell(const QStringList &words, QString *text);
-    QStringList phoneNames() const;
+    QStringList phoneNames() const { return m_phones.keys(); }
     /// What phones can do.
     QStringList verbs() const;
     /// "/", "hci0", a phone's name, or the path as it is; whatever the process id in it.
@@ -65,17 +62,17 @@ private:
     QString addPhone(const QStringList &words);
     QString sendSignal(const QStringList &words);
     QString setBackend(const QStringList &words);
-    const Phone *phoneAt(const QString &address) const;
+    /// The name of the phone with \p address; empty when there is none.
+    QString nameOf(const QString &address) const;
 
     Journal &m_journal;
     Clock &m_clock;
     Faults &m_faults;
     QString m_busAddress;
-    Adapter *m_adapter;
-    QMap<QString, Phone *> m_phones;
-    qint64 m_pid = 0; ///< of the daemon
+    Adapter m_adapter;
     QPointer<Bus> m_bus; ///< of the daemon
     QPointer<Agent> m_agent;
+    QMap<QString, Phone *> m_phones; ///< by name
 };
 
 #endif

@@ -6,27 +6,12 @@
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
-#include <QHash>
+#include <QRegularExpression>
 #include <QTimer>
 
 namespace {
-
 const QString Prefix = QStringLiteral("org.bluez.");
-const QHash<QString, QString> UsualTexts {{"InvalidArguments", "Invalid arguments in method call"},
-                                          {"InProgress", "Operation already in progress"},
-                                          {"AlreadyExists", "Already Exists"},
-                                          {"NotConnected", "Not Connected"},
-                                          {"AlreadyConnected", "Already Connected"},
-                                          {"DoesNotExist", "Does Not Exist"},
-                                          {"NoSuchAdapter", "No such adapter"},
-                                          {"AgentNotAvailable", "Agent Not Available"},
-                                          {"NotReady", "Resource Not Ready"},
-                                          {"NotAuthorized", "Operation Not Authorized"},
-                                          {"NotSupported", "Operation is not supported"},
-                                          {"NotAvailable", "Operation currently not available"},
-                                          {"Failed", "Operation failed"}};
-
-} // namespace
+}
 
 QString Call::method() const
 {
@@ -47,24 +32,25 @@ QVariant Call::argument(int index) const
 void Call::reply(const QVariantList &values) const
 {
     if (m_bus && m_message.isReplyRequired())
-        m_bus->send(m_message.createReply(values));
+        m_bus->connection().send(m_message.createReply(values));
 }
 
 void Call::fail(const QString &error, const QString &text) const
 {
-    const QString last = error.section('.', -1);
+    static const QRegularExpression wordBegin("(?<=[a-z])(?=[A-Z])");
     const QString name = error.contains('.') ? error : Prefix + "Error." + error;
+    const QString usualText = error.section('.', -1).replace(wordBegin, " ");
     if (m_bus && m_message.isReplyRequired())
-        m_bus->send(
-            m_message.createErrorReply(name, text.isEmpty() ? UsualTexts.value(last, last) : text));
+        m_bus->connection().send(
+            m_message.createErrorReply(name, text.isEmpty() ? usualText : text));
 }
 
 void Call::failUnknown(bool hasObject) const
 {
-    fail(hasObject ? "org.freedesktop.DBus.Error.UnknownMethod"
-                   : "org.freedesktop.DBus.Error.UnknownObject",
-         QString("Method \"%1\" with signature \"%2\" on interface \"%3\" doesn't exist\n")
-             .arg(m_message.member(), m_message.signature(), m_message.interface()));
+    const QString error = hasObject ? "UnknownMethod" : "UnknownObject";
+    const QString text = "Method \"%1\" with signature \"%2\" on interface \"%3\" doesn't exist\n";
+    fail("org.freedesktop.DBus.Error." + error,
+         text.arg(m_message.member(), m_message.signature(), m_message.interface()));
 }
 
 Bus::Bus(const QString &address, Faults &faults, const Handler &handler, QObject *parent)
@@ -73,73 +59,39 @@ Bus::Bus(const QString &address, Faults &faults, const Handler &handler, QObject
     static int count = 0;
     m_name = QString("bluez-%1").arg(++count);
     qDBusRegisterMetaType<QList<QDBusObjectPath>>();
-    QDBusConnection bus = QDBusConnection::connectToBus(address, m_name);
-    bus.registerVirtualObject("/", this, QDBusConnection::SubPath);
-    bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
-                "Disconnected", this, SIGNAL(lost()));
+    QDBusConnection::connectToBus(address, m_name)
+        .registerVirtualObject("/", this, QDBusConnection::SubPath);
 }
 
 Bus::~Bus()
 {
+    // A round trip: the bus has all that was sent before when the answer is in.
+    if (QDBusConnectionInterface *bus = connection().interface())
+        bus->isServiceRegistered(connection().baseService());
     QDBusConnection::disconnectFromBus(m_name);
-}
-
-bool Bus::claim(const QString &name)
-{
-    QDBusConnectionInterface *bus = connection().interface();
-    return bus
-        && bus->registerService(name, QDBusConnectionInterface::DontQueueService)
-        == QDBusConnectionInterface::ServiceRegistered;
-}
-
-void Bus::send(const QDBusMessage &message)
-{
-    connection().send(message);
 }
 
 void Bus::emitSignal(const QString &path, const QString &member, const QVariantList &arguments)
 {
-    QDBusMessage signal = QDBusMessage::createSignal(path, Prefix + member.section('.', 0, -2),
-                                                     member.section('.', -1));
+    QDBusMessage signal = QDBusMessage::createSignal(path, Prefix + member.section('.', 0, 0),
+                                                     member.section('.', 1));
     signal.setArguments(arguments);
-    send(signal);
-}
-
-void Bus::emitChanged(const QString &path, const QString &interface, const QString &property,
-                      const QVariant &value)
-{
-    emitSignal(path, interface + ".PropertyChanged",
-               {property, QVariant::fromValue(QDBusVariant(value))});
-}
-
-void Bus::flush()
-{
-    if (QDBusConnectionInterface *bus = connection().interface())
-        bus->isServiceRegistered(connection().baseService());
+    connection().send(signal);
 }
 
 bool Bus::handleMessage(const QDBusMessage &message, const QDBusConnection &)
 {
-    if (message.type() != QDBusMessage::MethodCallMessage)
-        return true;
     if (message.interface() == "org.freedesktop.DBus.Introspectable")
         return false;
     const Call call(this, message);
-    if (!message.interface().startsWith(Prefix)) {
-        call.failUnknown(true);
-        return true;
-    }
     const auto fault = m_faults.next("bluez:" + call.method().section('(', 0, 0));
-    if (fault.name == "error")
+    if (!message.interface().startsWith(Prefix))
+        call.failUnknown(true);
+    else if (fault.name == "error")
         call.fail(fault.value.isEmpty() ? "Failed" : fault.value);
     else if (fault.name == "delay")
         QTimer::singleShot(fault.number(), this, [this, call] { m_handler(call); });
     else if (fault.name != "never")
         m_handler(call);
     return true;
-}
-
-QString Bus::introspect(const QString &) const
-{
-    return QString();
 }

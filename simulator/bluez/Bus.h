@@ -25,7 +25,7 @@ public:
     QVariant argument(int index) const;
 
     void reply(const QVariantList &values = {}) const;
-    /// \p error is one of BlueZ's or a whole name; the usual text goes with it unless one is given.
+    /// \p error is one of BlueZ's, "NotConnected", or a whole name; its words are the usual text.
     void fail(const QString &error, const QString &text = QString()) const;
     /// There is no such method, or not even the object.
     void failUnknown(bool hasObject) const;
@@ -38,32 +38,19 @@ private:
 /// A program's own connection to the system bus, which goes with this object.
 class Bus : public QDBusVirtualObject
 {
-    Q_OBJECT
-
 public:
     using Handler = std::function<void(const Call &)>;
 
-    /// \p handler gets the calls to any object of org.bluez that no fault keeps from it.
+    /// \p handler gets the calls to any object of BlueZ's that no fault keeps from it.
     Bus(const QString &address, Faults &faults, const Handler &handler, QObject *parent);
     ~Bus() override;
 
     QDBusConnection connection() const { return QDBusConnection(m_name); }
-    /// Takes \p name unless it has an owner.
-    bool claim(const QString &name);
-    void send(const QDBusMessage &message);
     /// \p member is Interface.Member.
-    void emitSignal(const QString &path, const QString &member, const QVariantList &arguments = {});
-    void emitChanged(const QString &path, const QString &interface, const QString &property,
-                     const QVariant &value);
-    /// Waits until the bus has all that was sent.
-    void flush();
+    void emitSignal(const QString &path, const QString &member, const QVariantList &arguments);
 
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override;
-    QString introspect(const QString &path) const override;
-
-signals:
-    /// The bus is gone.
-    void lost();
+    QString introspect(const QString &) const override { return QString(); }
 
 private:
     QString m_name;

@@ -4,43 +4,39 @@
 #include "Adapter.h"
 #include "Audio.h"
 #include "Bus.h"
-#include "Phone.h"
-#include "Timer.h"
 
 #include <optional>
 
+class Phone;
+
 /**
- * A phone as the daemon knows it, org.bluez.Device, and the radio link to it: its pairing, the
- * daemon's search for its services, its end.
- *
- * A device that is not bonded lives only as long as its link.
+ * A phone as the daemon knows it, org.bluez.Device: the radio link to it, its pairing, the search
+ * for its services. A device that is not bonded is there only as long as its link.
  */
 class Device : public QObject
 {
-    Q_OBJECT
-
 public:
-    Device(Adapter &adapter, Phone &phone);
+    Device(Adapter &adapter, Phone &phone) : m_adapter(adapter), m_phone(phone) { }
 
-    QString address() const { return m_phone.address(); }
     QString path() const;
     Adapter &adapter() const { return m_adapter; }
     Phone &phone() const { return m_phone; }
     Audio &audio() { return m_audio; }
+    const Audio &audio() const { return m_audio; }
 
     bool isBonded() const { return m_key != 0; }
     int key() const { return m_key; }
     bool isTrusted() const { return m_trusted; }
     bool isLinkUp() const { return m_linkUp; }
-    bool hasAudioSource() const { return m_uuids.contains(Audio::SourceUuid); }
     bool isPairing() const { return m_isPairing; }
+    bool hasService(const QString &uuid) const { return m_uuids.contains(uuid); }
 
-    /// Paired before, with its services known.
+    /// Has it bonded from before, with its services known.
     void setKnown(bool trusted);
     /// Answers a call to the object.
     void handle(const Call &call);
 
-    /// The link has come up; signalled now unless the daemon is to hear of its audio first.
+    /// The link has come up; signalled unless the daemon is to hear of something else first.
     void linkUp(bool isAnnounced);
     /// Connected = true, with what the link has taught about the phone.
     void announceConnected();
@@ -57,30 +53,29 @@ public:
     void addService(const QString &uuid);
     /// Adapter.RemoveDevice.
     void removeOn(const Call &call);
-    /// The daemon ends or forgets the device: nothing is signalled any more.
+    /// The daemon ends: nothing is signalled any more.
     void retire();
 
 private:
-    enum class Search { None, Scheduled, Paging, Browsing, Kept };
+    enum class Search { None, Scheduled, Paging, Browsing };
 
-    void getProperties(const Call &call);
     void setProperty(const Call &call);
     void disconnectCalled(const Call &call);
     void requestDisconnect();
     void finishPage(bool up);
     void finishPairing(const QString &whyNot);
-    void search();
-    void browse();
-    void endSearch();
+    void search(bool isLinked);
+    void remove();
     void changed(const QString &property, const QVariant &value);
 
     Adapter &m_adapter;
     Phone &m_phone;
-    Audio m_audio;
+    Audio m_audio {*this};
+    bool m_exists = false; ///< on the bus
     int m_key = 0; ///< of the bond with the phone
     bool m_paired = false; ///< the property: the bond as far as it was signalled
-    bool m_temporary = true;
     bool m_trusted = false;
+    bool m_nameKnown = false; ///< even without the device
     bool m_linkUp = false;
     bool m_connected = false; ///< the property: the link as far as it was signalled
     bool m_isPairing = false;
@@ -90,11 +85,11 @@ private:
     QVector<Call> m_disconnectCalls;
     std::optional<Call> m_removal;
     QVector<std::function<void(bool)>> m_pageWaiters;
-    Timer m_disconnect;
-    Timer m_idle;
-    Timer m_paging;
-    Timer m_pairing;
-    Timer m_searching;
+    Timer m_disconnect {m_adapter.clock, this};
+    Timer m_idle {m_adapter.clock, this};
+    Timer m_paging {m_adapter.clock, this};
+    Timer m_pairing {m_adapter.clock, this};
+    Timer m_searching {m_adapter.clock, this};
 };
 
 #endif

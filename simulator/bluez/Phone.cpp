@@ -1,7 +1,5 @@
 #include "Phone.h"
 
-#include "Adapter.h"
-#include "Device.h"
 #include "core/Journal.h"
 #include "core/Words.h"
 
@@ -23,40 +21,69 @@ const int AutoPlay = 350; ///< from an open stream to one that plays by itself
 struct Phone::Verb
 {
     const char *name;
-    const char *arguments;
-    QString (Phone::*act)(const QStringList &words);
+    const char *argument;
     const char *help;
+    Needs needs;
+    void (*act)(Phone &phone, const QString &argument);
 };
 
 const QVector<Phone::Verb> Phone::Verbs {
-    {"pair", "", &Phone::pair, "pairs, without connecting its audio"},
-    {"connect", "", &Phone::connectAsUsual, "pairs if it must, and connects its audio"},
-    {"connect-acl", "", &Phone::connectLink, "opens the radio link only"},
-    {"connect-a2dp", "", &Phone::connectAudio, "connects its audio, with the bond that it has"},
-    {"connect-signalling", "", &Phone::connectSignalling, "opens no stream over its audio"},
-    {"play", "", &Phone::play, "starts the stream"},
-    {"pause", "", &Phone::pause, "suspends the stream"},
-    {"close", "", &Phone::close, "closes the stream"},
-    {"leave", "", &Phone::leave, "ends everything in order"},
-    {"drop", "", &Phone::drop, "loses the link at once"},
-    {"out-of-range", "", &Phone::goOutOfRange, "neither reaches the unit nor is reached"},
-    {"in-range", "", &Phone::comeInRange, "can be reached again"},
-    {"ignore", "", &Phone::setAnswer, "never answers the unit's audio requests"},
-    {"refuse", "", &Phone::setAnswer, "closes the unit's audio connections at once"},
-    {"reject", "", &Phone::setAnswer, "rejects the unit's stream configuration"},
-    {"accept", "", &Phone::setAnswer, "accepts again"},
-    {"answer-late", "MILLISECONDS", &Phone::answerLate, "answers each audio request later"},
-    {"auto-play", "on|off", &Phone::autoPlay, "plays as soon as a stream is open"},
-    {"forget", "", &Phone::forget, "forgets its bond with the unit"},
-    {"pin", "PIN", &Phone::changePin, "will pair with another PIN"}};
+    {"pair", "", "pairs, without connecting its audio", Needs::NoBond,
+     [](Phone &phone, const QString &) {
+         phone.openLink(true, [&phone] { phone.startPairing(nullptr); });
+     }},
+    {"connect", "", "connects its audio as a usual phone, pairs if it must", Needs::Unit,
+     [](Phone &phone, const QString &) { phone.connect(); }},
+    {"connect-acl", "", "opens the radio link only", Needs::Unit,
+     [](Phone &phone, const QString &) { phone.openLink(true, [] {}); }},
+    {"connect-a2dp", "", "connects its audio, with the bond that it has", Needs::Audio,
+     [](Phone &phone, const QString &) { phone.connectAudio(); }},
+    {"connect-signalling", "", "connects its audio, but opens no stream", Needs::Audio,
+     [](Phone &phone, const QString &) {
+         phone.openLink(true, [&phone] { phone.m_device.audio().phoneConnects(true); });
+     }},
+    {"play", "", "starts the stream", Needs::Paused,
+     [](Phone &phone, const QString &) { phone.play(); }},
+    {"pause", "", "suspends the stream", Needs::Playing,
+     [](Phone &phone, const QString &) { phone.pause(); }},
+    {"close", "", "closes the stream", Needs::Open,
+     [](Phone &phone, const QString &) { phone.m_device.audio().closeStream(); }},
+    {"leave", "", "ends everything in order", Needs::Link,
+     [](Phone &phone, const QString &) { phone.leave(); }},
+    {"drop", "", "loses the link at once", Needs::Link,
+     [](Phone &phone, const QString &) { phone.m_device.dropLink("the phone drops it"); }},
+    {"out-of-range", "", "cannot be reached any more, nor reach the unit", Needs::Nothing,
+     [](Phone &phone, const QString &) {
+         phone.m_inRange = false;
+         phone.m_step.stop();
+         phone.m_device.dropLink("the phone is out of range");
+     }},
+    {"in-range", "", "can be reached again", Needs::Nothing,
+     [](Phone &phone, const QString &) { phone.m_inRange = true; }},
+    {"ignore", "", "will never answer the unit's audio requests", Needs::Nothing,
+     [](Phone &phone, const QString &) { phone.m_answer = "ignore"; }},
+    {"refuse", "", "will close the unit's audio connections at once", Needs::Nothing,
+     [](Phone &phone, const QString &) { phone.m_answer = "refuse"; }},
+    {"reject", "", "will reject the unit's stream configuration", Needs::Nothing,
+     [](Phone &phone, const QString &) { phone.m_answer = "reject"; }},
+    {"accept", "", "will accept again", Needs::Nothing,
+     [](Phone &phone, const QString &) { phone.m_answer = "accept"; }},
+    {"answer-late", "MILLISECONDS", "will answer each audio request that much later",
+     Needs::Nothing,
+     [](Phone &phone, const QString &argument) { phone.m_late = argument.toInt(); }},
+    {"auto-play", "on|off", "whether it plays as soon as a stream is open", Needs::Nothing,
+     [](Phone &phone, const QString &argument) { phone.m_autoPlay = argument == "on"; }},
+    {"forget", "", "forgets its bond with the unit", Needs::Nothing,
+     [](Phone &phone, const QString &) { phone.m_key = 0; }},
+    {"pin", "PIN", "will pair with another PIN", Needs::Nothing,
+     [](Phone &phone, const QString &argument) { phone.m_traits.pin = argument; }}};
 
-Phone::Phone(Adapter &adapter, Journal &journal, const QString &handle, const Traits &traits,
-             QObject *parent)
+Phone::Phone(Adapter &adapter, Journal &journal, const Traits &traits, QObject *parent)
     : QObject(parent)
     , m_adapter(adapter)
     , m_journal(journal)
-    , m_handle(handle)
     , m_traits(traits)
+    , m_device(adapter, *this)
     , m_step(adapter.clock, this)
 {
 }
@@ -73,26 +100,36 @@ QString Phone::help()
 {
     QStringList lines;
     for (const Verb &verb : Verbs)
-        lines.append(QString("%1 %2").arg(verb.name, verb.arguments).leftJustified(26) + verb.help);
+        lines.append(QString("%1 %2").arg(verb.name, verb.argument).leftJustified(26) + verb.help);
     return lines.join('\n');
 }
 
 QString Phone::act(const QStringList &words)
 {
-    const auto verb = std::find_if(Verbs.begin(), Verbs.end(), [&words](const Verb &candidate) {
+    const auto verb = std::find_if(Verbs.begin(), Verbs.end(), [&](const Verb &candidate) {
         return words.value(0) == candidate.name;
     });
     if (verb == Verbs.end())
-        return unknownWord("verb of a phone", words.value(0), verbs());
-    if ((words.size() == 2) != (*verb->arguments != '\0') || words.size() > 2)
-        return QString("%1 %2").arg(verb->name, verb->arguments).trimmed();
-    return (this->*verb->act)(words);
+        return unknownWord("verb of phones", words.value(0), verbs());
+    const QString wanted = verb->argument;
+    const QString argument = words.value(1);
+    bool fits = argument.isEmpty() == wanted.isEmpty() && words.size() <= 2;
+    if (fits && wanted == "MILLISECONDS")
+        fits = argument.toUInt(&fits) <= INT_MAX && fits;
+    else if (fits && wanted.contains('|'))
+        fits = wanted.split('|').contains(argument);
+    if (!fits)
+        return QString("%1 %2").arg(verb->name, wanted).trimmed();
+    const QString refusal = whyNot(verb->needs);
+    if (refusal.isEmpty())
+        verb->act(*this, argument);
+    return refusal;
 }
 
 QString Phone::describe() const
 {
-    QString text =
-        QString("%1  %2  \"%3\"  pin %4").arg(m_handle, address(), bluetoothName(), pin());
+    QString text = QString("%1  %2  \"%3\"  pin %4")
+                       .arg(m_traits.handle, m_traits.address, m_traits.name, m_traits.pin);
     if (m_key)
         text += ", paired";
     if (!m_inRange)
@@ -101,284 +138,69 @@ QString Phone::describe() const
         text += ", will " + m_answer + " audio";
     if (m_stream != Stream::None)
         text += m_stream == Stream::Playing ? ", playing" : ", stream open";
-    else if (linkedDevice())
+    else if (m_device.isLinkUp())
         text += ", linked";
     return text;
 }
 
 // ---- what a person does
 
-QString Phone::pair(const QStringList &)
+QString Phone::whyNot(Needs needs) const
 {
-    const QString why = whyUnreachable();
-    if (!why.isEmpty())
-        return why;
-    if (isBonded())
-        return m_handle + " is paired already";
-    openLink(true, [this](Device *) { startPairing(nullptr); });
+    const bool isOpen = m_stream != Stream::None;
+    const bool needsUnit = needs == Needs::Unit || needs == Needs::NoBond || needs == Needs::Audio;
+    if (needsUnit && !m_inRange)
+        return m_traits.handle + " is out of range";
+    if (needsUnit && !m_adapter.isReady())
+        return "the unit's radio is not ready";
+    if (needsUnit && !m_device.isLinkUp() && !m_adapter.isConnectable())
+        return "the unit is not connectable";
+    if (needs == Needs::NoBond && isBonded())
+        return m_traits.handle + " is paired already";
+    if (needs == Needs::Audio && isOpen)
+        return m_traits.handle + " is connected already";
+    if (needs == Needs::Audio && !m_key)
+        return m_traits.handle + " is not paired";
+    if (needs == Needs::Link && !m_device.isLinkUp())
+        return m_traits.handle + " is not connected";
+    if ((needs == Needs::Open || needs == Needs::Paused) && !isOpen)
+        return m_traits.handle + " has no stream to the unit";
+    if (needs == Needs::Paused && m_stream == Stream::Playing)
+        return m_traits.handle + " plays already";
+    if (needs == Needs::Playing && m_stream != Stream::Playing)
+        return m_traits.handle + " does not play";
     return QString();
 }
 
-QString Phone::connectAsUsual(const QStringList &words)
+void Phone::connect()
 {
-    if (isBonded())
-        return connectAudio(words);
-    const QString why = whyUnreachable();
-    if (!why.isEmpty())
-        return why;
-    openLink(true, [this](Device *) {
-        startPairing(
-            [this](Device *) { m_step.start(AudioAfterPairing, [this] { openAudio(false); }); });
-    });
-    return QString();
-}
-
-QString Phone::connectLink(const QStringList &)
-{
-    const QString why = whyUnreachable();
-    if (why.isEmpty())
-        openLink(true, [](Device *) {});
-    return why;
-}
-
-QString Phone::connectAudio(const QStringList &)
-{
-    const QString why = whyNoAudio();
-    if (!why.isEmpty())
-        return why;
-    if (!isBonded()) {
-        openAudioWithOldKey();
-        return QString();
+    if (isBonded()) {
+        connectAudio();
+        return;
     }
-    const bool wasLinked = linkedDevice();
-    // The daemon may hear of the audio connection before it hears of the link.
-    const bool isAnnounced = !m_adapter.audioFirst || !device()->hasAudioSource();
-    openLink(isAnnounced, [this, wasLinked, isAnnounced](Device *linked) {
-        if (wasLinked) {
-            openAudio(false);
-            return;
-        }
-        m_step.start(ChannelSetup, [this, linked, isAnnounced] {
-            openAudio(false);
-            if (!isAnnounced)
-                linked->announceConnected();
+    openLink(true, [this] {
+        startPairing([this] {
+            m_step.start(AudioAfterPairing, [this] { m_device.audio().phoneConnects(false); });
         });
     });
-    return QString();
 }
 
-QString Phone::connectSignalling(const QStringList &)
+void Phone::connectAudio()
 {
-    const QString why = whyNoAudio();
-    if (!why.isEmpty())
-        return why;
-    openLink(true, [this](Device *) { m_step.start(ChannelSetup, [this] { openAudio(true); }); });
-    return QString();
-}
-
-QString Phone::play(const QStringList &)
-{
-    const QString why = whyNoStream();
-    if (!why.isEmpty())
-        return why;
-    if (m_stream == Stream::Playing)
-        return m_handle + " plays already";
-    setStream(Stream::Playing);
-    device()->audio().phoneStarts();
-    return QString();
-}
-
-QString Phone::pause(const QStringList &)
-{
-    if (m_stream != Stream::Playing)
-        return m_handle + " does not play";
-    setStream(Stream::Paused);
-    device()->audio().phoneSuspends();
-    return QString();
-}
-
-QString Phone::close(const QStringList &)
-{
-    const QString why = whyNoStream();
-    if (why.isEmpty())
-        device()->audio().phoneClosesStream();
-    return why;
-}
-
-QString Phone::leave(const QStringList &)
-{
-    const QString why = whyNotLinked();
-    if (!why.isEmpty())
-        return why;
-    // Pause, stream, signalling channel, link: each step only if there is something to end.
-    if (m_stream == Stream::Playing)
-        pause({});
-    if (m_stream == Stream::None) {
-        closeSignallingAndLeave();
-        return QString();
+    if (!isBonded()) {
+        openAudioWithOldKey();
+        return;
     }
-    m_step.start(Reaction, [this] {
-        close({});
-        m_step.start(Reaction, [this] { closeSignallingAndLeave(); });
+    // The daemon may hear of the audio connection before it hears of the link.
+    const bool isAnnounced = !m_adapter.audioFirst || !m_device.hasService(Audio::SourceUuid);
+    const bool isLinked = m_device.isLinkUp();
+    openLink(isAnnounced, [this, isAnnounced, isLinked] {
+        m_step.start(ChannelSetup, [this, isAnnounced, isLinked] {
+            m_device.audio().phoneConnects(false);
+            if (!isAnnounced && !isLinked)
+                m_device.announceConnected();
+        });
     });
-    return QString();
-}
-
-void Phone::closeSignallingAndLeave()
-{
-    const auto dropLink = [this] {
-        if (Device *linked = linkedDevice())
-            linked->dropLink("the phone leaves");
-    };
-    if (!linkedDevice() || !linkedDevice()->audio().isActive()) {
-        dropLink();
-        return;
-    }
-    linkedDevice()->audio().phoneClosesSignalling();
-    m_step.start(Reaction, dropLink);
-}
-
-QString Phone::drop(const QStringList &)
-{
-    const QString why = whyNotLinked();
-    if (why.isEmpty())
-        linkedDevice()->dropLink("the phone drops it");
-    return why;
-}
-
-QString Phone::goOutOfRange(const QStringList &)
-{
-    m_inRange = false;
-    m_step.stop();
-    if (Device *linked = linkedDevice())
-        linked->dropLink("the phone is out of range");
-    return QString();
-}
-
-QString Phone::comeInRange(const QStringList &)
-{
-    m_inRange = true;
-    return QString();
-}
-
-QString Phone::setAnswer(const QStringList &words)
-{
-    m_answer = words.first();
-    return QString();
-}
-
-QString Phone::answerLate(const QStringList &words)
-{
-    bool isNumber = false;
-    const int late = words.at(1).toInt(&isNumber);
-    if (!isNumber || late < 0)
-        return "answer-late MILLISECONDS";
-    m_late = late;
-    return QString();
-}
-
-QString Phone::autoPlay(const QStringList &words)
-{
-    if (words.at(1) != "on" && words.at(1) != "off")
-        return "auto-play on|off";
-    m_autoPlay = words.at(1) == "on";
-    return QString();
-}
-
-QString Phone::forget(const QStringList &)
-{
-    m_key = 0;
-    return QString();
-}
-
-QString Phone::changePin(const QStringList &words)
-{
-    m_traits.pin = words.at(1);
-    return QString();
-}
-
-// ---- how it does that
-
-QString Phone::whyUnreachable() const
-{
-    if (!m_inRange)
-        return m_handle + " is out of range";
-    if (!m_adapter.isReady())
-        return "the unit's radio is not ready";
-    if (!linkedDevice() && !m_adapter.isConnectable())
-        return "the unit is not connectable";
-    return QString();
-}
-
-QString Phone::whyNoAudio() const
-{
-    const QString why = whyUnreachable();
-    if (!why.isEmpty())
-        return why;
-    if (m_stream != Stream::None)
-        return m_handle + " is connected already";
-    return m_key ? QString() : m_handle + " is not paired";
-}
-
-QString Phone::whyNotLinked() const
-{
-    return linkedDevice() ? QString() : m_handle + " is not connected";
-}
-
-QString Phone::whyNoStream() const
-{
-    return m_stream == Stream::None ? m_handle + " has no stream to the unit" : QString();
-}
-
-Device *Phone::device() const
-{
-    return m_adapter.device(address());
-}
-
-Device *Phone::linkedDevice() const
-{
-    Device *known = device();
-    return known && known->isLinkUp() ? known : nullptr;
-}
-
-bool Phone::isBonded() const
-{
-    return m_key && device() && device()->key() == m_key;
-}
-
-void Phone::openLink(bool isAnnounced, const Continuation &then)
-{
-    m_step.stop();
-    if (Device *linked = linkedDevice()) {
-        then(linked);
-        return;
-    }
-    m_step.start(LinkSetup, [this, isAnnounced, then] {
-        const QString why = whyUnreachable();
-        if (!why.isEmpty()) {
-            note("no-link", why);
-            return;
-        }
-        Device *known = m_adapter.deviceFor(*this);
-        if (!known->isLinkUp())
-            known->linkUp(isAnnounced);
-        then(known);
-    });
-}
-
-void Phone::startPairing(const Continuation &then)
-{
-    Device *linked = linkedDevice();
-    if (linked->isPairing())
-        return;
-    m_afterPairing = then;
-    linked->startPairing();
-}
-
-void Phone::openAudio(bool quiet)
-{
-    if (Device *linked = linkedDevice())
-        linked->audio().phoneConnects(quiet);
 }
 
 void Phone::openAudioWithOldKey()
@@ -387,30 +209,82 @@ void Phone::openAudioWithOldKey()
     // key that the unit lacks, so the unit asks its agent for a PIN.
     if (m_adapter.backend == Adapter::Backend::Management) {
         // The channel is refused meanwhile, and the link is not announced before it has a key.
-        openLink(false, [this](Device *linked) {
+        openLink(false, [this] {
             startPairing(nullptr);
-            linked->addService(Audio::AdvancedUuid);
+            m_device.addService(Audio::AdvancedUuid);
             note("refused", "the unit has forgotten the bond");
         });
         return;
     }
     // Raw HCI: the channel is let through, and the unit takes the old bond for valid at first.
-    openLink(true, [this](Device *linked) {
-        openAudio(false);
-        linked->announcePaired();
+    openLink(true, [this] {
+        m_device.audio().phoneConnects(false);
+        m_device.announcePaired();
     });
 }
 
-void Phone::setStream(Stream stream, const QString &why)
+void Phone::openLink(bool isAnnounced, const Timer::Action &then)
 {
-    const bool wasOpen = m_stream != Stream::None;
-    m_stream = stream;
-    note(stream == Stream::None          ? "stream-closed"
-             : stream == Stream::Playing ? "playing"
-             : wasOpen                   ? "paused"
-                                         : "stream-open",
-         why);
-    emit streamChanged(stream != Stream::None, stream == Stream::Playing);
+    m_step.stop();
+    if (m_device.isLinkUp()) {
+        then();
+        return;
+    }
+    m_step.start(LinkSetup, [this, isAnnounced, then] {
+        const QString refusal = whyNot(Needs::Unit);
+        if (!refusal.isEmpty()) {
+            note("no-link", refusal);
+            return;
+        }
+        if (!m_device.isLinkUp())
+            m_device.linkUp(isAnnounced);
+        then();
+    });
+}
+
+void Phone::startPairing(const Timer::Action &then)
+{
+    m_afterPairing = then;
+    if (!m_device.isPairing())
+        m_device.startPairing();
+}
+
+void Phone::play()
+{
+    setStream(Stream::Playing, "playing");
+    m_device.audio().phoneStarts();
+}
+
+void Phone::pause()
+{
+    setStream(Stream::Paused, "paused");
+    m_device.audio().phoneSuspends();
+}
+
+void Phone::leave()
+{
+    // Pause, stream, signalling channel, link: each step only if there is something to end.
+    if (m_stream == Stream::Playing)
+        pause();
+    if (m_stream == Stream::None) {
+        closeSignallingAndLeave();
+        return;
+    }
+    m_step.start(Reaction, [this] {
+        m_device.audio().closeStream();
+        m_step.start(Reaction, [this] { closeSignallingAndLeave(); });
+    });
+}
+
+void Phone::closeSignallingAndLeave()
+{
+    const auto dropLink = [this] { m_device.dropLink("the phone leaves"); };
+    if (!m_device.audio().isActive()) {
+        dropLink();
+        return;
+    }
+    m_device.audio().hangUp();
+    m_step.start(Reaction, dropLink);
 }
 
 // ---- what the unit finds and does
@@ -427,13 +301,13 @@ int Phone::makeKey()
     return m_key;
 }
 
-void Phone::pairingFinished(const QString &whyNot)
+void Phone::pairingFinished(const QString &whyNotPaired)
 {
-    const Continuation then = m_afterPairing;
+    const Timer::Action then = m_afterPairing;
     m_afterPairing = nullptr;
-    note(whyNot.isEmpty() ? "paired" : "not-paired", whyNot);
-    if (whyNot.isEmpty() && then)
-        then(linkedDevice());
+    note(whyNotPaired.isEmpty() ? "paired" : "not-paired", whyNotPaired);
+    if (whyNotPaired.isEmpty() && then)
+        then();
 }
 
 void Phone::linkWentDown(const QString &why)
@@ -446,36 +320,39 @@ void Phone::linkWentDown(const QString &why)
 
 void Phone::streamOpened()
 {
-    setStream(Stream::Paused);
-    if (!m_autoPlay)
-        return;
-    m_step.start(AutoPlay, [this] {
-        if (m_stream == Stream::Paused)
-            play({});
-    });
+    setStream(Stream::Paused, "stream-open");
+    if (m_autoPlay)
+        m_step.start(AutoPlay, [this] {
+            if (m_stream == Stream::Paused)
+                play();
+        });
 }
 
 void Phone::streamClosed(const QString &why)
 {
     if (m_stream != Stream::None)
-        setStream(Stream::None, why);
+        setStream(Stream::None, "stream-closed", why);
 }
 
 void Phone::suspendedByUnit()
 {
-    setStream(Stream::Paused, "the unit suspends it: nobody takes the stream");
+    setStream(Stream::Paused, "paused", "the unit suspends it: nobody takes the stream");
+}
+
+void Phone::setStream(Stream stream, const char *state, const QString &why)
+{
+    m_stream = stream;
+    note(state, why);
+    emit streamChanged(m_traits.handle, stream == Stream::None ? QString() : m_device.path(),
+                       m_traits.audio, stream == Stream::Playing);
 }
 
 void Phone::note(const QString &state, const QString &why)
 {
     static const QStringList mishaps {"no-link", "not-paired", "refused"};
-    QString line = "* " + m_handle + ' ' + state;
-    if (mishaps.contains(state))
-        line += ": " + why;
-    QJsonObject facts {{"phone", m_handle}, {"state", state}};
+    QJsonObject facts {{"phone", m_traits.handle}, {"state", state}, {"path", m_device.path()}};
     if (!why.isEmpty())
         facts["why"] = why;
-    if (const Device *known = device())
-        facts["path"] = known->path();
-    m_journal.record("phone", "phone", line, facts);
+    const QString line = "* " + m_traits.handle + ' ' + state;
+    m_journal.record("phone", "phone", mishaps.contains(state) ? line + ": " + why : line, facts);
 }

@@ -1,14 +1,11 @@
 #ifndef PHONE_H
 #define PHONE_H
 
+#include "Device.h"
 #include "Timer.h"
 
 #include <QStringList>
 
-#include <optional>
-
-class Adapter;
-class Device;
 class Journal;
 
 /**
@@ -22,35 +19,31 @@ class Phone : public QObject
     Q_OBJECT
 
 public:
-    /// How it is made: \p audio is the file that it plays.
+    /// As it is made.
     struct Traits
     {
+        QString handle; ///< for people here
         QString address;
         QString name; ///< what it shows to others
         QString pin;
-        QString audio;
+        QString audio; ///< the file that it plays
     };
 
-    Phone(Adapter &adapter, Journal &journal, const QString &handle, const Traits &traits,
-          QObject *parent);
+    Phone(Adapter &adapter, Journal &journal, const Traits &traits, QObject *parent);
 
-    /// What a person can do with it, and a line on each.
+    /// What a person can do with it.
     static QStringList verbs();
+    /// A line on each of them.
     static QString help();
-    /// Does \p words, a verb with its arguments. Returns why not; empty when it has begun to.
+    /// Does \p words, a verb with its argument. Returns why not; empty when it has begun to.
     QString act(const QStringList &words);
+    /// A line for people.
+    QString describe() const;
 
-    QString handle() const { return m_handle; }
     QString address() const { return m_traits.address; }
     QString bluetoothName() const { return m_traits.name; }
     QString pin() const { return m_traits.pin; }
-    QString audio() const { return m_traits.audio; }
-    /// Its device in the daemon; null when there is none.
-    Device *device() const;
-    /// A line for people.
-    QString describe() const;
-    /// The unit has read its name, and keeps it even without the device.
-    bool nameKnown = false;
+    Device &device() { return m_device; }
 
     /// \name What the unit finds
     /// @{
@@ -77,58 +70,43 @@ public:
     /// @}
 
 signals:
-    void streamChanged(bool isOpen, bool playing);
+    /// As BlueZ::phonePlays().
+    void streamChanged(const QString &handle, const QString &devicePath, const QString &audioFile,
+                       bool playing);
 
 private:
     enum class Stream { None, Paused, Playing };
+    /// What must be so before a person can do something.
+    enum class Needs { Nothing, Unit, NoBond, Audio, Link, Open, Paused, Playing };
     struct Verb;
-    using Continuation = std::function<void(Device *)>;
 
-    QString pair(const QStringList &);
-    QString connectAsUsual(const QStringList &);
-    QString connectLink(const QStringList &);
-    QString connectAudio(const QStringList &);
-    QString connectSignalling(const QStringList &);
-    QString play(const QStringList &);
-    QString pause(const QStringList &);
-    QString close(const QStringList &);
-    QString leave(const QStringList &);
-    QString drop(const QStringList &);
-    QString goOutOfRange(const QStringList &);
-    QString comeInRange(const QStringList &);
-    QString setAnswer(const QStringList &words);
-    QString answerLate(const QStringList &words);
-    QString autoPlay(const QStringList &words);
-    QString forget(const QStringList &);
-    QString changePin(const QStringList &words);
-
-    QString whyUnreachable() const;
-    QString whyNoAudio() const;
-    QString whyNotLinked() const;
-    QString whyNoStream() const;
-    Device *linkedDevice() const;
-    bool isBonded() const;
-    void openLink(bool isAnnounced, const Continuation &then);
-    void startPairing(const Continuation &then);
-    void openAudio(bool quiet);
+    QString whyNot(Needs needs) const;
+    bool isBonded() const { return m_key && m_device.key() == m_key; }
+    void connect();
+    void connectAudio();
     void openAudioWithOldKey();
+    void openLink(bool isAnnounced, const Timer::Action &then);
+    void startPairing(const Timer::Action &then);
+    void play();
+    void pause();
+    void leave();
     void closeSignallingAndLeave();
-    void setStream(Stream stream, const QString &why = QString());
+    void setStream(Stream stream, const char *state, const QString &why = QString());
+
+    static const QVector<Verb> Verbs;
 
     Adapter &m_adapter;
     Journal &m_journal;
-    QString m_handle;
     Traits m_traits;
+    Device m_device;
     int m_key = 0; ///< of the bond with the unit; 0 when it knows of none
     bool m_inRange = true;
     bool m_autoPlay = false;
     QString m_answer {"accept"};
     int m_late = 0;
     Stream m_stream = Stream::None;
-    Continuation m_afterPairing;
+    Timer::Action m_afterPairing;
     Timer m_step; ///< between the steps of what a person wants
-
-    static const QVector<Verb> Verbs;
 };
 
 #endif
