@@ -3,6 +3,7 @@
 // What happened in a run, by its journal. Nothing here touches the page.
 
 const DAEMONS = ["bluetoothd", "agent", "pulseaudio", "service"];
+const AGENT_CALLS = ["DefaultAdapter", "RegisterAgent", "UnregisterAgent"];
 const GIVE_UP = /^[12] .*(so disconnect( device)?$|not possible to restart|service timeout)/;
 const REFUSED_PHONE = /^4 (disconnect device because there is another|.* not for me, disconnect)/;
 const SIGTERM = 15;
@@ -16,8 +17,10 @@ const TROUBLES = new Map([
 
 /** A key of TROUBLES; null for most entries. */
 function troubleOf({kind, lane, line, program, signal, status}) {
-    // Daemons are asked to end by SIGTERM; the shell's commands may fail.
-    if (kind === "end" && (DAEMONS.includes(program) && status || (signal ?? SIGTERM) !== SIGTERM))
+    // Daemons are asked to end by SIGTERM. Commands may fail, and so may agents: one that finds no
+    // adapter yet ends, and is started again.
+    const mayFail = !DAEMONS.includes(program) || program === "agent";
+    if (kind === "end" && (status && !mayFail || (signal ?? SIGTERM) !== SIGTERM))
         return "crash";
     if (lane === "control")
         return /^- (error|note road failed)/.test(line) ? "failure" : null;
@@ -57,9 +60,15 @@ class Phone {
         this.at = null; // what it is at by its own word
         this.reached = new Set(); // all that it was ever at
         this.isLinked = false; // the loopback to its source is in place
-        this.wasLinked = false;
-        this.wasRefused = false;
-        this.waits = {"for PulseAudio": 0, "for its source": 0};
+        this.awaited = ""; // what the service waits for, and how many times in vain
+        this.waits = 0;
+        this.why = ""; // it does not play
+    }
+
+    wait(awaited) {
+        this.waits = awaited === this.awaited ? this.waits + 1 : 1;
+        this.awaited = awaited;
+        this.why = `${awaited} ${this.waits === 1 ? "once" : `${this.waits} times`}`;
     }
 
     /** Only what can be heard plays. */
@@ -82,8 +91,10 @@ class Run {
         this.lastPhone = null; // the last one to get a link or a stream
         this.running = new Map();
         this.calls = new Map();
-        this.agents = new Set(entries.filter(({kind, member}) => kind === "call"
-            && member === "RegisterAgent").map(({sender}) => sender));
+        // Agents call nothing else; nobody tells whose a sender's name was.
+        this.noAgents = new Set(entries.filter(
+            one => one.kind === "call" && /^org\.bluez\./.test(one.interface)
+                && !AGENT_CALLS.includes(one.member)).map(({sender}) => sender));
         entries.forEach((entry, number) => this.read(entry, number));
         for (const bar of this.running.values())
             bar.end = this.end;
@@ -135,7 +146,8 @@ class Run {
     linkSound(isLinked, time, number) {
         for (const phone of this.phones.values()) {
             phone.isLinked = isLinked && phone === this.lastPhone;
-            phone.wasLinked ||= phone.isLinked;
+            if (phone.isLinked)
+                phone.why = "all was ready, but it did not start";
             phone.show(time, number);
         }
     }
@@ -150,18 +162,23 @@ class Run {
             this.stack.enter("on", time, number);
         else if (message === "forceSyncDown")
             this.stack.enter("off", time, number);
-        else if (!phone)
-            return;
-        else if (message.startsWith("wait pulseaudio ..."))
-            ++phone.waits["for PulseAudio"];
-        else if (message.startsWith("wait pulseaudio bluetooth module ready"))
-            ++phone.waits["for its source"];
-        else if (REFUSED_PHONE.test(line))
-            phone.wasRefused = true;
-        else if (message === "error starting pulseaudio, so disconnect") {
-            ++phone.waits[phone.waits["for its source"] > 0 ? "for its source" : "for PulseAudio"];
+        else if (phone)
+            this.readPhoneLog(phone, line, time, number);
+    }
+
+    readPhoneLog(phone, line, time, number) {
+        if (line.startsWith("4 wait pulseaudio bluetooth")) {
+            phone.wait("the loopback to its source was refused");
+        } else if (line.startsWith("4 wait pulseaudio")) {
+            phone.wait("PulseAudio did not answer");
+        } else if (line === "1 error starting pulseaudio, so disconnect") {
+            phone.wait(phone.awaited);
             phone.at = "given-up";
             phone.show(time, number);
+        } else if (/^2 connectAudioSource .* error/.test(line)) {
+            phone.why = "the service could not connect to its audio";
+        } else if (REFUSED_PHONE.test(line)) {
+            phone.why = "another phone was connected";
         }
     }
 
@@ -215,7 +232,7 @@ class Run {
             return {from: "product", to: "service"};
         if (kind === "signal")
             return {from: "bluetoothd", to: "service"};
-        return {from: this.agents.has(sender) ? "agent" : "service", to: "bluetoothd"};
+        return {from: this.noAgents.has(sender) ? "service" : "agent", to: "bluetoothd"};
     }
 }
 
@@ -267,22 +284,11 @@ function isHeard(sound, start, end) {
     return sound.peaks.slice(bucketOf(start), bucketOf(end + 2)).some(peak => peak > 0);
 }
 
-function whyNot({reached, wasLinked, wasRefused, waits}) {
-    const times = count => count === 1 ? "once" : `${count} times`;
+function whyNot({reached, why}) {
     if (!reached.has("link-up"))
         return "never got a link";
-    if (wasLinked)
-        return "connected but never played: all was ready, but it did not start";
-    if (waits["for its source"] > 0)
-        return `connected but never played: the loopback to its source was refused `
-            + times(waits["for its source"]);
-    if (waits["for PulseAudio"] > 0)
-        return "connected but never played: PulseAudio did not answer "
-            + times(waits["for PulseAudio"]);
-    if (wasRefused)
-        return "was sent away";
-    return "connected but never played: " + (reached.has("stream-open")
-        ? "no loopback was asked for" : "it never opened a stream");
+    return "connected but never played: " + (why || (reached.has("stream-open")
+        ? "no loopback was asked for" : "it never opened a stream"));
 }
 
 function crashClause({program, signal, status, time}, run) {

@@ -121,10 +121,11 @@ class Timeline(unittest.TestCase):
     def test_daemon_that_is_killed(self):
         page = self.page(PLAY + "5.0 . bluetoothd ended by signal 9\n5.0 2 bluezDown down 9 crash\n"
                          "5.0 4 forceSyncDown\n6.0 & bluetoothd -n\n"
-                         "6.5 4 agent started and wait registration" + STOP)
+                         "6.5 4 agent started and wait registration\n"
+                         "7.0 - error: there is no phone" + STOP)
         self.check(page, "The phone anna played from 2.2 s to 4.2 s; bluetoothd was killed at "
                    "5.0 s; the stack was back after 1.5 s; the service ended with status 0.",
-                   ["1 crash", "2 warnings"])
+                   ["1 crash", "2 warnings", "1 failure"])
 
     def test_sound_that_comes_too_late(self):
         page = self.page(PLAY + STOP, sound=SILENCE * 5 + SOUND)
