@@ -37,17 +37,16 @@ private:
     void prepareForShutdown();
     void prepareForShutdown(const QString &kind);
     void takeInhibitor();
-    void releaseInhibitor();
 
     UlmoFeatureBase *const m_feature;
     const QString m_objectPath;
     QDBusConnection m_bus;
-    NameOwner *m_loginManager;
+    NameOwner *m_loginManager = nullptr;
     /** While it is open the login manager delays sleep and shutdown, for some seconds at most. */
     QDBusUnixFileDescriptor m_inhibitor;
-    bool m_inhibitorAsked;
-    bool m_sleeping;
-    Shutdown m_shutdown;
+    bool m_inhibitorAsked = false;
+    bool m_sleeping = false;
+    Shutdown m_shutdown = NoShutdown;
 };
 
 #endif

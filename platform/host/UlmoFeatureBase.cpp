@@ -17,9 +17,6 @@ bool UlmoFeatureBase::isInitialized() const
 }
 
 void UlmoFeatureBase::ulmoPowerOnReboot(const QString &) { }
-
 void UlmoFeatureBase::ulmoPowerOnShutdown(const QString &) { }
-
 void UlmoFeatureBase::ulmoPowerOnSuspend(const QString &) { }
-
 void UlmoFeatureBase::ulmoSupOnShutdown() { }

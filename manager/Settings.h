@@ -1,0 +1,35 @@
+// What is derived from the settings in the product's configuration store.
+#ifndef SETTINGS_H
+#define SETTINGS_H
+
+#include <QtCore/QString>
+
+class Configuration;
+
+const char DefaultPid[] = "7351";
+
+/** Whether the text can be a pairing PIN: four decimal digits, of any script. */
+bool isValidPid(const QString &pid);
+
+namespace Settings {
+
+/** Section of what the service writes as well. */
+const char Bluetooth[] = "BLUETOOTH";
+
+int readInteger(Configuration &configuration, const char *key, int defaultValue);
+
+/** The pairing PIN as it is stored, valid or not. */
+QString readPid(Configuration &configuration);
+
+/** Secure Simple Pairing, 0 or 1: only the default PIN lets the store choose, others need none. */
+int readLegacyMode(Configuration &configuration, const QString &pid);
+
+/** The Bluetooth name of the product: its nickname, or one with its serial number. */
+QString readBluetoothName(Configuration &configuration);
+
+/** The name with blanks as underscores, and nothing else but ASCII letters, digits, underscores. */
+QString bluetoothName(const QString &name);
+
+} // namespace Settings
+
+#endif
