@@ -9,7 +9,8 @@
 class Faults
 {
 public:
-    /// How a target behaves for once: "exit" with value 3, "never", ...; empty when nothing is wrong.
+    /// How a target behaves for once: "exit" with value 3, "never", ...; empty when nothing is
+    /// wrong.
     struct Behaviour
     {
         QString name;
@@ -28,11 +29,26 @@ public:
     QString clear(const QString &target);
     /// The behaviour of \p target for this once; its counts move on. \p arguments may narrow it.
     Behaviour next(const QString &target, const QString &arguments = QString());
-    /// The same without moving the counts, for what holds until cleared ("missing", "absent").
-    Behaviour standing(const QString &target) const;
+    /**
+     * What holds until it is cleared: "missing" of a program, "absent" of the sound manager,
+     * "name-delay", "no-name", "adapter-delay" and "no-adapter" of bluetoothd. next() never gives
+     * these.
+     */
+    Behaviour standing(const QString &target, const QString &name) const;
+    /// The behaviours that \p target has, as people write them; empty when there is no such target.
+    static QStringList behavioursOf(const QString &target);
+    /// Everything that can be told to go wrong, but for the methods of BlueZ.
+    static QStringList targets();
 
 private:
-    struct Fault;
+    struct Fault
+    {
+        QString target;
+        QString argument; ///< what the arguments of a program must contain
+        Behaviour behaviour;
+        int after = 0; ///< matching times that still go well
+        int times = -1; ///< matching times that then go wrong; negative: all
+    };
     QVector<Fault> m_faults;
 };
 

@@ -18,8 +18,10 @@ class Journal : public QObject
 public:
     explicit Journal(const QString &fileName, QObject *parent = nullptr);
 
-    bool isOpen() const;
-    /// Writes an entry of \p lane ("bluez", ...) and \p kind ("signal", ...), stamped with the time.
+    /// Why it cannot be written; empty while all is well.
+    QString error() const;
+    /// Writes an entry of \p lane ("bluez", ...) and \p kind ("signal", ...), stamped with the
+    /// time.
     void record(const char *lane, const char *kind, const QString &line,
                 const QJsonObject &facts = {});
     /// Everything written so far, one entry per line.

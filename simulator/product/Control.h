@@ -1,0 +1,64 @@
+#ifndef CONTROL_H
+#define CONTROL_H
+
+#include <QJsonArray>
+#include <QMap>
+#include <QObject>
+#include <QStringList>
+
+#include <functional>
+
+class Product;
+
+/// What the product can be told, by people at the prompt and by tests alike: lines of words.
+class Control : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// The outcome of a line.
+    struct Answer
+    {
+        bool ok;
+        QString text; ///< what there is to say, or what is wrong
+        QJsonArray values; ///< what a D-Bus call returned
+    };
+    /// Takes the answer; called once, now or later.
+    using Done = std::function<void(const Answer &)>;
+
+    explicit Control(Product &product, QObject *parent = nullptr);
+
+    /// Carries out \p line, which then stands in the journal.
+    void tell(const QString &line, const Done &done);
+    /// What the last word of the unfinished \p line may become.
+    QStringList complete(const QString &line) const;
+
+private:
+    using Command = void (Control::*)(const QStringList &words, const Done &done);
+
+    // The service, over D-Bus and as a process.
+    void status(const QStringList &words, const Done &done);
+    void setEnabled(const QStringList &words, const Done &done);
+    void callShort(const QStringList &words, const Done &done);
+    void call(const QStringList &words, const Done &done);
+    void service(const QStringList &words, const Done &done);
+    // Phones, programs and their faults.
+    void bluez(const QStringList &words, const Done &done);
+    void killProgram(const QStringList &words, const Done &done);
+    void fault(const QStringList &words, const Done &done);
+    void timescale(const QStringList &words, const Done &done);
+    // The rest of the product.
+    void spoof(const QStringList &words, const Done &done);
+    void platform(const QStringList &words, const Done &done);
+    void bus(const QStringList &words, const Done &done);
+    void journal(const QStringList &words, const Done &done);
+    void help(const QStringList &words, const Done &done);
+    void quit(const QStringList &words, const Done &done);
+
+    void callService(const QString &method, const QVariantList &arguments, const Done &done);
+
+    Product &m_product;
+    const QMap<QString, Command> m_commands;
+};
+
+#endif
