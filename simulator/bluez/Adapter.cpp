@@ -14,9 +14,6 @@ namespace {
 const QString Address = QStringLiteral("00:AA:01:00:00:00");
 const uint AudioClass = 0x4c0100;
 const int AgentLimit = 60000; ///< milliseconds of product time
-const QStringList Capabilities {
-    "", "DisplayOnly", "DisplayYesNo", "KeyboardOnly", "NoInputNoOutput", "KeyboardDisplay"};
-
 QVariant objectPath(const QString &path)
 {
     return QVariant::fromValue(QDBusObjectPath(path));
@@ -85,16 +82,13 @@ void Adapter::handle(const Call &call)
 void Adapter::handleManager(const Call &call)
 {
     const QString method = call.method();
-    const QString wanted = call.argument(0).toString();
-    const bool isMeant =
-        method == "Manager.DefaultAdapter()" || wanted == "hci0" || wanted == Address;
     if (method == "Manager.ListAdapters()")
         call.reply({adapterPaths()});
     else if (method == "Manager.GetProperties()")
         call.reply({QVariantMap {{"Adapters", adapterPaths()}}});
-    else if (method != "Manager.DefaultAdapter()" && method != "Manager.FindAdapter(s)")
+    else if (method != "Manager.DefaultAdapter()")
         call.failUnknown(true);
-    else if (isReady() && isMeant)
+    else if (isReady())
         call.reply({objectPath(m_path)});
     else
         call.fail("NoSuchAdapter", "No such adapter");
@@ -153,8 +147,6 @@ void Adapter::registerAgent(const Call &call)
 {
     if (m_agent) {
         call.fail("AlreadyExists");
-    } else if (!Capabilities.contains(call.argument(1).toString())) {
-        call.fail("InvalidArguments", "Invalid arguments in method call");
     } else {
         m_agentPath = call.argument(0).toString();
         m_agent = std::make_unique<QDBusServiceWatcher>(

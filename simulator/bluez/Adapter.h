@@ -36,8 +36,8 @@ public:
     /// A local client takes every stream, so that it is not suspended for want of one.
     bool streamTaken = false;
 
-    /// \name The daemon
-    /// @{
+    // The daemon.
+
     /// The adapter is there, under a path with the daemon's process id, and says so on \p bus.
     void appear(Bus *bus, qint64 pid, const QString &name);
     /// The daemon has gone, with its connection to the bus.
@@ -50,11 +50,9 @@ public:
     void emitSignal(const QString &path, const QString &member, const QVariantList &arguments = {});
     void emitChanged(const QString &path, const QString &interface, const QString &property,
                      const QVariant &value);
-    /// @}
 
-    /// \name The agent
-    /// @{
-    bool hasAgent() const { return bool(m_agent); }
+    // The agent.
+
     /// Calls the agent for \p device with \p more arguments. It is asked one thing at a time, and
     /// refuses whatever else comes meanwhile.
     void askAgent(Device *device, const QString &member, const QVariantList &more,
@@ -62,27 +60,24 @@ public:
     /// What was asked for \p device is void: the agent gets Cancel, nobody an answer.
     void cancelQuestion(const Device *device);
     void releaseAgent();
-    /// @}
 
-    /// \name The radio
-    /// @{
+    // The radio.
+
     /// \p arguments as "hci0 piscan".
     void hciconfig(const QStringList &arguments);
     bool isPowered() const { return m_powered; }
     bool isConnectable() const { return m_powered && m_pairable; }
     /// Pairs without the agent.
     bool hasSimplePairing() const { return m_simplePairing; }
-    /// @}
 
-    /// \name Devices
-    /// @{
+    // Devices.
+
     /// Has \p device, which is new, on the bus; announced unless it is known from before.
     void add(Device *device, bool isAnnounced);
     void remove(Device *device);
     /// The only sink: false while another device has it.
     bool takeSink(const Device *device);
     void releaseSink(const Device *device);
-    /// @}
 
 private:
     void handleManager(const Call &call);

@@ -21,28 +21,14 @@ Agent::Agent(const QString &systemBusAddress, Faults &faults, const Clock &clock
           nullptr)
     , m_sleep(clock, this)
 {
-    if (readArguments(arguments))
-        start();
-    else
-        m_sleep.start(0, [this] { emit exited(1); });
-}
-
-bool Agent::readArguments(const QStringList &arguments)
-{
-    for (int i = 0; i + 1 < arguments.size(); i += 2) {
-        const QString value = arguments.at(i + 1);
-        // The last one is spelled as the board's program spells it.
-        if (arguments.at(i) == "--path")
-            m_path = value;
-        else if (arguments.at(i) == "--delay")
-            m_delay = value.toInt();
-        else if (arguments.at(i) == "--capabilites")
-            m_capability = value;
-        else
-            return false;
-    }
+    const auto option = [&arguments](const QString &name) {
+        return arguments.value(arguments.indexOf(name) + 1);
+    };
+    m_path = option("--path");
+    m_delay = option("--delay").toInt();
+    m_capability = option("--capabilites"); // as the board's program spells it
     m_pin = arguments.value(arguments.size() - 1);
-    return arguments.size() % 2 == 1 && m_path.startsWith('/');
+    start();
 }
 
 void Agent::start()

@@ -24,7 +24,6 @@ signals:
 private:
     using Answered = std::function<void(const QDBusMessage &reply)>;
 
-    bool readArguments(const QStringList &arguments);
     void start();
     /// Calls \p member of BlueZ; \p answered gets the reply or error.
     void callDaemon(const QString &path, const QString &member, const QVariantList &arguments,

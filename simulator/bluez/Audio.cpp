@@ -9,6 +9,7 @@ namespace {
 const int ChannelSetup = 20;
 const int Answer = 15; ///< one answer of a phone
 const int AnswerLimit = 6000;
+const int Questions = 4; ///< discovery, capabilities, configuration, opening
 const int PhoneSetup = 60; ///< from a phone's signalling channel to its configuration
 const int SessionIdle = 1000; ///< signalling channel without users
 const int UnusedStream = 20000; ///< stream opened by the phone and never started
@@ -75,7 +76,7 @@ void Audio::connectCalled(const Call &call)
     m_hasDeadSession = false;
     m_connect = call;
     if (m_phase == Phase::Waiting)
-        configure(Discover);
+        configure(Questions);
     if (m_phase != Phase::Idle)
         return; // joins what is being set up
     m_phase = Phase::Connecting;
@@ -123,31 +124,29 @@ void Audio::openSignalling()
 {
     m_next.start(ChannelSetup, [this] {
         // Failures before the signalling channel is usable are signalled twice.
-        if (m_device.phone().refusesAudio(m_device.key()))
+        if (m_device.phone().refusesAudio())
             end(2);
         else
-            configure(Discover);
+            configure(Questions);
     });
 }
 
-void Audio::configure(int question)
+void Audio::configure(int questions)
 {
     m_phase = Phase::Configuring;
-    ask([this, question] {
-        if (question == SetConfiguration) {
-            const bool isAccepted =
-                !m_device.phone().rejectsConfiguration() && m_device.adapter().takeSink(&m_device);
-            if (!isAccepted) {
-                failConnect();
-                closeStream();
-                return;
-            }
-            m_device.addService(SourceUuid);
-        }
-        if (question == OpenStream)
+    ask([this, questions] {
+        if (questions == 1) {
             opened(false);
-        else
-            configure(question + 1);
+        } else if (questions != 2) {
+            configure(questions - 1);
+        } else if (!m_device.phone().rejectsConfiguration()
+                   && m_device.adapter().takeSink(&m_device)) {
+            m_device.addService(SourceUuid);
+            configure(1);
+        } else {
+            failConnect();
+            closeStream();
+        }
     });
 }
 
@@ -197,7 +196,7 @@ void Audio::authorised(bool quiet)
         m_device.startPairing();
     // Over signalling alone the daemon takes over and configures the stream itself.
     if (quiet) {
-        wait([this] { configure(Discover); });
+        wait([this] { configure(Questions); });
         return;
     }
     m_phase = Phase::Configuring;

@@ -24,8 +24,8 @@ public:
     /// Answers a call to the object; false when there is no such method.
     bool handle(const Call &call);
 
-    /// \name What the phone does, over a link that is up
-    /// @{
+    // What the phone does, over a link that is up.
+
     /// Opens the signalling channel and, unless \p quiet, a stream.
     void phoneConnects(bool quiet);
     void phoneStarts();
@@ -34,7 +34,6 @@ public:
     void closeStream(const QString &why = QString());
     /// The signalling channel is closed.
     void hangUp() { end(1); }
-    /// @}
 
     /// A stream may have waited for the bond.
     void pairingFinished();
@@ -55,14 +54,14 @@ private:
         Playing,
         Dying ///< its link has gone
     };
-    enum Question { Discover, GetCapabilities, SetConfiguration, OpenStream };
 
     bool isOpen() const { return m_phase == Phase::Open || m_phase == Phase::Playing; }
     void connectCalled(const Call &call);
     void disconnectCalled(const Call &call);
     void failConnect();
     void openSignalling();
-    void configure(int question);
+    /// The unit asks the next of its \p questions and those that follow.
+    void configure(int questions);
     /// Has \p answered done when the phone answers, or gives the connection up.
     void ask(const Timer::Action &answered);
     void authorised(bool quiet);

@@ -149,7 +149,7 @@ QString BlueZ::addPhone(const QStringList &words)
     m_phones.insert(name, phone);
     connect(phone, &Phone::streamChanged, this, &BlueZ::phonePlays);
     if (words.contains("known") || words.contains("trusted"))
-        phone->device().setKnown(words.contains("trusted"));
+        phone->device.setKnown(words.contains("trusted"));
     return QString();
 }
 
@@ -184,7 +184,7 @@ QString BlueZ::setBackend(const QStringList &words)
 QString BlueZ::nameOf(const QString &address) const
 {
     for (auto phone = m_phones.begin(); phone != m_phones.end(); ++phone) {
-        if (phone.value()->address() == address)
+        if (phone.value()->traits.address == address)
             return phone.key();
     }
     return QString();

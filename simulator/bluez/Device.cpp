@@ -15,7 +15,6 @@ const int PageTimeout = 5120;
 /// From Paired to the daemon's own service search: after an unused link has been dropped.
 const int SearchDelay = 2200;
 const int SearchTime = 50;
-const int Answer = 15; ///< one answer of a phone
 const int LongestPin = 16;
 const uint SmartPhone = 524;
 
@@ -23,12 +22,13 @@ const uint SmartPhone = 524;
 
 QString Device::path() const
 {
-    return m_adapter.path() + "/dev_" + m_phone.address().replace(':', '_');
+    return m_adapter.path() + "/dev_" + QString(m_phone.traits.address).replace(':', '_');
 }
 
 void Device::setKnown(bool trusted)
 {
-    m_key = m_phone.makeKey();
+    m_bonded = true;
+    m_phone.isBonded = true;
     m_paired = true;
     m_trusted = trusted;
     m_nameKnown = true;
@@ -41,11 +41,11 @@ void Device::handle(const Call &call)
 {
     const QString method = call.method();
     if (method == "Device.GetProperties()") {
-        const QString name =
-            m_nameKnown ? m_phone.bluetoothName() : m_phone.address().replace(':', '-');
+        const QString name = m_nameKnown ? m_phone.traits.name : QString();
+        const QString address = m_phone.traits.address;
         QVariantMap properties {
-            {"Address", m_phone.address()},
-            {"Alias", name},
+            {"Address", address},
+            {"Alias", m_nameKnown ? name : QString(address).replace(':', '-')},
             {"Class", SmartPhone},
             {"Icon", "phone"},
             {"Paired", m_paired},
@@ -100,9 +100,9 @@ void Device::linkUp(bool isAnnounced)
     m_phone.note("link-up");
     if (isAnnounced)
         announceConnected();
+    m_link.stop();
     linkUsersChanged();
-    if (m_paging.isActive())
-        finishPage(true);
+    finishPage();
 }
 
 void Device::announceConnected()
@@ -111,30 +111,30 @@ void Device::announceConnected()
     changed("Connected", true);
     if (!m_nameKnown) {
         m_nameKnown = true;
-        changed("Name", m_phone.bluetoothName());
-        changed("Alias", m_phone.bluetoothName());
+        changed("Name", m_phone.traits.name);
+        changed("Alias", m_phone.traits.name);
     }
 }
 
 void Device::page(const std::function<void(bool)> &done)
 {
     m_pageWaiters.append(done);
-    if (m_paging.isActive())
+    if (m_link.isActive())
         return;
-    m_paging.start(m_phone.isInRange() ? LinkSetup : PageTimeout, [this] {
-        if (m_phone.isInRange() && m_adapter.isPowered())
+    m_link.start(m_phone.isInRange ? LinkSetup : PageTimeout, [this] {
+        if (m_phone.isInRange && m_adapter.isPowered())
             linkUp(true);
-        finishPage(m_linkUp);
+        else
+            finishPage();
     });
 }
 
-void Device::finishPage(bool up)
+void Device::finishPage()
 {
-    m_paging.stop();
     const auto waiters = m_pageWaiters;
     m_pageWaiters.clear();
     for (const auto &waiter : waiters)
-        waiter(up);
+        waiter(m_linkUp);
 }
 
 void Device::dropLink(const QString &why)
@@ -144,8 +144,8 @@ void Device::dropLink(const QString &why)
     m_linkUp = false;
     m_isPairing = false;
     m_phone.linkWentDown(why);
-    for (Timer *timer : {&m_idle, &m_disconnect, &m_pairing})
-        timer->stop();
+    m_link.stop();
+    m_disconnect.stop();
     m_adapter.cancelQuestion(this);
     if (m_search == Search::Browsing)
         m_search = Search::None;
@@ -172,10 +172,12 @@ void Device::dropLink(const QString &why)
 
 void Device::linkUsersChanged()
 {
-    if (!m_linkUp || m_isPairing || m_audio.isActive() || m_search == Search::Browsing)
-        m_idle.stop();
-    else if (!m_idle.isActive())
-        m_idle.start(LinkIdle, [this] { dropLink("nobody uses the link"); });
+    if (!m_linkUp)
+        return;
+    if (m_isPairing || m_audio.isActive() || m_search == Search::Browsing)
+        m_link.stop();
+    else if (!m_link.isActive())
+        m_link.start(LinkIdle, [this] { dropLink("nobody uses the link"); });
 }
 
 void Device::disconnectCalled(const Call &call)
@@ -214,7 +216,7 @@ void Device::removeOn(const Call &call)
 
 void Device::remove()
 {
-    m_key = 0;
+    m_bonded = false;
     m_adapter.remove(this);
     retire();
 }
@@ -224,8 +226,9 @@ void Device::retire()
     if (m_linkUp)
         m_phone.linkWentDown("the unit ends the link");
     m_audio.retire();
-    for (Timer *timer : {&m_disconnect, &m_idle, &m_paging, &m_pairing, &m_searching})
-        timer->stop();
+    m_disconnect.stop();
+    m_link.stop();
+    m_searching.stop();
     m_pageWaiters.clear();
     m_disconnectCalls.clear();
     m_removal.reset();
@@ -249,18 +252,14 @@ void Device::startPairing()
     m_isPairing = true;
     linkUsersChanged();
     if (m_adapter.hasSimplePairing()) {
-        m_pairing.start(Answer, [this] { finishPairing(QString()); });
-    } else if (!m_adapter.hasAgent()) {
-        finishPairing("the unit has no agent");
-    } else {
-        m_adapter.askAgent(this, "RequestPinCode", {}, [this](bool agreed, const QString &pin) {
-            const bool isPin = agreed && !pin.isEmpty() && pin.size() <= LongestPin;
-            const QString whyNot = !isPin ? "the unit gives no PIN"
-                : pin != m_phone.pin()    ? "the PINs differ"
-                                          : "";
-            m_pairing.start(Answer, [this, whyNot] { finishPairing(whyNot); });
-        });
+        finishPairing(QString());
+        return;
     }
+    m_adapter.askAgent(this, "RequestPinCode", {}, [this](bool agreed, const QString &pin) {
+        const bool isPin = agreed && !pin.isEmpty() && pin.size() <= LongestPin;
+        const QString whyNot = isPin ? "the PINs differ" : "the unit gives no PIN";
+        finishPairing(isPin && pin == m_phone.traits.pin ? QString() : whyNot);
+    });
 }
 
 void Device::finishPairing(const QString &whyNot)
@@ -274,12 +273,11 @@ void Device::finishPairing(const QString &whyNot)
             linkUsersChanged();
         return;
     }
-    m_key = m_phone.makeKey();
+    m_bonded = true;
     if (!m_paired)
         announcePaired();
     linkUsersChanged();
-    if (m_search == Search::None) {
-        m_search = Search::Scheduled;
+    if (m_search == Search::None && !m_searching.isActive()) {
         m_searching.start(SearchDelay, [this] {
             m_search = Search::Paging;
             if (m_linkUp)
@@ -310,7 +308,7 @@ void Device::search(bool isLinked)
         m_search = Search::None;
         addService(Audio::SourceUuid);
         if (!m_audio.isActive())
-            m_idle.start(LinkIdleAfterSearch, [this] { dropLink("nobody uses the link"); });
+            m_link.start(LinkIdleAfterSearch, [this] { dropLink("nobody uses the link"); });
     });
 }
 

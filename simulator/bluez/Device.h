@@ -16,16 +16,14 @@ class Phone;
 class Device : public QObject
 {
 public:
-    Device(Adapter &adapter, Phone &phone) : m_adapter(adapter), m_phone(phone) { }
+    Device(Adapter &adapterOfUnit, Phone &itself) : m_adapter(adapterOfUnit), m_phone(itself) { }
 
     QString path() const;
     Adapter &adapter() const { return m_adapter; }
     Phone &phone() const { return m_phone; }
     Audio &audio() { return m_audio; }
-    const Audio &audio() const { return m_audio; }
 
-    bool isBonded() const { return m_key != 0; }
-    int key() const { return m_key; }
+    bool isBonded() const { return m_bonded; }
     bool isTrusted() const { return m_trusted; }
     bool isLinkUp() const { return m_linkUp; }
     bool isPairing() const { return m_isPairing; }
@@ -57,12 +55,12 @@ public:
     void retire();
 
 private:
-    enum class Search { None, Scheduled, Paging, Browsing };
+    enum class Search { None, Paging, Browsing };
 
     void setProperty(const Call &call);
     void disconnectCalled(const Call &call);
     void requestDisconnect();
-    void finishPage(bool up);
+    void finishPage();
     void finishPairing(const QString &whyNot);
     void search(bool isLinked);
     void remove();
@@ -72,7 +70,7 @@ private:
     Phone &m_phone;
     Audio m_audio {*this};
     bool m_exists = false; ///< on the bus
-    int m_key = 0; ///< of the bond with the phone
+    bool m_bonded = false;
     bool m_paired = false; ///< the property: the bond as far as it was signalled
     bool m_trusted = false;
     bool m_nameKnown = false; ///< even without the device
@@ -86,9 +84,7 @@ private:
     std::optional<Call> m_removal;
     QVector<std::function<void(bool)>> m_pageWaiters;
     Timer m_disconnect {m_adapter.clock, this};
-    Timer m_idle {m_adapter.clock, this};
-    Timer m_paging {m_adapter.clock, this};
-    Timer m_pairing {m_adapter.clock, this};
+    Timer m_link {m_adapter.clock, this}; ///< until it is up, or dropped for want of users
     Timer m_searching {m_adapter.clock, this};
 };
 

@@ -18,72 +18,69 @@ const int AutoPlay = 350; ///< from an open stream to one that plays by itself
 
 } // namespace
 
+using Text = const QString &;
+
 struct Phone::Verb
 {
     const char *name;
     const char *argument;
-    const char *help;
     Needs needs;
-    void (*act)(Phone &phone, const QString &argument);
+    const char *help;
+    void (*act)(Phone &phone, Text argument);
 };
 
 const QVector<Phone::Verb> Phone::Verbs {
-    {"pair", "", "pairs, without connecting its audio", Needs::NoBond,
-     [](Phone &phone, const QString &) {
-         phone.openLink(true, [&phone] { phone.startPairing(nullptr); });
+    {"pair", "", Needs::NoBond, "pairs, without connecting its audio",
+     [](Phone &phone, Text) { phone.openLink(true, [&] { phone.startPairing(nullptr); }); }},
+    {"connect", "", Needs::Unit, "connects its audio as a usual phone, pairs if it must",
+     [](Phone &phone, Text) { phone.connectAsUsual(); }},
+    {"connect-acl", "", Needs::Unit, "opens the radio link only",
+     [](Phone &phone, Text) { phone.openLink(true, [] {}); }},
+    {"connect-a2dp", "", Needs::Audio, "connects its audio, with the bond that it has",
+     [](Phone &phone, Text) { phone.connectAudio(); }},
+    {"connect-signalling", "", Needs::Audio, "connects its audio, but opens no stream",
+     [](Phone &phone, Text) {
+         phone.openLink(true, [&] { phone.device.audio().phoneConnects(true); });
      }},
-    {"connect", "", "connects its audio as a usual phone, pairs if it must", Needs::Unit,
-     [](Phone &phone, const QString &) { phone.connect(); }},
-    {"connect-acl", "", "opens the radio link only", Needs::Unit,
-     [](Phone &phone, const QString &) { phone.openLink(true, [] {}); }},
-    {"connect-a2dp", "", "connects its audio, with the bond that it has", Needs::Audio,
-     [](Phone &phone, const QString &) { phone.connectAudio(); }},
-    {"connect-signalling", "", "connects its audio, but opens no stream", Needs::Audio,
-     [](Phone &phone, const QString &) {
-         phone.openLink(true, [&phone] { phone.m_device.audio().phoneConnects(true); });
-     }},
-    {"play", "", "starts the stream", Needs::Paused,
-     [](Phone &phone, const QString &) { phone.play(); }},
-    {"pause", "", "suspends the stream", Needs::Playing,
-     [](Phone &phone, const QString &) { phone.pause(); }},
-    {"close", "", "closes the stream", Needs::Open,
-     [](Phone &phone, const QString &) { phone.m_device.audio().closeStream(); }},
-    {"leave", "", "ends everything in order", Needs::Link,
-     [](Phone &phone, const QString &) { phone.leave(); }},
-    {"drop", "", "loses the link at once", Needs::Link,
-     [](Phone &phone, const QString &) { phone.m_device.dropLink("the phone drops it"); }},
-    {"out-of-range", "", "cannot be reached any more, nor reach the unit", Needs::Nothing,
-     [](Phone &phone, const QString &) {
-         phone.m_inRange = false;
+    {"play", "", Needs::Paused, "starts the stream", [](Phone &phone, Text) { phone.play(); }},
+    {"pause", "", Needs::Playing, "suspends the stream", [](Phone &phone, Text) { phone.pause(); }},
+    {"close", "", Needs::Open, "closes the stream",
+     [](Phone &phone, Text) { phone.device.audio().closeStream(); }},
+    {"leave", "", Needs::Link, "ends everything in order",
+     [](Phone &phone, Text) { phone.leave(); }},
+    {"drop", "", Needs::Link, "loses the link at once",
+     [](Phone &phone, Text) { phone.device.dropLink("the phone drops it"); }},
+    {"out-of-range", "", Needs::Nothing, "cannot be reached any more, nor reach the unit",
+     [](Phone &phone, Text) {
+         phone.isInRange = false;
          phone.m_step.stop();
-         phone.m_device.dropLink("the phone is out of range");
+         phone.device.dropLink("the phone is out of range");
      }},
-    {"in-range", "", "can be reached again", Needs::Nothing,
-     [](Phone &phone, const QString &) { phone.m_inRange = true; }},
-    {"ignore", "", "will never answer the unit's audio requests", Needs::Nothing,
-     [](Phone &phone, const QString &) { phone.m_answer = "ignore"; }},
-    {"refuse", "", "will close the unit's audio connections at once", Needs::Nothing,
-     [](Phone &phone, const QString &) { phone.m_answer = "refuse"; }},
-    {"reject", "", "will reject the unit's stream configuration", Needs::Nothing,
-     [](Phone &phone, const QString &) { phone.m_answer = "reject"; }},
-    {"accept", "", "will accept again", Needs::Nothing,
-     [](Phone &phone, const QString &) { phone.m_answer = "accept"; }},
-    {"answer-late", "MILLISECONDS", "will answer each audio request that much later",
-     Needs::Nothing,
-     [](Phone &phone, const QString &argument) { phone.m_late = argument.toInt(); }},
-    {"auto-play", "on|off", "whether it plays as soon as a stream is open", Needs::Nothing,
-     [](Phone &phone, const QString &argument) { phone.m_autoPlay = argument == "on"; }},
-    {"forget", "", "forgets its bond with the unit", Needs::Nothing,
-     [](Phone &phone, const QString &) { phone.m_key = 0; }},
-    {"pin", "PIN", "will pair with another PIN", Needs::Nothing,
-     [](Phone &phone, const QString &argument) { phone.m_traits.pin = argument; }}};
+    {"in-range", "", Needs::Nothing, "can be reached again",
+     [](Phone &phone, Text) { phone.isInRange = true; }},
+    {"ignore", "", Needs::Nothing, "will never answer the unit's audio requests",
+     [](Phone &phone, Text) { phone.m_answer = "ignore"; }},
+    {"refuse", "", Needs::Nothing, "will close the unit's audio connections at once",
+     [](Phone &phone, Text) { phone.m_answer = "refuse"; }},
+    {"reject", "", Needs::Nothing, "will reject the unit's stream configuration",
+     [](Phone &phone, Text) { phone.m_answer = "reject"; }},
+    {"accept", "", Needs::Nothing, "will accept again",
+     [](Phone &phone, Text) { phone.m_answer = "accept"; }},
+    {"answer-late", "MILLISECONDS", Needs::Nothing, "will answer each audio request that late",
+     [](Phone &phone, Text argument) { phone.m_late = argument.toInt(); }},
+    {"auto-play", "on|off", Needs::Nothing, "whether it plays as soon as a stream is open",
+     [](Phone &phone, Text argument) { phone.m_autoPlay = argument == "on"; }},
+    {"forget", "", Needs::Nothing, "forgets its bond with the unit",
+     [](Phone &phone, Text) { phone.isBonded = false; }},
+    {"pin", "PIN", Needs::Nothing, "will pair with another PIN",
+     [](Phone &phone, Text argument) { phone.traits.pin = argument; }}};
 
-Phone::Phone(Adapter &adapter, Journal &journal, const Traits &traits, QObject *parent)
+Phone::Phone(Adapter &adapter, Journal &journal, const Traits &traitsOfIt, QObject *parent)
     : QObject(parent)
+    , traits(traitsOfIt)
+    , device(adapter, *this)
     , m_adapter(adapter)
     , m_journal(journal)
-    , m_traits(traits)
-    , m_device(adapter, *this)
     , m_step(adapter.clock, this)
 {
 }
@@ -115,7 +112,7 @@ QString Phone::act(const QStringList &words)
     const QString argument = words.value(1);
     bool fits = argument.isEmpty() == wanted.isEmpty() && words.size() <= 2;
     if (fits && wanted == "MILLISECONDS")
-        fits = argument.toUInt(&fits) <= INT_MAX && fits;
+        fits = argument.toInt(&fits) >= 0 && fits;
     else if (fits && wanted.contains('|'))
         fits = wanted.split('|').contains(argument);
     if (!fits)
@@ -129,16 +126,16 @@ QString Phone::act(const QStringList &words)
 QString Phone::describe() const
 {
     QString text = QString("%1  %2  \"%3\"  pin %4")
-                       .arg(m_traits.handle, m_traits.address, m_traits.name, m_traits.pin);
-    if (m_key)
+                       .arg(traits.handle, traits.address, traits.name, traits.pin);
+    if (isBonded)
         text += ", paired";
-    if (!m_inRange)
+    if (!isInRange)
         text += ", out of range";
     if (m_answer != "accept")
         text += ", will " + m_answer + " audio";
     if (m_stream != Stream::None)
         text += m_stream == Stream::Playing ? ", playing" : ", stream open";
-    else if (m_device.isLinkUp())
+    else if (device.isLinkUp())
         text += ", linked";
     return text;
 }
@@ -149,61 +146,61 @@ QString Phone::whyNot(Needs needs) const
 {
     const bool isOpen = m_stream != Stream::None;
     const bool needsUnit = needs == Needs::Unit || needs == Needs::NoBond || needs == Needs::Audio;
-    if (needsUnit && !m_inRange)
-        return m_traits.handle + " is out of range";
+    if (needsUnit && !isInRange)
+        return traits.handle + " is out of range";
     if (needsUnit && !m_adapter.isReady())
         return "the unit's radio is not ready";
-    if (needsUnit && !m_device.isLinkUp() && !m_adapter.isConnectable())
+    if (needsUnit && !device.isLinkUp() && !m_adapter.isConnectable())
         return "the unit is not connectable";
-    if (needs == Needs::NoBond && isBonded())
-        return m_traits.handle + " is paired already";
+    if (needs == Needs::NoBond && isBonded && device.isBonded())
+        return traits.handle + " is paired already";
     if (needs == Needs::Audio && isOpen)
-        return m_traits.handle + " is connected already";
-    if (needs == Needs::Audio && !m_key)
-        return m_traits.handle + " is not paired";
-    if (needs == Needs::Link && !m_device.isLinkUp())
-        return m_traits.handle + " is not connected";
+        return traits.handle + " is connected already";
+    if (needs == Needs::Audio && !isBonded)
+        return traits.handle + " is not paired";
+    if (needs == Needs::Link && !device.isLinkUp())
+        return traits.handle + " is not connected";
     if ((needs == Needs::Open || needs == Needs::Paused) && !isOpen)
-        return m_traits.handle + " has no stream to the unit";
+        return traits.handle + " has no stream to the unit";
     if (needs == Needs::Paused && m_stream == Stream::Playing)
-        return m_traits.handle + " plays already";
+        return traits.handle + " plays already";
     if (needs == Needs::Playing && m_stream != Stream::Playing)
-        return m_traits.handle + " does not play";
+        return traits.handle + " does not play";
     return QString();
 }
 
-void Phone::connect()
+void Phone::connectAsUsual()
 {
-    if (isBonded()) {
+    if (isBonded && device.isBonded()) {
         connectAudio();
         return;
     }
     openLink(true, [this] {
         startPairing([this] {
-            m_step.start(AudioAfterPairing, [this] { m_device.audio().phoneConnects(false); });
+            m_step.start(AudioAfterPairing, [this] { device.audio().phoneConnects(false); });
         });
     });
 }
 
 void Phone::connectAudio()
 {
-    if (!isBonded()) {
-        openAudioWithOldKey();
+    if (!device.isBonded()) {
+        openAudioWithOldBond();
         return;
     }
     // The daemon may hear of the audio connection before it hears of the link.
-    const bool isAnnounced = !m_adapter.audioFirst || !m_device.hasService(Audio::SourceUuid);
-    const bool isLinked = m_device.isLinkUp();
+    const bool isAnnounced = !m_adapter.audioFirst || !device.hasService(Audio::SourceUuid);
+    const bool isLinked = device.isLinkUp();
     openLink(isAnnounced, [this, isAnnounced, isLinked] {
         m_step.start(ChannelSetup, [this, isAnnounced, isLinked] {
-            m_device.audio().phoneConnects(false);
+            device.audio().phoneConnects(false);
             if (!isAnnounced && !isLinked)
-                m_device.announceConnected();
+                device.announceConnected();
         });
     });
 }
 
-void Phone::openAudioWithOldKey()
+void Phone::openAudioWithOldBond()
 {
     // The unit has forgotten the phone, which does not know that: the audio channel arrives with a
     // key that the unit lacks, so the unit asks its agent for a PIN.
@@ -211,22 +208,22 @@ void Phone::openAudioWithOldKey()
         // The channel is refused meanwhile, and the link is not announced before it has a key.
         openLink(false, [this] {
             startPairing(nullptr);
-            m_device.addService(Audio::AdvancedUuid);
+            device.addService(Audio::AdvancedUuid);
             note("refused", "the unit has forgotten the bond");
         });
         return;
     }
     // Raw HCI: the channel is let through, and the unit takes the old bond for valid at first.
     openLink(true, [this] {
-        m_device.audio().phoneConnects(false);
-        m_device.announcePaired();
+        device.audio().phoneConnects(false);
+        device.announcePaired();
     });
 }
 
 void Phone::openLink(bool isAnnounced, const Timer::Action &then)
 {
     m_step.stop();
-    if (m_device.isLinkUp()) {
+    if (device.isLinkUp()) {
         then();
         return;
     }
@@ -236,8 +233,8 @@ void Phone::openLink(bool isAnnounced, const Timer::Action &then)
             note("no-link", refusal);
             return;
         }
-        if (!m_device.isLinkUp())
-            m_device.linkUp(isAnnounced);
+        if (!device.isLinkUp())
+            device.linkUp(isAnnounced);
         then();
     });
 }
@@ -245,20 +242,20 @@ void Phone::openLink(bool isAnnounced, const Timer::Action &then)
 void Phone::startPairing(const Timer::Action &then)
 {
     m_afterPairing = then;
-    if (!m_device.isPairing())
-        m_device.startPairing();
+    if (!device.isPairing())
+        device.startPairing();
 }
 
 void Phone::play()
 {
     setStream(Stream::Playing, "playing");
-    m_device.audio().phoneStarts();
+    device.audio().phoneStarts();
 }
 
 void Phone::pause()
 {
     setStream(Stream::Paused, "paused");
-    m_device.audio().phoneSuspends();
+    device.audio().phoneSuspends();
 }
 
 void Phone::leave()
@@ -271,19 +268,19 @@ void Phone::leave()
         return;
     }
     m_step.start(Reaction, [this] {
-        m_device.audio().closeStream();
+        device.audio().closeStream();
         m_step.start(Reaction, [this] { closeSignallingAndLeave(); });
     });
 }
 
 void Phone::closeSignallingAndLeave()
 {
-    const auto dropLink = [this] { m_device.dropLink("the phone leaves"); };
-    if (!m_device.audio().isActive()) {
+    const auto dropLink = [this] { device.dropLink("the phone leaves"); };
+    if (!device.audio().isActive()) {
         dropLink();
         return;
     }
-    m_device.audio().hangUp();
+    device.audio().hangUp();
     m_step.start(Reaction, dropLink);
 }
 
@@ -294,17 +291,12 @@ std::optional<int> Phone::answerDelay() const
     return m_answer == "ignore" ? std::nullopt : std::optional<int>(m_late);
 }
 
-int Phone::makeKey()
-{
-    static int lastKey = 0;
-    m_key = ++lastKey;
-    return m_key;
-}
-
 void Phone::pairingFinished(const QString &whyNotPaired)
 {
     const Timer::Action then = m_afterPairing;
     m_afterPairing = nullptr;
+    if (whyNotPaired.isEmpty())
+        isBonded = true;
     note(whyNotPaired.isEmpty() ? "paired" : "not-paired", whyNotPaired);
     if (whyNotPaired.isEmpty() && then)
         then();
@@ -343,16 +335,16 @@ void Phone::setStream(Stream stream, const char *state, const QString &why)
 {
     m_stream = stream;
     note(state, why);
-    emit streamChanged(m_traits.handle, stream == Stream::None ? QString() : m_device.path(),
-                       m_traits.audio, stream == Stream::Playing);
+    emit streamChanged(traits.handle, stream == Stream::None ? QString() : device.path(),
+                       traits.audio, stream == Stream::Playing);
 }
 
 void Phone::note(const QString &state, const QString &why)
 {
     static const QStringList mishaps {"no-link", "not-paired", "refused"};
-    QJsonObject facts {{"phone", m_traits.handle}, {"state", state}, {"path", m_device.path()}};
+    QJsonObject facts {{"phone", traits.handle}, {"state", state}, {"path", device.path()}};
     if (!why.isEmpty())
         facts["why"] = why;
-    const QString line = "* " + m_traits.handle + ' ' + state;
+    const QString line = "* " + traits.handle + ' ' + state;
     m_journal.record("phone", "phone", mishaps.contains(state) ? line + ": " + why : line, facts);
 }

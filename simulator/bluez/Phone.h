@@ -2,7 +2,6 @@
 #define PHONE_H
 
 #include "Device.h"
-#include "Timer.h"
 
 #include <QStringList>
 
@@ -19,17 +18,21 @@ class Phone : public QObject
     Q_OBJECT
 
 public:
-    /// As it is made.
     struct Traits
     {
-        QString handle; ///< for people here
+        QString handle; ///< what people here call it
         QString address;
         QString name; ///< what it shows to others
         QString pin;
         QString audio; ///< the file that it plays
     };
 
-    Phone(Adapter &adapter, Journal &journal, const Traits &traits, QObject *parent);
+    Phone(Adapter &adapter, Journal &journal, const Traits &traitsOfIt, QObject *parent);
+
+    Traits traits;
+    Device device; ///< what the unit knows of it
+    bool isBonded = false; ///< as far as the phone knows
+    bool isInRange = true;
 
     /// What a person can do with it.
     static QStringList verbs();
@@ -40,34 +43,20 @@ public:
     /// A line for people.
     QString describe() const;
 
-    QString address() const { return m_traits.address; }
-    QString bluetoothName() const { return m_traits.name; }
-    QString pin() const { return m_traits.pin; }
-    Device &device() { return m_device; }
-
-    /// \name What the unit finds
-    /// @{
-    bool isInRange() const { return m_inRange; }
-    /// Whether it closes the signalling channel at once; a link with another key fares the same.
-    bool refusesAudio(int key) const { return m_answer == "refuse" || m_key != key; }
+    /// Closes the signalling channel at once, as it does without the bond.
+    bool refusesAudio() const { return m_answer == "refuse" || !isBonded; }
     bool rejectsConfiguration() const { return m_answer == "reject"; }
     /// Milliseconds by which it answers late; nothing: never.
     std::optional<int> answerDelay() const;
-    /// @}
 
-    /// \name What happens to it
-    /// @{
-    /// Has it bonded anew, and returns the key.
-    int makeKey();
-    /// \p whyNot is empty when it is paired.
-    void pairingFinished(const QString &whyNot);
+    /// \p whyNotPaired is empty when it is paired.
+    void pairingFinished(const QString &whyNotPaired);
     void linkWentDown(const QString &why);
     void streamOpened();
     void streamClosed(const QString &why);
     void suspendedByUnit();
     /// Writes \p state to the journal, with the reason \p why.
     void note(const QString &state, const QString &why = QString());
-    /// @}
 
 signals:
     /// As BlueZ::phonePlays().
@@ -79,12 +68,12 @@ private:
     /// What must be so before a person can do something.
     enum class Needs { Nothing, Unit, NoBond, Audio, Link, Open, Paused, Playing };
     struct Verb;
+    static const QVector<Verb> Verbs;
 
     QString whyNot(Needs needs) const;
-    bool isBonded() const { return m_key && m_device.key() == m_key; }
-    void connect();
+    void connectAsUsual();
     void connectAudio();
-    void openAudioWithOldKey();
+    void openAudioWithOldBond();
     void openLink(bool isAnnounced, const Timer::Action &then);
     void startPairing(const Timer::Action &then);
     void play();
@@ -93,14 +82,8 @@ private:
     void closeSignallingAndLeave();
     void setStream(Stream stream, const char *state, const QString &why = QString());
 
-    static const QVector<Verb> Verbs;
-
     Adapter &m_adapter;
     Journal &m_journal;
-    Traits m_traits;
-    Device m_device;
-    int m_key = 0; ///< of the bond with the unit; 0 when it knows of none
-    bool m_inRange = true;
     bool m_autoPlay = false;
     QString m_answer {"accept"};
     int m_late = 0;
