@@ -38,7 +38,8 @@ void Journal::record(const char *lane, const char *kind, const QString &line,
         entry += '}';
     else
         entry += ',' + QJsonDocument(facts).toJson(QJsonDocument::Compact).mid(1);
-    const bool wasFine = m_file.error() == QFile::NoError;
+    // The first entry is the product's own business: without it there is no product.
+    const bool wasFine = m_file.error() == QFile::NoError && m_file.pos() > 0;
     if (m_file.write(entry + '\n') < 0 && wasFine)
         fprintf(stderr, "virtual-product: the journal is not complete: %s\n", qPrintable(error()));
     emit recorded(entry);

@@ -158,7 +158,7 @@ void Control::tell(const QString &line, const Done &done)
     if (!complete)
         answer(failure("a quote is not closed"));
     else if (!m_commands.contains(name))
-        answer(failure(unknownWord("command", name, m_commands.keys()) + "; see \"help\""));
+        answer(failure(unknownWord("command", name, m_commands.keys())));
     else
         (this->*m_commands.value(name))(words, answer);
 }
