@@ -5,6 +5,7 @@
 #include <QDBusConnectionInterface>
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
+#include <QDBusPendingCallWatcher>
 #include <QDBusVariant>
 #include <QRegularExpression>
 #include <QTimer>
@@ -65,6 +66,8 @@ Bus::Bus(const QString &address, Faults &faults, const Handler &handler, QObject
 
 Bus::~Bus()
 {
+    // Questions that are still open must not outlive the connection.
+    qDeleteAll(findChildren<QDBusPendingCallWatcher *>(QString(), Qt::FindDirectChildrenOnly));
     // A round trip: the bus has all that was sent before when the answer is in.
     if (QDBusConnectionInterface *bus = connection().interface())
         bus->isServiceRegistered(connection().baseService());
