@@ -2,12 +2,12 @@
 
 #include "core/Journal.h"
 
-#include <sys/stat.h>
+#include <QFile>
 
 namespace {
 
 const char Pactl[] = "/run/product/host/bin/pactl";
-const char Fifo[] = "/run/product/phone.fifo";
+const char Fifo[] = "/run/pulse/phone.fifo";
 const QStringList Format {"-t", "raw", "-r", "44100", "-c", "2", "-b", "16", "-e", "signed", "-"};
 const char BytesPerSecond[] = "176400";
 
@@ -60,9 +60,16 @@ void Sound::update()
     if (!wanted && !m_module.isEmpty())
         removeSource();
     else if (wanted && m_module.isEmpty() && m_loader.state() == QProcess::NotRunning)
-        m_loader.start(Pactl,
-                       {"load-module", "module-pipe-source", "source_name=" + m_source,
-                        QString("file=") + Fifo, "format=s16le", "rate=44100", "channels=2"});
+        loadSource();
+}
+
+void Sound::loadSource()
+{
+    // PulseAudio insists on making it.
+    QFile::remove(Fifo);
+    m_loader.start(Pactl,
+                   {"load-module", "module-pipe-source", "source_name=" + m_source,
+                    QString("file=") + Fifo, "format=s16le", "rate=44100", "channels=2"});
 }
 
 void Sound::sourceLoaded(int exitStatus)
@@ -95,8 +102,6 @@ void Sound::feed()
 {
     stopFeeding();
     // The shell waits for PulseAudio to read, not we.
-    ::mkfifo(Fifo, 0666);
-    ::chmod(Fifo, 0666);
     m_pace = std::make_unique<QProcess>();
     m_pace->setProgram("sh");
     m_pace->setArguments({"-c", "exec pv -q -L \"$0\" > \"$1\"", BytesPerSecond, Fifo});

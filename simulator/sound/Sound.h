@@ -39,6 +39,7 @@ signals:
 
 private:
     void update();
+    void loadSource();
     void sourceLoaded(int exitStatus);
     void removeSource();
     void feed();

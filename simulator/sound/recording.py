@@ -78,15 +78,17 @@ def _measure_channel(sound: bytes, number: int) -> Channel:
 def phone_sound(audio: Path | None, seconds: float) -> bytes:
     """The beginning of what a phone plays: a file, again and again, or else the test tone."""
     source = ["-n"] if audio is None else [audio]
-    effects = TONE if audio is None else ["repeat", "-"]
-    return subprocess.run(["sox", "-D", "-V1", *source, *FORMAT, *effects, "trim", "0", str(seconds)],
+    effects = list(TONE) if audio is None else ["repeat", "-"]
+    effects += ["trim", "0", str(seconds)]
+    return subprocess.run(["sox", "-D", "-V1", *source, *FORMAT, *effects],
                           stdout=subprocess.PIPE, check=True).stdout
 
 
 class Loudness:
-    """How loud a sound is, step by step of 10 ms, to find where one was taken from another."""
+    """How loud a sound is, step by step of 5 ms, to find where one was taken from another."""
 
-    STEP = RATE // 100
+    STEP = RATE // 200
+    SECONDS = STEP / RATE
     BYTES = STEP * FRAME
 
     def __init__(self, sound: bytes):
