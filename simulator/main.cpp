@@ -1,13 +1,9 @@
 #include "product/Control.h"
-#include "product/ControlSocket.h"
 #include "product/Product.h"
 
 #include <QCoreApplication>
-#include <QSocketNotifier>
 
-#include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -20,32 +16,10 @@ QString takeVariable(const char *name)
     return value;
 }
 
-int fail(const QString &text)
+int fail(const QString &why)
 {
-    fprintf(stderr, "virtual-product: %s\n", qPrintable(text));
+    fprintf(stderr, "virtual-product: %s\n", qPrintable(why));
     return 1;
-}
-
-int terminationPipe[2];
-
-void passOn(int)
-{
-    // A full pipe holds the same news already.
-    (void)!write(terminationPipe[1], "", 1);
-}
-
-/// SIGTERM has the product end in order.
-void quitOnTermination(Product &product)
-{
-    if (pipe2(terminationPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        qFatal("cannot make a pipe");
-    // A handler, not a signal mask, since programs inherit that.
-    std::signal(SIGTERM, passOn);
-    auto *notifier = new QSocketNotifier(terminationPipe[0], QSocketNotifier::Read, &product);
-    QObject::connect(notifier, &QSocketNotifier::activated, &product, [&product, notifier] {
-        notifier->setEnabled(false);
-        product.quit(0);
-    });
 }
 
 } // namespace
@@ -56,30 +30,26 @@ int main(int argc, char **argv)
 {
     if (!qEnvironmentVariableIsSet("PRODUCT_SERVICE") || getppid() != 1)
         return fail("this program works inside of its namespaces only; start virtual-product");
-    Options options;
-    options.build = "/run/product/build";
-    options.out = "/run/product/out";
-    options.realPulse = takeVariable("PRODUCT_PULSE") != "scripted";
-    options.environment = takeVariable("PRODUCT_ENVIRONMENT").split('\n', Qt::SkipEmptyParts);
-    options.under = takeVariable("PRODUCT_UNDER");
+    const bool realPulse = takeVariable("PRODUCT_PULSE") == "real";
+    const QStringList environment =
+        takeVariable("PRODUCT_ENVIRONMENT").split('\n', Qt::SkipEmptyParts);
+    const QString under = takeVariable("PRODUCT_UNDER");
     const QStringList lines = takeVariable("PRODUCT_TELL").split('\n', Qt::SkipEmptyParts);
     const bool startsService = takeVariable("PRODUCT_SERVICE") == "start";
 
     QCoreApplication application(argc, argv);
-    Product product(options);
+    const QString out = "/run/product/out";
+    Product product(out, realPulse, environment, under);
     Control control(product);
-    ControlSocket socket(control, product.journal);
-    quitOnTermination(product);
     QString error = product.start();
-    if (error.isEmpty() && !socket.listen(options.out + "/control"))
-        error = "the control socket: " + socket.errorString();
+    if (error.isEmpty() && !control.listen(out + "/control"))
+        error = "the control socket: " + control.errorString();
     for (const QString &line : lines) {
-        if (!error.isEmpty())
-            break;
-        control.tell(line, [&error, line](const Control::Answer &answer) {
-            if (!answer.ok)
-                error = line + ": " + answer.text;
-        });
+        if (error.isEmpty())
+            control.tell(line, [&error, line](const Control::Answer &answer) {
+                if (!answer.ok)
+                    error = line + ": " + answer.text;
+            });
     }
     if (error.isEmpty() && startsService)
         error = product.service.startService();

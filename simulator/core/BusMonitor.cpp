@@ -2,6 +2,7 @@
 
 #include "Journal.h"
 
+#include <QDBusConnection>
 #include <QDBusMessage>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -11,9 +12,7 @@ namespace {
 
 const char BusName[] = "org.freedesktop.DBus";
 const char MarkInterface[] = "product.Monitor";
-const char ServiceName[] = "com.orbitalis.ulmo.bluetoothmanager";
-const char ServiceInterface[] = "com.orbitalis.ulmo.bluetoothinterface";
-const char SoundManagerName[] = "com.orbitalis.ulmo.soundmanager";
+const QString ServicesPath = QStringLiteral("/com/orbitalis/ulmo/");
 const int TimeoutMs = 5000;
 const int NoReplyExpected = 1; // flag of a call
 
@@ -22,34 +21,29 @@ QString text(const QJsonObject &message, const char *key)
     return message.value(QLatin1String(key)).toString();
 }
 
-/// Values as busctl gives them, with variants as what they hold.
-QJsonValue plain(const QJsonValue &value)
+QString json(const QJsonValue &value)
+{
+    return QJsonDocument(QJsonArray {value}).toJson(QJsonDocument::Compact).chopped(1).mid(1);
+}
+
+/// \p value, or what it holds, with every text and number in it changed by \p change.
+QJsonValue changed(const QJsonValue &value, const std::function<QJsonValue(QJsonValue)> &change)
 {
     if (value.isArray()) {
         QJsonArray list;
         for (const QJsonValue &item : value.toArray())
-            list.append(plain(item));
+            list.append(changed(item, change));
         return list;
     }
     if (!value.isObject())
-        return value;
+        return change(value);
     QJsonObject object = value.toObject();
+    // A variant, as busctl gives it.
     if (object.size() == 2 && object.contains("type") && object.contains("data"))
-        return plain(object.value("data"));
+        return changed(object.value("data"), change);
     for (auto field = object.begin(); field != object.end(); ++field)
-        field.value() = plain(field.value());
+        field.value() = changed(field.value(), change);
     return object;
-}
-
-/// "Device.Connect" of org.bluez.Device and Connect.
-QString shortMember(const QString &interface, const QString &member)
-{
-    return interface.isEmpty() ? member : interface.section('.', -1) + '.' + member;
-}
-
-QString json(const QJsonValue &value)
-{
-    return QJsonDocument(QJsonArray {value}).toJson(QJsonDocument::Compact).chopped(1).mid(1);
 }
 
 /// The words that are not empty, with a blank between them.
@@ -59,13 +53,19 @@ QString joined(QStringList words)
     return words.join(' ');
 }
 
+/// "Device.Connect" of org.bluez.Device and Connect.
+QString shortMember(const QJsonObject &facts)
+{
+    const QString interface = text(facts, "interface");
+    return interface.isEmpty() ? text(facts, "member")
+                               : interface.section('.', -1) + '.' + text(facts, "member");
+}
+
 } // namespace
 
-BusMonitor::BusMonitor(const QString &bus, Journal &journal, const ShortNames &shortNames,
-                       QObject *parent)
-    : QObject(parent), m_bus(bus), m_journal(journal), m_shortNames(shortNames), m_own(QString())
+BusMonitor::BusMonitor(const QString &bus, Journal &journal, const ShortNames &shortNames)
+    : m_bus(bus), m_journal(journal), m_shortNames(shortNames)
 {
-    m_busctl.setReadChannel(QProcess::StandardOutput);
     connect(&m_busctl, &QProcess::readyReadStandardOutput, this, &BusMonitor::readLines);
 }
 
@@ -77,31 +77,26 @@ BusMonitor::~BusMonitor()
 
 QString BusMonitor::start(const QString &address)
 {
+    m_address = address;
+    QDBusConnection::disconnectFromBus("monitor of " + m_bus);
     // It ends by itself when its bus does.
     m_busctl.waitForFinished(TimeoutMs);
-    readLines();
     m_openCalls.clear();
     m_busctl.start("busctl", {"--address=" + address, "--json=short", "monitor"});
     // Nothing may happen on the bus before it listens, which it tells on its standard error.
-    while (!m_busctl.readAllStandardError().contains("Monitoring")) {
-        m_busctl.setReadChannel(QProcess::StandardError);
-        if (!m_busctl.waitForReadyRead(TimeoutMs))
-            return "busctl cannot watch the " + m_bus + " bus";
-    }
+    m_busctl.setReadChannel(QProcess::StandardError);
+    const bool listens = m_busctl.waitForReadyRead(TimeoutMs)
+        && m_busctl.readAllStandardError().contains("Monitoring");
     m_busctl.setReadChannel(QProcess::StandardOutput);
-    const QString name = "monitor of " + m_bus;
-    QDBusConnection::disconnectFromBus(name);
-    m_own = QDBusConnection::connectToBus(address, name);
-    return {};
+    return listens ? QString() : "busctl cannot watch the " + m_bus + " bus";
 }
 
 void BusMonitor::settle()
 {
     // The bus shows everything in one order, a signal of our own as well.
-    if (!m_own.send(QDBusMessage::createSignal("/", MarkInterface, "Mark")))
-        return;
-    ++m_marksSent;
-    while (m_marksSeen < m_marksSent && m_busctl.waitForReadyRead(TimeoutMs))
+    const QDBusConnection own = QDBusConnection::connectToBus(m_address, "monitor of " + m_bus);
+    m_isSettled = !own.send(QDBusMessage::createSignal("/", MarkInterface, "Mark"));
+    while (!m_isSettled && m_busctl.waitForReadyRead(TimeoutMs))
         readLines();
 }
 
@@ -113,24 +108,21 @@ void BusMonitor::readLines()
 
 void BusMonitor::record(const QJsonObject &message)
 {
-    const QString type = text(message, "type");
-    if (text(message, "interface") == MarkInterface) {
-        ++m_marksSeen;
-        return;
-    }
     const QJsonObject payload = message.value("payload").toObject();
+    const auto same = [](const QJsonValue &value) { return value; };
     QJsonObject facts {{"bus", m_bus},
-                       {"sender", text(message, "sender")},
                        {"serial", message.value("cookie")},
                        {"signature", text(payload, "type")},
-                       {"arguments", plain(payload.value("data"))}};
-    for (const char *key : {"destination", "path", "interface", "member"}) {
+                       {"arguments", changed(payload.value("data"), same)}};
+    for (const char *key : {"sender", "destination", "path", "interface", "member"}) {
         if (message.contains(QLatin1String(key)))
             facts.insert(QLatin1String(key), text(message, key));
     }
-    if (type == "method_call")
+    if (text(facts, "interface") == MarkInterface)
+        m_isSettled = true;
+    else if (text(message, "type") == "method_call")
         recordCall(message, facts);
-    else if (type == "signal")
+    else if (text(message, "type") == "signal")
         recordSignal(facts);
     else
         recordAnswer(message, facts);
@@ -139,20 +131,25 @@ void BusMonitor::record(const QJsonObject &message)
 void BusMonitor::recordCall(const QJsonObject &message, const QJsonObject &facts)
 {
     const QString destination = text(facts, "destination");
+    const QString path = text(facts, "path");
     if (destination == BusName)
         return;
-    Call call {text(facts, "path"), text(facts, "interface"), text(facts, "member"), '<'};
-    QString mark = ">";
-    if (destination == ServiceName) {
-        call.answerMark = '!';
-        mark = "?";
-    } else if (destination == SoundManagerName) {
-        mark = "@";
-    }
+    QStringList marks {">", "<"};
+    if (destination == "com.orbitalis.ulmo.bluetoothmanager")
+        marks = QStringList {"?", "!"};
+    else if (destination == "com.orbitalis.ulmo.soundmanager")
+        marks.first() = "@";
+    // The product's services have one object each, and are mostly called by their own interface.
+    QString call = shortMember(facts);
+    if (!path.startsWith(ServicesPath))
+        call += ' ' + m_shortNames(path);
+    else if (text(facts, "interface").startsWith("com.orbitalis."))
+        call = text(facts, "member");
     if (!(message.value("flags").toInt() & NoReplyExpected))
-        m_openCalls.insert({text(facts, "sender"), message.value("cookie").toDouble()}, call);
+        m_openCalls.insert({text(facts, "sender"), message.value("cookie").toDouble()},
+                           {marks.last() + ' ' + call, facts});
     m_journal.record("bus", "call",
-                     joined({mark, nameOf(call), render(facts.value("arguments").toArray())}),
+                     joined({marks.first(), call, render(facts.value("arguments").toArray())}),
                      facts);
 }
 
@@ -165,81 +162,61 @@ void BusMonitor::recordAnswer(const QJsonObject &message, QJsonObject facts)
         return;
     const Call call = m_openCalls.take(key);
     facts.insert("replySerial", serial);
-    facts.insert("path", call.path);
-    facts.insert("interface", call.interface);
-    facts.insert("member", call.member);
-    QString result = render(facts.value("arguments").toArray());
+    for (const QString name : {"path", "interface", "member"})
+        facts.insert(name, call.facts.value(name));
+    const QJsonArray arguments = facts.value("arguments").toArray();
     const QString error = text(message, "error_name");
-    if (!error.isEmpty()) {
-        const QString why = facts.value("arguments").toArray().first().toString();
-        facts.insert("name", error);
-        facts.insert("text", why);
-        result = error.section('.', -1) + ' ' + json(why);
+    if (error.isEmpty()) {
+        m_journal.record("bus", "reply", joined({call.answer, render(arguments)}), facts);
+        return;
     }
-    m_journal.record("bus", error.isEmpty() ? "reply" : "error",
-                     joined({QString(call.answerMark), nameOf(call), result}), facts);
+    facts.insert("name", error);
+    facts.insert("text", arguments.first());
+    m_journal.record("bus", "error",
+                     joined({call.answer, error.section('.', -1), json(arguments.first())}), facts);
 }
 
 void BusMonitor::recordSignal(const QJsonObject &facts)
 {
-    const QString interface = text(facts, "interface");
-    QString member = text(facts, "member");
     QJsonArray arguments = facts.value("arguments").toArray();
-    const QString name = arguments.first().toString();
-    QString line;
-    if (text(facts, "sender") == BusName || interface == "org.freedesktop.DBus.Local") {
+    const QString interface = text(facts, "interface");
+    const QString first = arguments.first().toString();
+    QString member = shortMember(facts);
+    if (interface == BusName || text(facts, "sender") == BusName || interface.endsWith(".Local")) {
         // Of its bookkeeping only who comes under a name of its own, and who goes.
-        if (member != "NameOwnerChanged" || name.startsWith(':'))
-            return;
-        line = "~ " + name + (arguments.at(2).toString().isEmpty() ? " is gone" : " is there");
-    } else if (interface == ServiceInterface) {
-        line = joined({"@", member, render(arguments)});
-    } else {
-        if (member == "PropertyChanged" && arguments.size() == 2) {
-            member = name;
-            arguments.removeFirst();
-        }
-        line = joined({"~", m_shortNames(text(facts, "path")), shortMember(interface, member),
-                       render(arguments)});
+        if (text(facts, "member") == "NameOwnerChanged" && !first.startsWith(':'))
+            m_journal.record(
+                "bus", "signal",
+                "~ " + first + (arguments.at(2).toString().isEmpty() ? " is gone" : " is there"),
+                facts);
+        return;
     }
-    m_journal.record("bus", "signal", line, facts);
-}
-
-/// What was called, and of which object where that is not clear.
-QString BusMonitor::nameOf(const Call &call) const
-{
-    // The product's services have one object each, and are mostly called by their own interface.
-    const bool isProducts = call.path.startsWith("/com/orbitalis/");
-    if (isProducts && (call.interface.isEmpty() || call.interface.startsWith("com.orbitalis.")))
-        return call.member;
-    const QString name = shortMember(call.interface, call.member);
-    return isProducts ? name : name + ' ' + m_shortNames(call.path);
+    if (interface == "com.orbitalis.ulmo.bluetoothinterface") {
+        m_journal.record("bus", "signal", joined({"@", text(facts, "member"), render(arguments)}),
+                         facts);
+        return;
+    }
+    if (text(facts, "member") == "PropertyChanged" && arguments.size() == 2) {
+        member = interface.section('.', -1) + '.' + first;
+        arguments.removeFirst();
+    }
+    m_journal.record("bus", "signal",
+                     joined({"~", m_shortNames(text(facts, "path")), member, render(arguments)}),
+                     facts);
 }
 
 QString BusMonitor::render(const QJsonArray &arguments) const
 {
     static const QRegularExpression plainWord("^[\\w.:/@%+-]+$",
                                               QRegularExpression::UseUnicodePropertiesOption);
+    const auto shorten = [this](const QJsonValue &value) -> QJsonValue {
+        const QString word = value.toString();
+        return word.startsWith('/') ? QJsonValue(m_shortNames(word)) : value;
+    };
     QStringList words;
-    for (const QJsonValue &argument : arguments) {
-        const QString word = withShortNames(argument).toString();
-        words.append(plainWord.match(word).hasMatch() ? word : json(withShortNames(argument)));
+    for (const QJsonValue &argument : changed(arguments, shorten).toArray()) {
+        const QString word = argument.toString();
+        words.append(plainWord.match(word).hasMatch() ? word : json(argument));
     }
     return words.join(' ');
-}
-
-QJsonValue BusMonitor::withShortNames(const QJsonValue &value) const
-{
-    if (value.isString() && value.toString().startsWith('/'))
-        return m_shortNames(value.toString());
-    if (value.isArray()) {
-        QJsonArray list;
-        for (const QJsonValue &item : value.toArray())
-            list.append(withShortNames(item));
-        return list;
-    }
-    QJsonObject object = value.toObject();
-    for (auto field = object.begin(); field != object.end(); ++field)
-        field.value() = withShortNames(field.value());
-    return value.isObject() ? object : value;
 }

@@ -1,10 +1,8 @@
 #ifndef BUSMONITOR_H
 #define BUSMONITOR_H
 
-#include <QDBusConnection>
-#include <QHash>
 #include <QJsonObject>
-#include <QObject>
+#include <QMap>
 #include <QProcess>
 
 #include <functional>
@@ -24,8 +22,7 @@ public:
     using ShortNames = std::function<QString(const QString &path)>;
 
     /// \p bus is "session" or "system".
-    BusMonitor(const QString &bus, Journal &journal, const ShortNames &shortNames,
-               QObject *parent = nullptr);
+    BusMonitor(const QString &bus, Journal &journal, const ShortNames &shortNames);
     ~BusMonitor() override;
 
     /// Begins, or begins anew with a bus that was ended. Returns why not, or an empty text.
@@ -34,30 +31,27 @@ public:
     void settle();
 
 private:
-    /// A call that is not answered yet.
-    struct Call
-    {
-        QString path, interface, member;
-        QChar answerMark;
-    };
-
     void readLines();
     void record(const QJsonObject &message);
     void recordCall(const QJsonObject &message, const QJsonObject &facts);
     void recordAnswer(const QJsonObject &message, QJsonObject facts);
     void recordSignal(const QJsonObject &facts);
-    QString nameOf(const Call &call) const;
     QString render(const QJsonArray &arguments) const;
-    QJsonValue withShortNames(const QJsonValue &value) const;
+
+    /// A call that is not answered yet.
+    struct Call
+    {
+        QString answer; ///< the beginning of its answer's line
+        QJsonObject facts;
+    };
 
     QString m_bus;
     Journal &m_journal;
     ShortNames m_shortNames;
     QProcess m_busctl;
-    QDBusConnection m_own; ///< for the marks of settle()
-    int m_marksSent = 0;
-    int m_marksSeen = 0;
-    QHash<QPair<QString, double>, Call> m_openCalls; ///< by caller and serial
+    QString m_address;
+    bool m_isSettled = true;
+    QMap<QPair<QString, double>, Call> m_openCalls; ///< by caller and serial
 };
 
 #endif

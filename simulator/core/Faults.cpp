@@ -8,45 +8,19 @@
 
 namespace {
 
-// NAME=WHAT needs a value, NAME[=WHAT] may have one; all but a NAME are numbers.
-const QStringList OfPrograms {"exit=STATUS", "hang", "crash", "ignore-term", "delay=MS", "missing"};
-const QStringList OfBluetoothd {"name-delay=MS", "no-name", "adapter-delay=MS", "no-adapter"};
-const QStringList OfMethods {"error[=NAME]", "delay=MS", "never"};
-const QStringList OfSoundManager {"absent", "refuse[=MS]", "delay=MS", "never"};
 const QStringList Programs {"bluetoothd", "agent",      "hciconfig",  "sdptool",
                             "modprobe",   "connmanctl", "pulseaudio", "pactl"};
+const QStringList Standing {"missing", "absent",        "name-delay",
+                            "no-name", "adapter-delay", "no-adapter"};
 
-bool stands(const QString &behaviour)
+/// Whether \p word is one of \p known, which say where a value has its place and what it is.
+bool isOneOf(const QStringList &known, const QString &word)
 {
-    static const QStringList standing {"missing", "absent",        "name-delay",
-                                       "no-name", "adapter-delay", "no-adapter"};
-    return standing.contains(behaviour);
-}
-
-/// The whole number of \p word when it is "KEY=NUMBER", else -1.
-int numberOf(const QString &word, const QString &key)
-{
-    bool ok = false;
-    const int number = word.section('=', 1).toInt(&ok);
-    return ok && number >= 0 && word.section('=', 0, 0) == key ? number : -1;
-}
-
-bool parseBehaviour(const QString &word, const QStringList &known, Faults::Behaviour *behaviour)
-{
-    static const QRegularExpression form("^([a-z-]+)(\\[?=([A-Z]+)\\]?)?$");
-    const QString name = word.section('=', 0, 0);
-    for (const QString &text : known) {
-        const QRegularExpressionMatch match = form.match(text);
-        if (match.captured(1) != name)
-            continue;
-        const QString value = match.captured(3);
-        const bool fits = word.contains('=')
-            ? (value == "NAME" ? word.size() > name.size() + 1 : numberOf(word, name) >= 0)
-            : value.isEmpty() || text.contains('[');
-        *behaviour = {name, word.section('=', 1)};
-        return fits && !(value.isEmpty() && word.contains('='));
-    }
-    return false;
+    return std::any_of(known.begin(), known.end(), [&word](QString form) {
+        form.replace("[", "(").replace("]", ")?").replace("NAME", "\\S+");
+        form.replace(QRegularExpression("MS|STATUS|N$"), "\\d+");
+        return QRegularExpression(QRegularExpression::anchoredPattern(form)).match(word).hasMatch();
+    });
 }
 
 } // namespace
@@ -59,55 +33,53 @@ QStringList Faults::targets()
 QStringList Faults::behavioursOf(const QString &target)
 {
     static const QRegularExpression method("^bluez:[A-Z][A-Za-z]+\\.[A-Z][A-Za-z]+$");
-    if (target == "soundmanager")
-        return OfSoundManager;
-    if (method.match(target).hasMatch())
-        return OfMethods;
     const QString program = target.section(':', 0, 0);
-    if (!Programs.contains(program))
-        return {};
-    return program == "bluetoothd" ? OfPrograms + OfBluetoothd : OfPrograms;
+    QStringList ofProgram {"exit=STATUS", "hang", "crash", "ignore-term", "delay=MS", "missing"};
+    if (target == "soundmanager")
+        return {"absent", "refuse[=MS]", "delay=MS", "never"};
+    if (method.match(target).hasMatch())
+        return {"error[=NAME]", "delay=MS", "never"};
+    if (program == "bluetoothd")
+        ofProgram += {"name-delay=MS", "no-name", "adapter-delay=MS", "no-adapter"};
+    return Programs.contains(program) ? ofProgram : QStringList();
 }
 
 QString Faults::add(const QStringList &words)
 {
-    QString target = words.value(0);
-    target.replace("bluez:org.bluez.", "bluez:");
-    const QStringList known = behavioursOf(target);
-    if (target.startsWith("bluez:") && known.isEmpty())
-        return '"' + target.mid(6) + "\" is not Interface.Method";
+    const QStringList known = behavioursOf(words.value(0));
     if (known.isEmpty())
-        return unknownWord("program", target.section(':', 0, 0), targets());
+        return words.value(0).startsWith("bluez:")
+            ? '"' + words.at(0).mid(6) + "\" is not Interface.Method"
+            : unknownWord("program", words.value(0).section(':', 0, 0), targets());
+
+    // The argument of a program may have blanks.
+    int place = 1;
+    while (place < words.size() && !isOneOf(known, words.at(place)))
+        ++place;
+    const QString target = words.mid(0, place).join(' ');
+    const bool isMethod = target.startsWith("bluez:");
+    if (place == words.size() || (place > 1 && (isMethod || !target.contains(':'))))
+        return "its behaviours are " + known.join(' ');
 
     Fault fault;
-    int next = 1;
-    for (; next < words.size() && !parseBehaviour(words[next], known, &fault.behaviour); ++next)
-        target += ' ' + words[next];
-    if (next == words.size())
-        return "its behaviours are " + known.join(' ');
-    const bool isMethod = target.startsWith("bluez:");
     fault.target = isMethod ? target : target.section(':', 0, 0);
     fault.argument = isMethod ? QString() : target.section(':', 1);
-    for (const QString &word : words.mid(next + 1)) {
-        const int times = numberOf(word, "times");
-        const int after = numberOf(word, "after");
-        if (times < 0 && after < 0)
+    const QString behaviour = words.at(place);
+    fault.behaviour = {behaviour.section('=', 0, 0), behaviour.section('=', 1)};
+    fault.stands = Standing.contains(fault.behaviour.name);
+    for (const QString &word : words.mid(place + 1)) {
+        if (!isOneOf({"times=N", "after=N"}, word))
             return '"' + word + "\" is neither times=N nor after=N";
-        if (times >= 0)
-            fault.times = times;
-        else
-            fault.after = after;
+        int &count = word.startsWith("times") ? fault.times : fault.after;
+        count = word.section('=', 1).toInt();
     }
-    const bool standing = stands(fault.behaviour.name);
-    if (isMethod ? target.contains(' ') : target.contains(' ') && fault.argument.isEmpty())
-        return "its behaviours are " + known.join(' ');
-    if (standing && (!fault.argument.isEmpty() || words.size() > next + 1))
+    if (fault.stands && (!fault.argument.isEmpty() || fault.times >= 0 || fault.after > 0))
         return fault.behaviour.name + " holds always, until the fault is cleared";
 
-    const auto isReplaced = [&](const Fault &other) {
+    const auto isReplaced = [&fault](const Fault &other) {
         return other.target == fault.target && other.argument == fault.argument
-            && stands(other.behaviour.name) == standing
-            && (!standing || other.behaviour.name == fault.behaviour.name);
+            && other.stands == fault.stands
+            && (!fault.stands || other.behaviour.name == fault.behaviour.name);
     };
     m_faults.erase(std::remove_if(m_faults.begin(), m_faults.end(), isReplaced), m_faults.end());
     m_faults.append(fault);
@@ -118,11 +90,9 @@ QString Faults::clear(const QString &target)
 {
     if (!target.isEmpty() && target != "bluez" && behavioursOf(target).isEmpty())
         return unknownWord("program", target, targets() + QStringList {"bluez"});
-    const auto isMeant = [&](const Fault &fault) {
-        const QString full =
-            fault.argument.isEmpty() ? fault.target : fault.target + ':' + fault.argument;
-        return target.isEmpty() || fault.target == target || full == target
-            || fault.target.startsWith(target + ':');
+    const auto isMeant = [&target](const Fault &fault) {
+        return target.isEmpty()
+            || (fault.target + ':' + fault.argument + ':').startsWith(target + ':');
     };
     m_faults.erase(std::remove_if(m_faults.begin(), m_faults.end(), isMeant), m_faults.end());
     return {};
@@ -131,13 +101,12 @@ QString Faults::clear(const QString &target)
 Faults::Behaviour Faults::next(const QString &target, const QString &arguments)
 {
     for (Fault &fault : m_faults) {
-        if (fault.target != target || stands(fault.behaviour.name)
-            || !arguments.contains(fault.argument))
+        if (fault.target != target || fault.stands || !arguments.contains(fault.argument))
             continue;
         if (fault.after > 0) {
             --fault.after;
         } else if (fault.times != 0) {
-            fault.times = qMax(-1, fault.times - 1);
+            --fault.times;
             return fault.behaviour;
         }
     }

@@ -20,6 +20,11 @@ public:
         int number() const { return value.toInt(); }
     };
 
+    /// All that can go wrong, but for the methods of BlueZ: the programs of the board and so on.
+    static QStringList targets();
+    /// What \p target can do wrong, as people write it; empty when there is no such target.
+    static QStringList behavioursOf(const QString &target);
+
     /**
      * Lays a fault: \p words are the target ("pactl:load-module", "bluez:Device.Disconnect",
      * "soundmanager", ...), the behaviour and the counts. Returns why not, or an empty text.
@@ -30,15 +35,10 @@ public:
     /// The behaviour of \p target for this once; its counts move on. \p arguments may narrow it.
     Behaviour next(const QString &target, const QString &arguments = QString());
     /**
-     * What holds until it is cleared: "missing" of a program, "absent" of the sound manager,
-     * "name-delay", "no-name", "adapter-delay" and "no-adapter" of bluetoothd. next() never gives
-     * these.
+     * What holds until it is cleared, and next() never gives: "missing" of a program, "absent" of
+     * the sound manager, "name-delay", "no-name", "adapter-delay" and "no-adapter" of bluetoothd.
      */
     Behaviour standing(const QString &target, const QString &name) const;
-    /// The behaviours that \p target has, as people write them; empty when there is no such target.
-    static QStringList behavioursOf(const QString &target);
-    /// Everything that can be told to go wrong, but for the methods of BlueZ.
-    static QStringList targets();
 
 private:
     struct Fault
@@ -46,6 +46,7 @@ private:
         QString target;
         QString argument; ///< what the arguments of a program must contain
         Behaviour behaviour;
+        bool stands = false;
         int after = 0; ///< matching times that still go well
         int times = -1; ///< matching times that then go wrong; negative: all
     };

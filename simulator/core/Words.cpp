@@ -1,6 +1,5 @@
 #include "Words.h"
 
-#include <QDBusArgument>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 
@@ -32,10 +31,8 @@ QVariant parseTypedArgument(const QString &word)
     const QString type = word.section(':', 0, 0);
     const QString text = word.section(':', 1);
     bool ok = word.contains(':');
-    QVariant value;
-    if (type == "s") {
-        value = text;
-    } else if (type == "i") {
+    QVariant value = text;
+    if (type == "i") {
         value = text.toInt(&ok);
     } else if (type == "u") {
         value = text.toUInt(&ok);
@@ -51,52 +48,13 @@ QVariant parseTypedArgument(const QString &word)
         const QVariant content = parseTypedArgument(text);
         ok = content.isValid();
         value = QVariant::fromValue(QDBusVariant(content));
-    } else {
+    } else if (type != "s") {
         ok = false;
     }
     return ok ? value : QVariant();
 }
 
-QJsonValue toJson(const QVariant &value)
-{
-    if (value.userType() == qMetaTypeId<QDBusVariant>())
-        return toJson(value.value<QDBusVariant>().variant());
-    if (value.userType() == qMetaTypeId<QDBusObjectPath>())
-        return value.value<QDBusObjectPath>().path();
-    if (value.userType() == qMetaTypeId<QDBusArgument>())
-        return value.value<QDBusArgument>().currentSignature();
-    return QJsonValue::fromVariant(value);
-}
-
 } // namespace
-
-bool splitWords(const QString &line, QStringList *words)
-{
-    QString word;
-    bool inWord = false;
-    QChar quote;
-    for (const QChar character : line) {
-        if (!quote.isNull()) {
-            if (character == quote)
-                quote = QChar();
-            else
-                word += character;
-        } else if (character == '"' || character == '\'') {
-            quote = character;
-            inWord = true;
-        } else if (!character.isSpace()) {
-            word += character;
-            inWord = true;
-        } else if (inWord) {
-            words->append(word);
-            word.clear();
-            inWord = false;
-        }
-    }
-    if (inWord)
-        words->append(word);
-    return quote.isNull();
-}
 
 QString unknownWord(const QString &what, const QString &word, const QStringList &known)
 {
@@ -125,12 +83,4 @@ bool parseTypedArguments(const QStringList &words, QVariantList *arguments, QStr
         arguments->append(value);
     }
     return true;
-}
-
-QJsonArray toJson(const QVariantList &arguments)
-{
-    QJsonArray array;
-    for (const QVariant &argument : arguments)
-        array.append(toJson(argument));
-    return array;
 }

@@ -4,18 +4,16 @@ namespace {
 const int StartTimeoutMs = 10000;
 }
 
-Buses::Buses(const QString &folder, QObject *parent) : QObject(parent), m_log(folder + "/buses.log")
+Buses::Buses(const QString &folder)
 {
-    m_daemons["session"];
-    m_daemons["system"];
+    for (QProcess *daemon : {&m_session, &m_system})
+        daemon->setStandardErrorFile(folder + "/buses.log", QIODevice::Append);
 }
 
 Buses::~Buses()
 {
-    for (auto &[bus, daemon] : m_daemons) {
-        daemon.kill();
-        daemon.waitForFinished();
-    }
+    kill("session");
+    kill("system");
 }
 
 QString Buses::address(const QString &bus)
@@ -31,18 +29,11 @@ QDBusConnection Buses::connection(const QString &bus, const QString &name)
     return QDBusConnection::connectToBus(address(bus), name);
 }
 
-bool Buses::isRunning(const QString &bus) const
-{
-    const auto found = m_daemons.find(bus);
-    return found != m_daemons.end() && found->second.state() != QProcess::NotRunning;
-}
-
 QString Buses::start(const QString &bus)
 {
-    if (isRunning(bus))
+    QProcess &daemon = daemonOf(bus);
+    if (daemon.state() != QProcess::NotRunning)
         return "the " + bus + " bus runs already";
-    QProcess &daemon = m_daemons[bus];
-    daemon.setStandardErrorFile(m_log, QIODevice::Append);
     daemon.start("dbus-daemon",
                  {"--config-file=/run/product/bus.conf", "--nofork", "--nopidfile",
                   "--address=" + address(bus), "--print-address"});
@@ -53,9 +44,10 @@ QString Buses::start(const QString &bus)
 
 QString Buses::kill(const QString &bus)
 {
-    if (!isRunning(bus))
+    QProcess &daemon = daemonOf(bus);
+    if (daemon.state() == QProcess::NotRunning)
         return "the " + bus + " bus does not run";
-    m_daemons[bus].kill();
-    m_daemons[bus].waitForFinished();
+    daemon.kill();
+    daemon.waitForFinished();
     return {};
 }

@@ -1,12 +1,13 @@
 #include "Control.h"
 
-#include "Platform.h"
 #include "Product.h"
 #include "core/Words.h"
 
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QJsonDocument>
+#include <QLocalSocket>
+#include <QPointer>
 #include <QRegularExpression>
 
 #include <csignal>
@@ -85,6 +86,30 @@ const char Overview[] =
   bluez     backend timescale signal spoof
   product   platform bus journal follow unfollow quit)";
 
+/// What may follow a command, word by word; the names in capitals are lists of their own.
+const QMap<QString, QString> Grammar {{"forget", "all"},
+                                      {"mute", "0|1"},
+                                      {"service", "start|stop|restart|kill SIGNAL"},
+                                      {"phone", "add|PHONE VERB"},
+                                      {"kill", "PROGRAM SIGNAL"},
+                                      {"fault", "bluez:|clear|TARGET BEHAVIOUR times=|after="},
+                                      {"backend", "mgmt|hci other"},
+                                      {"platform", "EVENT"},
+                                      {"bus", "session|system kill|start"},
+                                      {"help", "COMMAND"}};
+
+/// Commands that only call the service.
+const QMap<QString, QString> Calls {
+    {"enable", "SetEnabled b:true"}, {"disable", "SetEnabled b:false"},
+    {"pin", "SetPid s:%1"},          {"volume", "SetVolume i:%1"},
+    {"mute", "SetMute i:%1"},        {"disconnect", "DisconnectDevice"},
+    {"forget", "RemoveDevice s:%1"}};
+
+const QMap<QString, QString> PlatformEvents {{"suspend", "PowerSuspend"},
+                                             {"shutdown", "PowerShutdown"},
+                                             {"reboot", "PowerReboot"},
+                                             {"supervisor-end", "SupervisorShutdown"}};
+
 const QMap<QString, int> Signals {
     {"HUP", SIGHUP},   {"INT", SIGINT},   {"QUIT", SIGQUIT}, {"ABRT", SIGABRT}, {"KILL", SIGKILL},
     {"SEGV", SIGSEGV}, {"TERM", SIGTERM}, {"STOP", SIGSTOP}, {"CONT", SIGCONT}, {"USR1", SIGUSR1}};
@@ -96,30 +121,35 @@ int signalOf(const QString &name)
     return Signals.value(bare.toUpper(), qMax(0, bare.toInt()));
 }
 
+Control::Answer failure(const QString &why)
+{
+    return {false, why, {}};
+}
+
 /// The answer of what returns why not, or an empty text.
 Control::Answer answerOf(const QString &error)
 {
     return {error.isEmpty(), error, {}};
 }
 
-Control::Answer failure(const QString &error)
+void send(QLocalSocket *client, const QByteArray &line)
 {
-    return {false, error, {}};
+    client->write(line + '\n');
+    client->flush();
 }
 
-Control::Answer success(const QString &text, const QJsonArray &values = {})
+void send(QLocalSocket *client, const QJsonObject &object)
 {
-    return {true, text, values};
+    send(client, QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
 } // namespace
 
-Control::Control(Product &product, QObject *parent)
-    : QObject(parent)
-    , m_product(product)
+Control::Control(Product &product)
+    : m_product(product)
     , m_commands {{"status", &Control::status},
-                  {"enable", &Control::setEnabled},
-                  {"disable", &Control::setEnabled},
+                  {"enable", &Control::callShort},
+                  {"disable", &Control::callShort},
                   {"pin", &Control::callShort},
                   {"volume", &Control::callShort},
                   {"mute", &Control::callShort},
@@ -132,21 +162,58 @@ Control::Control(Product &product, QObject *parent)
                   {"signal", &Control::bluez},
                   {"backend", &Control::bluez},
                   {"timescale", &Control::timescale},
+                  {"spoof", &Control::spoof},
                   {"kill", &Control::killProgram},
                   {"fault", &Control::fault},
-                  {"spoof", &Control::spoof},
                   {"platform", &Control::platform},
                   {"bus", &Control::bus},
                   {"journal", &Control::journal},
                   {"help", &Control::help},
                   {"quit", &Control::quit}}
 {
+    connect(this, &QLocalServer::newConnection, this, &Control::accept);
+}
+
+void Control::accept()
+{
+    while (QLocalSocket *client = nextPendingConnection()) {
+        connect(client, &QLocalSocket::readyRead, this, [this, client] { readLines(client); });
+        connect(client, &QLocalSocket::disconnected, client, &QObject::deleteLater);
+        readLines(client);
+    }
+}
+
+void Control::readLines(QLocalSocket *client)
+{
+    while (client->canReadLine()) {
+        const QJsonObject request = QJsonDocument::fromJson(client->readLine()).object();
+        const QPointer<QLocalSocket> asker(client);
+        if (request.contains("follow")) {
+            follow(client);
+        } else if (request.contains("complete")) {
+            const QStringList words = complete(request.value("complete").toString());
+            send(client, {{"words", QJsonArray::fromStringList(words)}});
+        } else {
+            tell(request.value("tell").toString(), [asker](const Answer &answer) {
+                if (asker)
+                    send(asker,
+                         {{"ok", answer.ok}, {"text", answer.text}, {"values", answer.values}});
+            });
+        }
+    }
+}
+
+void Control::follow(QLocalSocket *client)
+{
+    client->write(m_product.journal.contents());
+    client->flush();
+    connect(&m_product.journal, &Journal::recorded, client,
+            [client](const QByteArray &entry) { send(client, entry); });
 }
 
 void Control::tell(const QString &line, const Done &done)
 {
-    QStringList words;
-    const bool complete = splitWords(line, &words);
+    const QStringList words = QProcess::splitCommand(line);
     const QString name = words.value(0);
     m_product.journal.record("control", name == "fault" ? "fault" : "control",
                              "- " + line.trimmed());
@@ -155,7 +222,7 @@ void Control::tell(const QString &line, const Done &done)
             m_product.journal.record("control", "error", "- error: " + outcome.text);
         done(outcome);
     };
-    if (!complete)
+    if (line.count('"') % 2 != 0)
         answer(failure("a quote is not closed"));
     else if (!m_commands.contains(name))
         answer(failure(unknownWord("command", name, m_commands.keys())));
@@ -167,160 +234,129 @@ QStringList Control::complete(const QString &line) const
 {
     QStringList words = line.split(' ', Qt::SkipEmptyParts);
     const QString begun = line.isEmpty() || line.endsWith(' ') ? QString() : words.takeLast();
-    const QString command = words.value(0);
-    const QString first = words.value(1);
-    QStringList known;
-    if (words.isEmpty())
-        known = m_commands.keys() + QStringList {"follow", "unfollow", "ulmoctl", "busctl"};
-    else if (command == "phone" && words.size() == 1)
-        known = m_product.bluez.phoneNames() + QStringList {"add"};
-    else if (command == "phone" && first == "add" && words.size() > 2)
-        known = QStringList {"address=", "name=", "pin=", "audio=", "known", "trusted"};
-    else if (command == "phone" && first != "add" && words.size() == 2)
-        known = m_product.bluez.verbs();
-    else if (command == "service" && words.size() == 1)
-        known = QStringList {"start", "stop", "restart", "kill"};
-    else if (words.size() == 2 && (command == "kill" || (command == "service" && first == "kill")))
-        known = Signals.keys();
-    else if (command == "kill" && words.size() == 1)
-        known = Faults::targets().mid(0, Faults::targets().size() - 1);
-    else if (command == "fault" && words.size() == 1)
-        known = Faults::targets() + QStringList {"bluez:", "clear"};
-    else if (command == "fault" && first == "clear")
-        known = Faults::targets() + QStringList {"bluez"};
-    else if (command == "fault")
-        known = Faults::behavioursOf(first).replaceInStrings(QRegularExpression("[A-Z\\[\\]]"), "")
-            + QStringList {"times=", "after="};
-    else if (command == "bus")
-        known =
-            words.size() == 1 ? QStringList {"session", "system"} : QStringList {"kill", "start"};
-    else if (command == "platform" && words.size() == 1)
-        known = Platform::events()
-            + Platform::events().replaceInStrings(QRegularExpression("^"), "spoof-");
-    else if (command == "backend")
-        known = words.size() == 1 ? QStringList {"mgmt", "hci"} : QStringList {"other"};
-    else if (command == "help")
-        known = m_commands.keys();
-    known = known.filter(QRegularExpression('^' + QRegularExpression::escape(begun)));
-    known.sort();
-    return known;
-}
-
-void Control::callService(const QString &method, const QVariantList &arguments, const Done &done)
-{
-    const QDBusConnection connection = Buses::connection("session", "caller");
-    const QString interface = method.contains('.') ? method.section('.', 0, -2) : ServiceInterface;
-    QDBusMessage message = QDBusMessage::createMethodCall(ServiceName, ServicePath, interface,
-                                                          method.section('.', -1));
-    message.setArguments(arguments);
-    auto *watcher = new QDBusPendingCallWatcher(connection.asyncCall(message, CallTimeoutMs), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, watcher, [watcher, done] {
-        watcher->deleteLater();
-        const QDBusMessage reply = watcher->reply();
-        if (reply.type() == QDBusMessage::ErrorMessage) {
-            done(failure(reply.errorName() + ": " + reply.errorMessage()));
-            return;
-        }
-        const QJsonArray values = toJson(reply.arguments());
-        done(success(QJsonDocument(values).toJson(QJsonDocument::Compact), values));
-    });
+    const QStringList commands =
+        m_commands.keys() + QStringList {"follow", "unfollow", "ulmoctl", "busctl"};
+    QStringList behaviours = Faults::behavioursOf(words.value(1));
+    behaviours.replaceInStrings(QRegularExpression("[A-Z\\[\\]]"), "");
+    QStringList events = PlatformEvents.keys();
+    for (const QString &event : PlatformEvents.keys())
+        events.append("spoof-" + event);
+    const QMap<QString, QStringList> lists {{"COMMAND", commands},
+                                            {"SIGNAL", Signals.keys()},
+                                            {"PHONE", m_product.bluez.phoneNames()},
+                                            {"VERB", m_product.bluez.verbs()},
+                                            {"PROGRAM", Faults::targets()},
+                                            {"TARGET", Faults::targets()},
+                                            {"BEHAVIOUR", behaviours},
+                                            {"EVENT", events}};
+    const QString place = words.isEmpty()
+        ? "COMMAND"
+        : Grammar.value(words.first()).split(' ').value(words.size() - 1);
+    QStringList fitting;
+    for (const QString &word : place.split('|', Qt::SkipEmptyParts))
+        fitting += lists.value(word, {word});
+    fitting = fitting.filter(QRegularExpression('^' + QRegularExpression::escape(begun)));
+    fitting.sort();
+    return fitting;
 }
 
 void Control::status(const QStringList &, const Done &done)
 {
-    callService("GetStatus", {}, [done](const Answer &answer) {
+    call({"call", "GetStatus"}, [done](const Answer &answer) {
         const QJsonArray &values = answer.values;
-        if (!answer.ok || values.size() != 4) {
+        if (!answer.ok) {
             done(answer);
             return;
         }
-        done(success(QString("Bluetooth is %1 and %2; the PIN is %3")
-                         .arg(values.at(2).toBool() ? "on" : "off",
-                              values.at(1).toBool() ? "enabled" : "disabled",
-                              values.at(3).toString()),
-                     values));
+        const QString text =
+            QString("Bluetooth is %1 and %2; the PIN is %3")
+                .arg(values.at(2).toBool() ? "on" : "off",
+                     values.at(1).toBool() ? "enabled" : "disabled", values.at(3).toString());
+        done({true, text, values});
     });
 }
 
-void Control::setEnabled(const QStringList &words, const Done &done)
-{
-    callService("SetEnabled", {words.first() == "enable"}, done);
-}
-
-/// "pin 1234" and the like: one word, and its argument where it has one.
 void Control::callShort(const QStringList &words, const Done &done)
 {
-    const QString name = words.first();
-    const QString argument = words.value(1);
+    const QString form = Calls.value(words.first());
     bool isNumber = false;
-    const int number = argument.toInt(&isNumber);
-    if (name == "disconnect" && words.size() == 1)
-        callService("DisconnectDevice", {}, done);
-    else if (name == "disconnect")
-        done(failure("disconnect takes nothing"));
-    else if (words.size() != 2)
-        done(failure(name + " wants one value"));
-    else if (name == "pin")
-        callService("SetPid", {argument}, done);
-    else if (name == "forget" && argument == "all")
-        callService("RemoveAllDevices", {}, done);
-    else if (name == "forget")
-        callService("RemoveDevice", {argument}, done);
-    else if (!isNumber)
-        done(failure(name + " wants a number"));
+    words.value(1).toInt(&isNumber);
+    if (words.size() != (form.contains('%') ? 2 : 1))
+        done(
+            failure(words.first() + (form.contains('%') ? " wants one value" : " wants no value")));
+    else if (form.contains("i:%1") && !isNumber)
+        done(failure(words.first() + " wants a number"));
+    else if (words.first() == "forget" && words.last() == "all")
+        call({"call", "RemoveAllDevices"}, done);
     else
-        callService(name == "volume" ? "SetVolume" : "SetMute", {number}, done);
+        call(QStringList {"call"} + form.arg(words.last()).split(' '), done);
 }
 
 void Control::call(const QStringList &words, const Done &done)
 {
     QVariantList arguments;
     QString error;
-    if (words.size() < 2)
-        done(failure("call METHOD [TYPE:VALUE...]"));
-    else if (!parseTypedArguments(words.mid(2), &arguments, &error))
-        done(failure(error));
-    else
-        callService(words.at(1), arguments, done);
+    if (words.size() < 2 || !parseTypedArguments(words.mid(2), &arguments, &error)) {
+        done(failure(error.isEmpty() ? "call METHOD [TYPE:VALUE...]" : error));
+        return;
+    }
+    const QString method = words.at(1);
+    const QString interface = method.contains('.') ? method.section('.', 0, -2) : ServiceInterface;
+    QDBusMessage message = QDBusMessage::createMethodCall(ServiceName, ServicePath, interface,
+                                                          method.section('.', -1));
+    message.setArguments(arguments);
+    const QDBusConnection bus = Buses::connection("session", "caller");
+    auto *watcher = new QDBusPendingCallWatcher(bus.asyncCall(message, CallTimeoutMs), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, watcher, [watcher, done] {
+        watcher->deleteLater();
+        const QDBusMessage reply = watcher->reply();
+        const QJsonArray values = QJsonArray::fromVariantList(reply.arguments());
+        if (reply.type() == QDBusMessage::ErrorMessage)
+            done(failure(reply.errorName() + ": " + reply.errorMessage()));
+        else
+            done({true, QJsonDocument(values).toJson(QJsonDocument::Compact), values});
+    });
 }
 
 void Control::service(const QStringList &words, const Done &done)
 {
-    Service &service = m_product.service;
     const QString what = words.value(1);
-    const bool isWaiting = what == "stop" || (what == "restart" && service.isRunning());
-    if (what == "kill" && words.size() == 3) {
-        const int signal = signalOf(words.at(2));
-        done(answerOf(signal ? service.kill(signal)
-                             : unknownWord("signal", words.at(2), Signals.keys())));
-    } else if (what == "kill") {
-        done(failure("service kill SIGNAL"));
-    } else if (isWaiting) {
-        const QString error = service.kill(SIGTERM);
-        if (!error.isEmpty()) {
-            done(failure(error));
-            return;
-        }
-        auto *context = new QObject(this);
-        connect(&service, &Service::ended, context, [=, &service](const QString &how) {
-            context->deleteLater();
-            const Answer ended = success("it has ended " + how);
-            done(what == "stop" ? ended : answerOf(service.startService()));
-        });
-    } else if (what == "start" || what == "restart") {
-        done(answerOf(service.startService()));
-    } else {
-        done(failure(what.isEmpty() ? "service start|stop|restart, or service kill SIGNAL"
-                                    : unknownWord("service command", what,
-                                                  {"start", "stop", "restart", "kill"})));
+    if (what == "stop" || (what == "restart" && m_product.service.isRunning()))
+        stopService(what == "restart", done);
+    else if (what == "start" || what == "restart")
+        done(answerOf(m_product.service.startService()));
+    else if (what == "kill" && signalOf(words.value(2)))
+        done(answerOf(m_product.service.kill(signalOf(words.value(2)))));
+    else if (what == "kill" && words.size() > 2)
+        done(failure(unknownWord("signal", words.at(2), Signals.keys())));
+    else if (what == "kill" || what.isEmpty())
+        done(failure("service start|stop|restart, or service kill SIGNAL"));
+    else
+        done(failure(unknownWord("service command", what, {"start", "stop", "restart", "kill"})));
+}
+
+void Control::stopService(bool startsAgain, const Done &done)
+{
+    const QString error = m_product.service.kill(SIGTERM);
+    if (!error.isEmpty()) {
+        done(failure(error));
+        return;
     }
+    auto *once = new QObject(this);
+    connect(&m_product.service, &Service::ended, once, [=](const QString &how) {
+        once->deleteLater();
+        if (startsAgain)
+            done(answerOf(m_product.service.startService()));
+        else
+            done({true, "it has ended " + how, {}});
+    });
 }
 
 void Control::bluez(const QStringList &words, const Done &done)
 {
     QString text;
     const QString error = m_product.bluez.tell(words, &text);
-    done(error.isEmpty() ? success(text) : failure(error));
+    done({error.isEmpty(), error.isEmpty() ? text : error, {}});
 }
 
 void Control::timescale(const QStringList &words, const Done &done)
@@ -331,47 +367,15 @@ void Control::timescale(const QStringList &words, const Done &done)
     done(answerOf(scale > 0 ? QString() : "timescale wants a number above 0"));
 }
 
-void Control::killProgram(const QStringList &words, const Done &done)
-{
-    const QString name = words.value(1);
-    const int signal = signalOf(words.value(2, "KILL"));
-    Stub *stub = m_product.stubs.find(name);
-    if (name.isEmpty())
-        done(failure("kill PROGRAM [SIGNAL]"));
-    else if (Faults::behavioursOf(name).isEmpty() || name == "soundmanager")
-        done(failure(name == "service" ? QString("that is \"service kill SIGNAL\"")
-                                       : unknownWord("program", name, Faults::targets())));
-    else if (signal == 0)
-        done(failure(unknownWord("signal", words.at(2), Signals.keys())));
-    else if (!stub)
-        done(failure(name + " is not running"));
-    else
-        done(answerOf(stub->kill(signal)));
-}
-
-void Control::fault(const QStringList &words, const Done &done)
-{
-    if (words.size() < 2) {
-        done(failure("fault TARGET BEHAVIOUR [times=N] [after=N]; see \"help faults\""));
-        return;
-    }
-    const QString error = words.at(1) == "clear" ? m_product.faults.clear(words.value(2))
-                                                 : m_product.faults.add(words.mid(1));
-    m_product.applyFaults();
-    done(answerOf(error));
-}
-
 void Control::spoof(const QStringList &line, const Done &done)
 {
     QStringList words = line;
     QVariantList arguments;
     QString error;
     const QString to = words.value(1).startsWith("to=") ? words.takeAt(1).mid(3) : QString();
-    if (words.size() < 3) {
-        done(failure("spoof [to=BUSNAME] PATH INTERFACE.SIGNAL [TYPE:VALUE...]"));
-        return;
-    }
-    if (!parseTypedArguments(words.mid(3), &arguments, &error)) {
+    if (words.size() < 3)
+        error = "spoof [to=BUSNAME] PATH INTERFACE.SIGNAL [TYPE:VALUE...]";
+    if (!error.isEmpty() || !parseTypedArguments(words.mid(3), &arguments, &error)) {
         done(failure(error));
         return;
     }
@@ -383,18 +387,54 @@ void Control::spoof(const QStringList &line, const Done &done)
     done(answerOf(sent ? QString() : "this cannot be sent"));
 }
 
+void Control::killProgram(const QStringList &words, const Done &done)
+{
+    const QString name = words.value(1);
+    const int signal = signalOf(words.value(2, "KILL"));
+    if (name.isEmpty())
+        done(failure("kill PROGRAM [SIGNAL]"));
+    else if (name == "service")
+        done(failure("that is \"service kill SIGNAL\""));
+    else if (!Faults::targets().contains(name))
+        done(failure(unknownWord("program", name, Faults::targets())));
+    else if (signal == 0)
+        done(failure(unknownWord("signal", words.at(2), Signals.keys())));
+    else
+        done(answerOf(m_product.programs.kill(name, signal)));
+}
+
+void Control::fault(const QStringList &words, const Done &done)
+{
+    if (words.size() < 2) {
+        done(failure("fault TARGET BEHAVIOUR [times=N] [after=N]; see \"help faults\""));
+        return;
+    }
+    const QString error = words.at(1) == "clear" ? m_product.faults.clear(words.value(2))
+                                                 : m_product.faults.add(words.mid(1));
+    m_product.programs.updatePresence();
+    m_product.soundManager.updatePresence();
+    done(answerOf(error));
+}
+
 void Control::platform(const QStringList &words, const Done &done)
 {
     QString event = words.value(1);
-    const bool stranger = event.startsWith("spoof-");
-    if (stranger)
-        event.remove(0, int(strlen("spoof-")));
-    if (event.isEmpty())
-        done(failure("platform " + Platform::events().join('|') + " [REASON]"));
-    else if (!Platform::events().contains(event))
-        done(failure(unknownWord("platform event", event, Platform::events())));
-    else
-        done(answerOf(Platform::send(event, words.mid(2).join(' '), stranger)));
+    const bool isSpoofed = event.startsWith("spoof-");
+    event.remove(QRegularExpression("^spoof-"));
+    if (event.isEmpty() || !PlatformEvents.contains(event)) {
+        const QString all = "platform " + PlatformEvents.keys().join('|') + " [REASON]";
+        done(failure(
+            event.isEmpty() ? all : unknownWord("platform event", event, PlatformEvents.keys())));
+        return;
+    }
+    QDBusMessage message = QDBusMessage::createSignal("/com/orbitalis/ulmo/platform",
+                                                      "com.orbitalis.ulmo.platformevents",
+                                                      PlatformEvents.value(event));
+    if (event != "supervisor-end")
+        message << words.mid(2).join(' ');
+    const QString sender = isSpoofed ? "stranger" : "platform";
+    const bool sent = Buses::connection("session", sender).send(message);
+    done(answerOf(sent ? QString() : "there is no session bus"));
 }
 
 void Control::bus(const QStringList &words, const Done &done)
@@ -409,9 +449,8 @@ void Control::bus(const QStringList &words, const Done &done)
 
 void Control::journal(const QStringList &words, const Done &done)
 {
-    bool isNumber = false;
-    const int count = words.value(1, "20").toInt(&isNumber);
-    if (!isNumber || count < 1 || words.size() > 2) {
+    const int count = words.value(1, "20").toInt();
+    if (count < 1) {
         done(failure("journal wants the number of entries"));
         return;
     }
@@ -423,30 +462,27 @@ void Control::journal(const QStringList &words, const Done &done)
                          .arg(entry.value("time").toDouble(), 9, 'f', 3)
                          .arg(entry.value("line").toString()));
     }
-    done(success(lines.join('\n')));
+    done({true, lines.join('\n'), {}});
 }
 
 void Control::help(const QStringList &words, const Done &done)
 {
-    const QString wanted = words.value(1);
-    if (wanted.isEmpty()) {
-        done(success(Overview));
-        return;
-    }
+    const QString wanted = words.value(1, "help");
+    QStringList topics {"help"};
     for (const Topic &topic : Topics) {
-        if (wanted == topic.name || QString(topic.commands).split(' ').contains(wanted)) {
-            done(success(topic.text));
+        const QStringList commands = QString(topic.commands).split(' ');
+        topics += QStringList {topic.name} + commands;
+        if (wanted == topic.name || commands.contains(wanted)) {
+            done({true, topic.text, {}});
             return;
         }
     }
-    QStringList topics {"help"};
-    for (const Topic &topic : Topics)
-        topics += QStringList {topic.name} + QString(topic.commands).split(' ');
-    done(wanted == "help" ? success(Overview) : failure(unknownWord("topic", wanted, topics)));
+    done(wanted == "help" ? Answer {true, Overview, {}}
+                          : failure(unknownWord("topic", wanted, topics)));
 }
 
 void Control::quit(const QStringList &, const Done &done)
 {
-    done(success({}));
-    m_product.quit(0);
+    done({true, {}, {}});
+    m_product.quit();
 }

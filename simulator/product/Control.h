@@ -2,21 +2,28 @@
 #define CONTROL_H
 
 #include <QJsonArray>
+#include <QLocalServer>
 #include <QMap>
-#include <QObject>
 #include <QStringList>
 
 #include <functional>
 
 class Product;
+class QLocalSocket;
 
-/// What the product can be told, by people at the prompt and by tests alike: lines of words.
-class Control : public QObject
+/**
+ * What the product can be told, by people at the prompt and by tests alike: lines of words. They
+ * come through a socket with one JSON object per line:
+ *
+ *   {"tell": "phone anna play"}   {"ok": true, "text": "...", "values": [...]} when it is done
+ *   {"complete": "phone an"}      {"words": ["anna"]}
+ *   {"follow": true}              every entry of the journal, from the first on
+ */
+class Control : public QLocalServer
 {
     Q_OBJECT
 
 public:
-    /// The outcome of a line.
     struct Answer
     {
         bool ok;
@@ -26,7 +33,7 @@ public:
     /// Takes the answer; called once, now or later.
     using Done = std::function<void(const Answer &)>;
 
-    explicit Control(Product &product, QObject *parent = nullptr);
+    explicit Control(Product &product);
 
     /// Carries out \p line, which then stands in the journal.
     void tell(const QString &line, const Done &done);
@@ -36,26 +43,28 @@ public:
 private:
     using Command = void (Control::*)(const QStringList &words, const Done &done);
 
+    void accept();
+    void readLines(QLocalSocket *client);
+    void follow(QLocalSocket *client);
+
     // The service, over D-Bus and as a process.
     void status(const QStringList &words, const Done &done);
-    void setEnabled(const QStringList &words, const Done &done);
     void callShort(const QStringList &words, const Done &done);
     void call(const QStringList &words, const Done &done);
     void service(const QStringList &words, const Done &done);
+    void stopService(bool startsAgain, const Done &done);
     // Phones, programs and their faults.
     void bluez(const QStringList &words, const Done &done);
+    void timescale(const QStringList &words, const Done &done);
+    void spoof(const QStringList &words, const Done &done);
     void killProgram(const QStringList &words, const Done &done);
     void fault(const QStringList &words, const Done &done);
-    void timescale(const QStringList &words, const Done &done);
     // The rest of the product.
-    void spoof(const QStringList &words, const Done &done);
     void platform(const QStringList &words, const Done &done);
     void bus(const QStringList &words, const Done &done);
     void journal(const QStringList &words, const Done &done);
     void help(const QStringList &words, const Done &done);
     void quit(const QStringList &words, const Done &done);
-
-    void callService(const QString &method, const QVariantList &arguments, const Done &done);
 
     Product &m_product;
     const QMap<QString, Command> m_commands;

@@ -1,7 +1,5 @@
 #include "Product.h"
 
-#include "Platform.h"
-
 #include <QCoreApplication>
 #include <QTimer>
 
@@ -9,31 +7,32 @@
 #include <ctime>
 
 namespace {
+const char ServiceProgram[] = "/run/product/build/service/bluetoothmanager";
 const int ServiceEndTimeoutMs = 20000;
-}
+} // namespace
 
-Product::Product(const Options &options)
-    : journal(options.out + "/journal.jsonl")
-    , buses(options.out)
+Product::Product(const QString &out, bool realPulse, const QStringList &environment,
+                 const QString &under)
+    : journal(out + "/journal.jsonl")
     , bluez(journal, clock, faults, Buses::address("system"))
-    , sound(journal)
-    , service(journal, options.build + "/service/bluetoothmanager", options.environment,
-              options.under)
-    , stubs(journal, [this] { service.drain(); })
-    , programs(stubs, faults, bluez, sound, options.realPulse)
+    , service(journal, ServiceProgram, environment, under)
+    , programs(journal, faults, bluez, m_sound, realPulse)
     , soundManager(faults)
+    , m_buses(out)
+    , m_sound(journal)
     , m_sessionMonitor("session", journal, [](const QString &path) { return path; })
     , m_systemMonitor("system", journal,
                       [this](const QString &path) { return bluez.shortName(path); })
 {
-    // A program that the service has waited for has ended before what the service says next.
+    // What the service has said before comes first; and a program that it has waited for has ended
+    // before what it says next.
+    connect(&programs, &Programs::aboutToSpeak, &service, &Service::drain);
     connect(&service, &Service::hasPrinted, this, [this] {
-        stubs.catchUp();
+        programs.catchUp();
         service.drain();
     });
-    connect(&bluez, &BlueZ::phonePlays, &sound, &Sound::streamChanged);
-    connect(&bluez, &BlueZ::phonePlays, &programs, &Programs::streamChanged);
-    connect(&sound, &Sound::taken, &bluez, &BlueZ::takeStream);
+    connect(&bluez, &BlueZ::phonePlays, &m_sound, &Sound::streamChanged);
+    connect(&m_sound, &Sound::taken, &bluez, &BlueZ::takeStream);
     connect(&programs, &Programs::streamTaken, &bluez, &BlueZ::takeStream);
 }
 
@@ -51,54 +50,45 @@ QString Product::start()
         if (!error.isEmpty())
             return error;
     }
-    return stubs.listen("/run/product/stubs");
+    return programs.listen();
 }
 
 QString Product::startBus(const QString &bus)
 {
-    QString error = buses.start(bus);
+    QString error = m_buses.start(bus);
+    BusMonitor &monitor = bus == "session" ? m_sessionMonitor : m_systemMonitor;
     if (error.isEmpty())
-        error = monitorOf(bus).start(Buses::address(bus));
-    if (error.isEmpty() && bus == "session")
-        error = soundManager.start();
-    if (error.isEmpty() && bus == "session")
-        error = Platform::start();
+        error = monitor.start(Buses::address(bus));
+    if (error.isEmpty() && bus == "session") {
+        soundManager.updatePresence();
+        // Of the platform's power events.
+        Buses::connection(bus, "platform").registerService("com.orbitalis.ulmo.platform");
+    }
     return error;
 }
 
 QString Product::killBus(const QString &bus)
 {
-    const QString error = buses.kill(bus);
+    const QString error = m_buses.kill(bus);
     if (error.isEmpty() && bus == "system")
         programs.systemBusLost();
     return error;
 }
 
-void Product::applyFaults()
-{
-    programs.updatePresence();
-    soundManager.updatePresence();
-}
-
-void Product::quit(int status)
+void Product::quit()
 {
     if (!service.kill(SIGTERM).isEmpty()) {
-        finish(status);
+        finish();
         return;
     }
-    connect(&service, &Service::ended, this, [this, status] { finish(status); });
-    QTimer::singleShot(ServiceEndTimeoutMs, this, [this, status] { finish(status); });
+    connect(&service, &Service::ended, this, &Product::finish);
+    QTimer::singleShot(ServiceEndTimeoutMs, this, &Product::finish);
 }
 
-BusMonitor &Product::monitorOf(const QString &bus)
+void Product::finish()
 {
-    return bus == "session" ? m_sessionMonitor : m_systemMonitor;
-}
-
-void Product::finish(int status)
-{
-    stubs.catchUp();
+    programs.catchUp();
     m_sessionMonitor.settle();
     m_systemMonitor.settle();
-    QCoreApplication::exit(status);
+    QCoreApplication::quit();
 }

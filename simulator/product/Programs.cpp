@@ -1,23 +1,30 @@
 #include "Programs.h"
 
 #include "Buses.h"
-#include "Stubs.h"
+#include "Stub.h"
 #include "bluez/BlueZ.h"
 #include "core/Faults.h"
 #include "sound/Sound.h"
 
 #include <QDir>
-#include <QFile>
+#include <QSocketNotifier>
 #include <QTimer>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
-const char ProgramFolder[] = "/run/product/bin/";
-const char RealPrograms[] = "/run/product/host/bin/";
-const char PulseFolder[] = "/var/run/pulse";
+const char SocketPath[] = "/run/product/stubs";
+const QString ProgramFolder = QStringLiteral("/run/product/bin/");
+const QString RealPrograms = QStringLiteral("/run/product/host/bin/");
+const QString PulseFolder = QStringLiteral("/var/run/pulse/");
 const int EndMs = 20; ///< from SIGTERM to the end of a daemon; the real ones take 10 to 50
+
 /// As a real one answers "browse local". The service cuts the record's number out of it by the
 /// words "Headset Audio Gateway", which stand there twice, and so deletes nothing.
 const char Browsed[] = R"(Browsing FF:FF:FF:00:00:00 ...
@@ -30,27 +37,69 @@ Service Class ID List:
 
 } // namespace
 
-Programs::Programs(Stubs &stubs, Faults &faults, BlueZ &bluez, Sound &sound, bool realPulse,
-                   QObject *parent)
-    : QObject(parent)
-    , m_stubs(stubs)
-    , m_faults(faults)
-    , m_bluez(bluez)
-    , m_sound(sound)
-    , m_realPulse(realPulse)
+Programs::Programs(Journal &journal, Faults &faults, BlueZ &bluez, Sound &sound, bool realPulse)
+    : m_journal(journal), m_faults(faults), m_bluez(bluez), m_sound(sound), m_realPulse(realPulse)
 {
-    const QDir programs(ProgramFolder);
-    for (const QFileInfo &file : programs.entryInfoList(QDir::Files | QDir::System))
+    for (const QFileInfo &file : QDir(ProgramFolder).entryInfoList(QDir::Files | QDir::System))
         m_files.insert(file.fileName(), file.symLinkTarget());
-    connect(&stubs, &Stubs::started, this, &Programs::started);
-    connect(&stubs, &Stubs::terminationRequested, this, &Programs::terminationRequested);
-    connect(&stubs, &Stubs::programEnded, this, &Programs::programEnded);
-    connect(&stubs, &Stubs::ended, this, &Programs::ended);
     connect(&bluez, &BlueZ::agentExited, this, [this](int status) {
         if (m_agent)
             m_agent->exit(status);
         m_agent = nullptr;
     });
+    connect(&bluez, &BlueZ::phonePlays, this, [this](const QString &phone, const QString &device) {
+        const QString before = m_sources.take(phone);
+        if (!device.isEmpty())
+            m_sources.insert(phone, "bluez_source." + device.section("/dev_", -1));
+        else if (!before.isEmpty() && before == m_loopback)
+            setLoopback(QString());
+    });
+}
+
+Programs::~Programs()
+{
+    ::close(m_socket);
+}
+
+QString Programs::listen()
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    qstrncpy(address.sun_path, SocketPath, sizeof address.sun_path);
+    m_socket = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (::bind(m_socket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0
+        || ::listen(m_socket, SOMAXCONN) != 0)
+        return SocketPath + QString(": ") + strerror(errno);
+    auto *notifier = new QSocketNotifier(m_socket, QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &Programs::accept);
+    return {};
+}
+
+void Programs::accept()
+{
+    int socket = -1;
+    while ((socket = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
+        auto *stub = new Stub(socket, m_journal, this);
+        m_stubs.append(stub);
+        connect(stub, &Stub::aboutToSpeak, this, &Programs::aboutToSpeak);
+        connect(stub, &Stub::started, this, [this, stub] { started(stub); });
+        connect(stub, &Stub::terminationRequested, this, [=] { terminationRequested(stub); });
+        connect(stub, &Stub::ended, this, [this, stub] { ended(stub); });
+        connect(stub, &Stub::programEnded, this, [this, stub](int status) {
+            if (status == 0 && stub->arguments().contains("module-bluetooth-discover"))
+                m_sound.discovered();
+            stub->exit(status);
+        });
+        stub->read();
+    }
+}
+
+void Programs::catchUp()
+{
+    accept();
+    const QList<Stub *> stubs = m_stubs;
+    for (Stub *stub : stubs)
+        stub->read();
 }
 
 void Programs::updatePresence()
@@ -64,18 +113,29 @@ void Programs::updatePresence()
     }
 }
 
+QString Programs::kill(const QString &program, int signal)
+{
+    for (auto stub = m_stubs.crbegin(); stub != m_stubs.crend(); ++stub) {
+        if ((*stub)->name() == program) {
+            (*stub)->kill(signal);
+            return {};
+        }
+    }
+    return program + " is not running";
+}
+
 void Programs::systemBusLost()
 {
     if (m_bluetoothd) {
         m_bluez.stop(false);
         m_bluetoothd->exit(1);
-        m_bluetoothd = nullptr;
     }
     if (m_agent) {
         m_bluez.stopAgent(false);
         m_agent->exit(1);
-        m_agent = nullptr;
     }
+    m_bluetoothd = nullptr;
+    m_agent = nullptr;
 }
 
 void Programs::started(Stub *stub)
@@ -89,7 +149,7 @@ void Programs::started(Stub *stub)
         QTimer::singleShot(fault.number(), stub, [this, stub] { carryOut(stub); });
     } else if (fault.name != "hang") {
         if (fault.name == "ignore-term")
-            m_ignoringTerm.insert(stub);
+            m_ignoringTerm.append(stub);
         carryOut(stub);
     }
 }
@@ -97,10 +157,8 @@ void Programs::started(Stub *stub)
 void Programs::carryOut(Stub *stub)
 {
     const QString name = stub->name();
-    if (name == "bluetoothd") {
-        startBluetoothd(stub);
-    } else if (name == "agent") {
-        startAgent(stub);
+    if (name == "bluetoothd" || name == "agent") {
+        startOnBus(stub);
     } else if (name == "pulseaudio") {
         startPulseaudio(stub);
     } else if (name == "pactl") {
@@ -114,24 +172,20 @@ void Programs::carryOut(Stub *stub)
     }
 }
 
-void Programs::startBluetoothd(Stub *stub)
+void Programs::startOnBus(Stub *stub)
 {
-    if (m_bluetoothd || !Buses::connection("system", "probe").isConnected()) {
+    const bool isAgent = stub->name() == "agent";
+    Stub *&place = isAgent ? m_agent : m_bluetoothd;
+    // There can be one at a time, and none without a bus.
+    if (place || !Buses::connection("system", "probe").isConnected()) {
         stub->exit(1);
         return;
     }
-    m_bluetoothd = stub;
-    m_bluez.start(stub->pid(), stub->hostName());
-}
-
-void Programs::startAgent(Stub *stub)
-{
-    if (m_agent || !Buses::connection("system", "probe").isConnected()) {
-        stub->exit(1);
-        return;
-    }
-    m_agent = stub;
-    m_bluez.startAgent(stub->pid(), stub->arguments());
+    place = stub;
+    if (isAgent)
+        m_bluez.startAgent(stub->pid(), stub->arguments());
+    else
+        m_bluez.start(stub->pid(), stub->hostName());
 }
 
 void Programs::startPulseaudio(Stub *stub)
@@ -142,7 +196,7 @@ void Programs::startPulseaudio(Stub *stub)
         return;
     }
     QDir().mkpath(PulseFolder);
-    QFile pidFile(PulseFolder + QString("/pid"));
+    QFile pidFile(PulseFolder + "pid");
     if (pidFile.open(QIODevice::WriteOnly))
         pidFile.write(QByteArray::number(stub->pid()) + '\n');
 }
@@ -159,84 +213,65 @@ void Programs::runSdptool(Stub *stub)
 void Programs::runPactl(Stub *stub)
 {
     const QStringList arguments = stub->arguments();
-    const QString command = arguments.value(0);
+    const bool isLoad = arguments.value(0) == "load-module";
     if (m_realPulse) {
         stub->run(RealPrograms + stub->name());
-    } else if (!m_pulse) {
+    } else if (!m_pulse || (isLoad && !loadModule(arguments))) {
         stub->exit(1);
-    } else if (command == "load-module") {
-        const int status = loadModule(arguments.mid(1));
-        if (status == 0)
-            stub->print(QString::number(m_nextModule++) + '\n');
-        stub->exit(status);
     } else {
-        stub->exit(command.startsWith("set-source-output-") && m_loopback.isEmpty() ? 1 : 0);
+        if (isLoad)
+            stub->print(QString::number(m_nextModule++) + '\n');
+        const bool needsLoopback = arguments.value(0).startsWith("set-source-output-");
+        stub->exit(needsLoopback && m_loopback.isEmpty() ? 1 : 0);
     }
 }
 
-/// The scripted server's status.
-int Programs::loadModule(const QStringList &arguments)
+/// Whether the scripted server has loaded it.
+bool Programs::loadModule(const QStringList &arguments)
 {
-    if (arguments.value(0) == "module-bluetooth-discover")
-        m_discovery = true;
-    if (arguments.value(0) != "module-loopback")
-        return 0;
+    m_discovery = m_discovery || arguments.contains("module-bluetooth-discover");
+    if (!arguments.contains("module-loopback"))
+        return true;
     for (const QString &source : qAsConst(m_sources)) {
         if (m_discovery && arguments.contains("source=" + source)) {
-            m_loopback = source;
-            emit streamTaken(true);
-            return 0;
+            setLoopback(source);
+            return true;
         }
     }
-    return 1;
+    return false;
 }
 
-void Programs::streamChanged(const QString &phone, const QString &devicePath)
+void Programs::setLoopback(const QString &source)
 {
-    if (!devicePath.isEmpty())
-        m_sources.insert(phone, "bluez_source." + devicePath.section("/dev_", -1));
-    else if (m_sources.take(phone) == m_loopback)
-        leaveStream();
-}
-
-void Programs::leaveStream()
-{
-    if (m_loopback.isEmpty())
+    if (source == m_loopback)
         return;
-    m_loopback.clear();
-    emit streamTaken(false);
+    m_loopback = source;
+    emit streamTaken(!source.isEmpty());
 }
 
 void Programs::terminationRequested(Stub *stub)
 {
     if (m_ignoringTerm.contains(stub))
         return;
-    if (stub != m_bluetoothd && stub != m_agent && stub != m_pulse) {
+    if (stub == m_bluetoothd) {
+        m_bluez.stop(true);
+        m_bluetoothd = nullptr;
+    } else if (stub == m_agent) {
+        m_bluez.stopAgent(true);
+        m_agent = nullptr;
+    } else if (stub == m_pulse) {
+        QFile::remove(PulseFolder + "pid");
+    } else {
         stub->endBy(SIGTERM);
         return;
-    }
-    if (stub == m_bluetoothd) {
-        m_bluetoothd = nullptr;
-        m_bluez.stop(true);
-    } else if (stub == m_agent) {
-        m_agent = nullptr;
-        m_bluez.stopAgent(true);
-    } else {
-        QFile::remove(PulseFolder + QString("/pid"));
     }
     QTimer::singleShot(EndMs, stub, [stub] { stub->exit(0); });
 }
 
-void Programs::programEnded(Stub *stub, int status)
-{
-    if (status == 0 && stub->arguments().value(1) == "module-bluetooth-discover")
-        m_sound.discovered();
-    stub->exit(status);
-}
-
 void Programs::ended(Stub *stub)
 {
-    m_ignoringTerm.remove(stub);
+    m_stubs.removeOne(stub);
+    m_ignoringTerm.removeOne(stub);
     if (stub == m_bluetoothd) {
         m_bluetoothd = nullptr;
         m_bluez.stop(false);
@@ -246,7 +281,7 @@ void Programs::ended(Stub *stub)
     } else if (stub == m_pulse) {
         m_pulse = nullptr;
         m_discovery = false;
-        leaveStream();
+        setLoopback(QString());
         m_sound.pulseStopped();
     }
 }

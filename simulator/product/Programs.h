@@ -3,60 +3,67 @@
 
 #include <QMap>
 #include <QObject>
-#include <QSet>
 #include <QStringList>
 
 class BlueZ;
 class Faults;
+class Journal;
 class Sound;
 class Stub;
-class Stubs;
 
-/// What each program of the board does, by its name, or does wrong as the faults say.
+/// The programs of the board that the service starts. Each does what it has to do by its name, or
+/// does wrong as the faults say.
 class Programs : public QObject
 {
     Q_OBJECT
 
 public:
     /// With \p realPulse, pulseaudio and pactl become the real ones.
-    Programs(Stubs &stubs, Faults &faults, BlueZ &bluez, Sound &sound, bool realPulse,
-             QObject *parent = nullptr);
+    Programs(Journal &journal, Faults &faults, BlueZ &bluez, Sound &sound, bool realPulse);
+    ~Programs() override;
 
-    /// Shows or takes away the programs' files, as the faults say.
+    /// Waits for programs from now on. Returns why it cannot, or an empty text.
+    QString listen();
+    /// Takes notice of everything that has happened to them.
+    void catchUp();
+    /// Shows or takes away their files, as the faults say.
     void updatePresence();
+    /// Sends \p signal to the \p program that was started last. Returns why not, or an empty text.
+    QString kill(const QString &program, int signal);
     /// The system bus has ended, and what cannot live without it ends too.
     void systemBusLost();
-    /// The stream of a phone, as Sound::streamChanged() has it.
-    void streamChanged(const QString &phone, const QString &devicePath);
 
 signals:
-    /// PulseAudio has taken the phone's stream, or has left it.
+    /// See Stub.
+    void aboutToSpeak();
+    /// The scripted PulseAudio has taken the phone's stream, or has left it.
     void streamTaken(bool taken);
 
 private:
+    void accept();
     void started(Stub *stub);
     void carryOut(Stub *stub);
-    void startBluetoothd(Stub *stub);
-    void startAgent(Stub *stub);
+    void startOnBus(Stub *stub);
     void startPulseaudio(Stub *stub);
     void runSdptool(Stub *stub);
     void runPactl(Stub *stub);
-    int loadModule(const QStringList &arguments);
+    bool loadModule(const QStringList &arguments);
+    void setLoopback(const QString &source);
     void terminationRequested(Stub *stub);
-    void programEnded(Stub *stub, int status);
     void ended(Stub *stub);
-    void leaveStream();
 
-    Stubs &m_stubs;
+    Journal &m_journal;
     Faults &m_faults;
     BlueZ &m_bluez;
     Sound &m_sound;
     bool m_realPulse;
+    int m_socket = -1;
     QMap<QString, QString> m_files; ///< program -> what its file links to
+    QList<Stub *> m_stubs; ///< in the order of their start
+    QList<Stub *> m_ignoringTerm;
     Stub *m_bluetoothd = nullptr; ///< the one that serves, and so on
     Stub *m_agent = nullptr;
     Stub *m_pulse = nullptr;
-    QSet<Stub *> m_ignoringTerm;
 
     // The scripted sound server.
     QMap<QString, QString> m_sources; ///< phone -> source, of the open streams

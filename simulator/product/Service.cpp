@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 Service::Service(Journal &journal, const QString &program, const QStringList &environment,
-                 const QString &under, QObject *parent)
-    : QProcess(parent), m_journal(journal)
+                 const QString &under)
+    : m_journal(journal)
 {
     QStringList command = splitCommand(under) + QStringList {program};
     setProgram(command.takeFirst());
@@ -20,24 +20,30 @@ Service::Service(Journal &journal, const QString &program, const QStringList &en
     for (const QString &variable : environment)
         variables.insert(variable.section('=', 0, 0), variable.section('=', 1));
     setProcessEnvironment(variables);
+
+    if (pipe2(m_pipe, O_CLOEXEC) != 0)
+        qFatal("cannot make a pipe");
+    fcntl(m_pipe[0], F_SETFL, O_NONBLOCK);
     setStandardInputFile(nullDevice());
-    open(&m_output);
-    open(&m_log);
+    setProcessChannelMode(MergedChannels);
+    setStandardOutputFile(QString("/proc/self/fd/%1").arg(m_pipe[1]), Append);
+    auto *notifier = new QSocketNotifier(m_pipe[0], QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &Service::hasPrinted);
     connect(this, qOverload<int, ExitStatus>(&QProcess::finished), this, &Service::recordEnd);
 }
 
 Service::~Service()
 {
     disconnect();
-    for (int descriptor : {m_output.readEnd, m_output.writeEnd, m_log.readEnd, m_log.writeEnd})
-        ::close(descriptor);
+    ::close(m_pipe[0]);
+    ::close(m_pipe[1]);
 }
 
 QString Service::startService()
 {
     if (isRunning())
         return "the service runs already";
-    QProcess::start();
+    start();
     if (!waitForStarted())
         return program() + ": " + errorString();
     m_pid = processId();
@@ -55,76 +61,43 @@ QString Service::kill(int signal)
 
 void Service::drain()
 {
-    for (const QByteArray &line : readLines(&m_output))
-        recordOutput(QString::fromUtf8(line));
-    for (const QByteArray &line : readLines(&m_log))
-        recordLog(QString::fromUtf8(line));
-}
-
-void Service::setupChildProcess()
-{
-    dup2(m_output.writeEnd, STDOUT_FILENO);
-    dup2(m_log.writeEnd, STDERR_FILENO);
-}
-
-/// One pipe serves every start: children that outlive the service may go on writing.
-void Service::open(Pipe *pipe)
-{
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        qFatal("cannot make a pipe");
-    pipe->readEnd = ends[0];
-    pipe->writeEnd = ends[1];
-    fcntl(pipe->readEnd, F_SETFL, O_NONBLOCK);
-    auto *notifier = new QSocketNotifier(pipe->readEnd, QSocketNotifier::Read, this);
-    connect(notifier, &QSocketNotifier::activated, this, &Service::hasPrinted);
-}
-
-QList<QByteArray> Service::readLines(Pipe *pipe)
-{
     char buffer[65536];
     ssize_t length = 0;
-    while ((length = ::read(pipe->readEnd, buffer, sizeof buffer)) > 0)
-        pipe->rest.append(buffer, int(length));
-    QList<QByteArray> lines = pipe->rest.split('\n');
-    pipe->rest = lines.takeLast();
-    return lines;
+    while ((length = ::read(m_pipe[0], buffer, sizeof buffer)) > 0)
+        m_rest.append(buffer, int(length));
+    QList<QByteArray> lines = m_rest.split('\n');
+    m_rest = lines.takeLast();
+    for (const QByteArray &line : lines)
+        record(QString::fromUtf8(line));
 }
 
-/// A log line: "HH:MM:SS.mmm LEVEL PATH [FILE:LINE] FUNCTION: MESSAGE".
-void Service::recordLog(const QString &line)
+void Service::record(const QString &line)
 {
-    static const QRegularExpression form(
+    // "HH:MM:SS.mmm LEVEL PATH [FILE:LINE] FUNCTION: MESSAGE"; the platform's has no FILE.
+    static const QRegularExpression logLine(
         R"(^\d\d:\d\d:\d\d\.\d{3} (\d) (\S+) (?:\[([^\]:]+):(\d+)\] (.*?): )?(.*)$)");
-    const QRegularExpressionMatch match = form.match(line);
+    const QRegularExpressionMatch match = logLine.match(line);
     if (!match.hasMatch()) {
-        recordOutput(line);
+        m_journal.record("service", "output", "| " + line);
         return;
     }
-    QJsonObject facts {{"level", match.captured(1).toInt()},
-                       {"path", match.captured(2)},
-                       {"message", match.captured(6)}};
-    if (!match.captured(3).isEmpty()) {
-        facts.insert("file", match.captured(3));
-        facts.insert("at", match.captured(4).toInt());
-        facts.insert("function", match.captured(5));
-    }
-    m_journal.record("service", "log", match.captured(1) + ' ' + match.captured(6), facts);
-}
-
-void Service::recordOutput(const QString &line)
-{
-    m_journal.record("service", "output", "| " + line);
+    m_journal.record("service", "log", match.captured(1) + ' ' + match.captured(6),
+                     {{"level", match.captured(1).toInt()},
+                      {"path", match.captured(2)},
+                      {"file", match.captured(3)},
+                      {"at", match.captured(4).toInt()},
+                      {"function", match.captured(5)},
+                      {"message", match.captured(6)}});
 }
 
 void Service::recordEnd(int code, ExitStatus status)
 {
-    // First, what it has said and waited for.
+    // First what it has said before, and what it has waited for.
     emit hasPrinted();
-    const QString key = status == CrashExit ? "signal" : "status";
+    const QString by = status == CrashExit ? "signal" : "status";
     const QString how =
         (status == CrashExit ? "by signal " : "with status ") + QString::number(code);
     m_journal.record("service", "end", ". service ended " + how,
-                     {{"program", "service"}, {"pid", m_pid}, {key, code}});
+                     {{"program", "service"}, {"pid", m_pid}, {by, code}});
     emit ended(how);
 }

@@ -1,11 +1,9 @@
 #ifndef SERVICE_H
 #define SERVICE_H
 
-#include <QJsonObject>
 #include <QProcess>
 
 class Journal;
-class QSocketNotifier;
 
 /**
  * The service under supervision: the unmodified program, whose log lines and everything else it
@@ -21,14 +19,14 @@ public:
      * argument of the command \p under when that is not empty, which is to become it.
      */
     Service(Journal &journal, const QString &program, const QStringList &environment,
-            const QString &under, QObject *parent = nullptr);
+            const QString &under);
     ~Service() override;
 
+    bool isRunning() const { return state() != NotRunning; }
     /// Returns why it cannot be started, or an empty text.
     QString startService();
     /// Sends \p signal. Returns why not, or an empty text.
     QString kill(int signal);
-    bool isRunning() const { return state() != NotRunning; }
     /// Writes down what it has printed since the last time.
     void drain();
 
@@ -38,26 +36,15 @@ signals:
     /// The end is in the journal; \p how is "with status 0" or the like.
     void ended(const QString &how);
 
-protected:
-    void setupChildProcess() override;
-
 private:
-    struct Pipe
-    {
-        int readEnd = -1;
-        int writeEnd = -1;
-        QByteArray rest; ///< the beginning of a line that is not complete yet
-    };
-    void open(Pipe *pipe);
-    QList<QByteArray> readLines(Pipe *pipe);
-    void recordLog(const QString &line);
-    void recordOutput(const QString &line);
+    void record(const QString &line);
     void recordEnd(int code, ExitStatus status);
 
     Journal &m_journal;
     qint64 m_pid = 0;
-    Pipe m_output;
-    Pipe m_log;
+    // One pipe serves every start: children that outlive the service may go on writing.
+    int m_pipe[2];
+    QByteArray m_rest; ///< the beginning of a line that is not complete yet
 };
 
 #endif

@@ -7,44 +7,16 @@
 #include <QDBusMessage>
 #include <QTimer>
 
-namespace {
-
-const char ServiceName[] = "com.orbitalis.ulmo.soundmanager";
-const char ObjectPath[] = "/com/orbitalis/ulmo/soundmanager/soundobj";
-
-QDBusConnection bus()
-{
-    return Buses::connection("session", "soundmanager");
-}
-
-} // namespace
-
-SoundManager::SoundManager(Faults &faults, QObject *parent) : QObject(parent), m_faults(faults) { }
-
-QString SoundManager::start()
-{
-    if (!bus().registerObject(ObjectPath, this, QDBusConnection::ExportScriptableSlots))
-        return "the sound manager: " + bus().lastError().message();
-    updatePresence();
-    return {};
-}
-
 void SoundManager::updatePresence()
 {
+    const QString name = "com.orbitalis.ulmo.soundmanager";
+    QDBusConnection bus = Buses::connection("session", "soundmanager");
+    bus.registerObject("/com/orbitalis/ulmo/soundmanager/soundobj", this,
+                       QDBusConnection::ExportScriptableSlots);
     if (m_faults.standing("soundmanager", "absent"))
-        bus().unregisterService(ServiceName);
+        bus.unregisterService(name);
     else
-        bus().registerService(ServiceName);
-}
-
-int SoundManager::PlayBluetooth()
-{
-    return answer();
-}
-
-int SoundManager::StopPlay(const QString &, const QString &)
-{
-    return answer();
+        bus.registerService(name);
 }
 
 int SoundManager::answer()
@@ -55,6 +27,6 @@ int SoundManager::answer()
         : message().createReply(0);
     setDelayedReply(true);
     if (fault.name != "never")
-        QTimer::singleShot(fault.number(), this, [reply] { bus().send(reply); });
+        QTimer::singleShot(fault.number(), this, [bus = connection(), reply] { bus.send(reply); });
     return 0;
 }

@@ -16,16 +16,14 @@ class SoundManager : public QObject, protected QDBusContext
     Q_CLASSINFO("D-Bus Interface", "com.orbitalis.ulmo.soundmanagerinterface")
 
 public:
-    explicit SoundManager(Faults &faults, QObject *parent = nullptr);
+    explicit SoundManager(Faults &faults) : m_faults(faults) { }
 
-    /// Connects to the session bus. Returns why not, or an empty text.
-    QString start();
-    /// Takes its name on the bus, or gives it up, as the faults say.
+    /// Is on the session bus under its name, or is not, as the faults say.
     void updatePresence();
 
 public slots:
-    Q_SCRIPTABLE int PlayBluetooth();
-    Q_SCRIPTABLE int StopPlay(const QString &source, const QString &target);
+    Q_SCRIPTABLE int PlayBluetooth() { return answer(); }
+    Q_SCRIPTABLE int StopPlay(const QString &, const QString &) { return answer(); }
 
 private:
     int answer();
