@@ -19,16 +19,8 @@ const char ServicePath[] = "/com/orbitalis/ulmo/bluetoothmanager/bluetoothobj";
 const char ServiceInterface[] = "com.orbitalis.ulmo.bluetoothinterface";
 const int CallTimeoutMs = 120000;
 
-struct Topic
-{
-    const char *name;
-    const char *commands; ///< that it explains
-    const char *text;
-};
-
-const Topic Topics[] = {
-    {"service", "status enable disable pin volume mute disconnect forget call ulmoctl busctl",
-     R"(The service over D-Bus
+const QMap<QString, QString> Topics {
+    {"service", R"(The service over D-Bus
   status                      what it says of itself
   enable, disable             Bluetooth on and off
   pin 1234                    the PIN for pairing
@@ -36,17 +28,14 @@ const Topic Topics[] = {
   disconnect                  the connected phone
   forget ADDRESS|all          the paired phone, or all of them
   call METHOD [TYPE:VALUE...] any method; types s i b u o as v, as in v:b:true
-  ulmoctl ..., busctl ...     these programs on the product's buses, at the prompt
 The service as a process
   service start|stop|restart
   service kill SIGNAL)"},
-    {"phones", "phone",
-     R"(Phones
+    {"phones", R"(Phones
   phone add NAME [address=A] [name=TEXT] [pin=7351] [audio=FILE] [known] [trusted]
-  phone NAME ACTION           "phone NAME help" lists the actions
+  phone NAME VERB             "phone NAME help" lists the verbs
   phones                      all of them)"},
-    {"faults", "fault kill",
-     R"(Programs: bluetoothd agent hciconfig sdptool modprobe connmanctl pulseaudio pactl
+    {"faults", R"(Programs: bluetoothd agent hciconfig sdptool modprobe connmanctl pulseaudio pactl
   kill PROGRAM [SIGNAL]       KILL without one
   fault PROGRAM[:ARGUMENT] exit=STATUS|hang|crash|ignore-term|delay=MS
         at each start with ARGUMENT in the command line
@@ -58,45 +47,22 @@ BlueZ and the sound manager
 Any of them that counts
   ... [times=N] [after=N]     the next N times only, after N that go well
   fault clear [PROGRAM|bluez|soundmanager])"},
-    {"bluez", "backend timescale signal spoof",
-     R"(BlueZ
+    {"bluez", R"(BlueZ
   backend mgmt|hci [other]    the order of some signals, and the rarer order
   timescale F                 factor of the timers of BlueZ and of phones
   signal PATH INTERFACE.SIGNAL [TYPE:VALUE...]
                               from BlueZ, which means nothing by it
   spoof [to=BUSNAME] PATH INTERFACE.SIGNAL [TYPE:VALUE...]
                               the same from a stranger)"},
-    {"product", "platform bus journal follow unfollow quit",
-     R"(The rest of the product
+    {"product", R"(The rest of the product
   platform suspend|shutdown|reboot [REASON], platform supervisor-end
   platform spoof-suspend ...  the same from a stranger
   bus session|system kill|start
                               only the product's own services get back to it
+  ulmoctl ..., busctl ...     these programs on the product's buses, at the prompt
   journal [N]                 the last N entries
   follow, unfollow            the journal as it goes on, at the prompt
-  quit)"},
-};
-
-const char Overview[] =
-    R"(The virtual product can be told this; "help TOPIC" or "help COMMAND" says more.
-  service   status enable disable pin volume mute disconnect forget call service
-            ulmoctl busctl
-  phones    phone phones
-  faults    fault kill
-  bluez     backend timescale signal spoof
-  product   platform bus journal follow unfollow quit)";
-
-/// What may follow a command, word by word; the names in capitals are lists of their own.
-const QMap<QString, QString> Grammar {{"forget", "all"},
-                                      {"mute", "0|1"},
-                                      {"service", "start|stop|restart|kill SIGNAL"},
-                                      {"phone", "add|PHONE VERB"},
-                                      {"kill", "PROGRAM SIGNAL"},
-                                      {"fault", "bluez:|clear|TARGET BEHAVIOUR times=|after="},
-                                      {"backend", "mgmt|hci other"},
-                                      {"platform", "EVENT"},
-                                      {"bus", "session|system kill|start"},
-                                      {"help", "COMMAND"}};
+  quit)"}};
 
 /// Commands that only call the service.
 const QMap<QString, QString> Calls {
@@ -113,13 +79,6 @@ const QMap<QString, QString> PlatformEvents {{"suspend", "PowerSuspend"},
 const QMap<QString, int> Signals {
     {"HUP", SIGHUP},   {"INT", SIGINT},   {"QUIT", SIGQUIT}, {"ABRT", SIGABRT}, {"KILL", SIGKILL},
     {"SEGV", SIGSEGV}, {"TERM", SIGTERM}, {"STOP", SIGSTOP}, {"CONT", SIGCONT}, {"USR1", SIGUSR1}};
-
-/// 0 when there is no such signal.
-int signalOf(const QString &name)
-{
-    const QString bare = name.startsWith("SIG") ? name.mid(3) : name;
-    return Signals.value(bare.toUpper(), qMax(0, bare.toInt()));
-}
 
 Control::Answer failure(const QString &why)
 {
@@ -147,29 +106,35 @@ void send(QLocalSocket *client, const QJsonObject &object)
 
 Control::Control(Product &product)
     : m_product(product)
-    , m_commands {{"status", &Control::status},
-                  {"enable", &Control::callShort},
-                  {"disable", &Control::callShort},
-                  {"pin", &Control::callShort},
-                  {"volume", &Control::callShort},
-                  {"mute", &Control::callShort},
-                  {"disconnect", &Control::callShort},
-                  {"forget", &Control::callShort},
-                  {"call", &Control::call},
-                  {"service", &Control::service},
-                  {"phone", &Control::bluez},
-                  {"phones", &Control::bluez},
-                  {"signal", &Control::bluez},
-                  {"backend", &Control::bluez},
-                  {"timescale", &Control::timescale},
-                  {"spoof", &Control::spoof},
-                  {"kill", &Control::killProgram},
-                  {"fault", &Control::fault},
-                  {"platform", &Control::platform},
-                  {"bus", &Control::bus},
-                  {"journal", &Control::journal},
-                  {"help", &Control::help},
-                  {"quit", &Control::quit}}
+    , m_commands {
+          {"status", {"service", "", &Control::status}},
+          {"enable", {"service", "", &Control::callShort}},
+          {"disable", {"service", "", &Control::callShort}},
+          {"pin", {"service", "PIN", &Control::callShort}},
+          {"volume", {"service", "N", &Control::callShort}},
+          {"mute", {"service", "N", &Control::callShort}},
+          {"disconnect", {"service", "", &Control::callShort}},
+          {"forget", {"service", "all|ADDRESS", &Control::callShort}},
+          {"call", {"service", "METHOD [TYPE:VALUE...]", &Control::call}},
+          {"service", {"service", "start|stop|restart|kill [SIGNAL]", &Control::service}},
+          {"phone", {"phones", "add|PHONE VERB|NAME [...]", &Control::bluez}},
+          {"phones", {"phones", "", &Control::bluez}},
+          {"fault",
+           {"faults", "clear|bluez:|TARGET [BEHAVIOUR...] [times=N|after=N...]", &Control::fault}},
+          {"kill", {"faults", "PROGRAM [SIGNAL]", &Control::killProgram}},
+          {"backend", {"bluez", "mgmt|hci [other]", &Control::bluez}},
+          {"timescale", {"bluez", "F", &Control::timescale}},
+          {"signal", {"bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]", &Control::bluez}},
+          {"spoof", {"bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]", &Control::spoof}},
+          {"platform", {"product", "EVENT [REASON...]", &Control::platform}},
+          {"bus", {"product", "session|system kill|start", &Control::bus}},
+          {"journal", {"product", "[N]", &Control::journal}},
+          {"help", {"product", "[TOPIC|COMMAND]", &Control::help}},
+          {"quit", {"product", "", &Control::quit}},
+          {"follow", {"product", "", nullptr}},
+          {"unfollow", {"product", "", nullptr}},
+          {"ulmoctl", {"product", "[...]", nullptr}},
+          {"busctl", {"product", "[...]", nullptr}}}
 {
     connect(this, &QLocalServer::newConnection, this, &Control::accept);
 }
@@ -214,47 +179,88 @@ void Control::follow(QLocalSocket *client)
 void Control::tell(const QString &line, const Done &done)
 {
     const QStringList words = QProcess::splitCommand(line);
-    const QString name = words.value(0);
-    m_product.journal.record("control", name == "fault" ? "fault" : "control",
+    m_product.journal.record("control", words.value(0) == "fault" ? "fault" : "control",
                              "- " + line.trimmed());
     const Done answer = [this, done](const Answer &outcome) {
         if (!outcome.ok)
             m_product.journal.record("control", "error", "- error: " + outcome.text);
         done(outcome);
     };
-    if (line.count('"') % 2 != 0)
-        answer(failure("a quote is not closed"));
-    else if (!m_commands.contains(name))
-        answer(failure(unknownWord("command", name, m_commands.keys())));
+    const QString error = line.count('"') % 2 ? "a quote is not closed" : whyNot(words);
+    if (error.isEmpty())
+        (this->*m_commands.value(words.first()).command)(words, answer);
     else
-        (this->*m_commands.value(name))(words, answer);
+        answer(failure(error));
+}
+
+/// What is wrong with a line, as far as the table of commands can tell; empty when nothing is.
+QString Control::whyNot(const QStringList &words) const
+{
+    const QString name = words.value(0);
+    if (!m_commands.contains(name))
+        return unknownWord("command", name, m_commands.keys());
+    const QString parameters = m_commands[name].parameters;
+    const QStringList places = parameters.split(' ', Qt::SkipEmptyParts);
+    if (!m_commands[name].command)
+        return name + " works at the prompt only";
+    if (words.size() <= places.size() - parameters.count('[')
+        || (words.size() > places.size() + 1 && !parameters.endsWith("...]")))
+        return QString("usage: " + name + ' ' + parameters).trimmed();
+    for (int i = 1; i < words.size(); ++i) {
+        const Place place = placeAfter(words.mid(0, i));
+        if (!place.isFree && !place.known.contains(words.at(i)))
+            return unknownWord(place.what, words.at(i), place.known);
+    }
+    return {};
+}
+
+Control::Place Control::placeAfter(const QStringList &words) const
+{
+    const QString first = words.value(1);
+    QStringList programs = Faults::targets();
+    programs.removeOne("soundmanager");
+    QStringList events = PlatformEvents.keys();
+    for (const QString &event : PlatformEvents.keys())
+        events.append("spoof-" + event);
+    const QMap<QString, QStringList> lists {
+        {"COMMAND", m_commands.keys()},
+        {"TOPIC", Topics.keys()},
+        {"SIGNAL", Signals.keys()},
+        {"PHONE", m_product.bluez.phoneNames()},
+        {"VERB", first == "add" ? QStringList() : m_product.bluez.verbs()},
+        {"PROGRAM", programs},
+        {"TARGET", Faults::targets()},
+        {"BEHAVIOUR", first == "clear" ? Faults::targets() : Faults::behavioursOf(first)},
+        {"EVENT", events}};
+    QString alternatives = "COMMAND";
+    if (!words.isEmpty())
+        alternatives =
+            m_commands.value(words.first()).parameters.split(' ').value(words.size() - 1);
+
+    Place place;
+    place.what = words.value(0) + " command";
+    place.isFree = alternatives.isEmpty() || alternatives.contains("...");
+    for (const QString &word : alternatives.remove(QRegularExpression("[[\\].]")).split('|')) {
+        if (lists.contains(word)) {
+            place.what = word.toLower();
+            place.known += lists.value(word);
+        } else if (word != word.toUpper()) {
+            place.known.append(word);
+        } else {
+            place.isFree = true;
+        }
+    }
+    place.isFree = place.isFree || place.known.contains("bluez:");
+    return place;
 }
 
 QStringList Control::complete(const QString &line) const
 {
     QStringList words = line.split(' ', Qt::SkipEmptyParts);
     const QString begun = line.isEmpty() || line.endsWith(' ') ? QString() : words.takeLast();
-    const QStringList commands =
-        m_commands.keys() + QStringList {"follow", "unfollow", "ulmoctl", "busctl"};
-    QStringList behaviours = Faults::behavioursOf(words.value(1));
-    behaviours.replaceInStrings(QRegularExpression("[A-Z\\[\\]]"), "");
-    QStringList events = PlatformEvents.keys();
-    for (const QString &event : PlatformEvents.keys())
-        events.append("spoof-" + event);
-    const QMap<QString, QStringList> lists {{"COMMAND", commands},
-                                            {"SIGNAL", Signals.keys()},
-                                            {"PHONE", m_product.bluez.phoneNames()},
-                                            {"VERB", m_product.bluez.verbs()},
-                                            {"PROGRAM", Faults::targets()},
-                                            {"TARGET", Faults::targets()},
-                                            {"BEHAVIOUR", behaviours},
-                                            {"EVENT", events}};
-    const QString place = words.isEmpty()
-        ? "COMMAND"
-        : Grammar.value(words.first()).split(' ').value(words.size() - 1);
-    QStringList fitting;
-    for (const QString &word : place.split('|', Qt::SkipEmptyParts))
-        fitting += lists.value(word, {word});
+    QStringList fitting = placeAfter(words).known;
+    // Of "exit=STATUS" all that is no example.
+    fitting.replaceInStrings(QRegularExpression("\\[?=.*"), "=");
     fitting = fitting.filter(QRegularExpression('^' + QRegularExpression::escape(begun)));
     fitting.sort();
     return fitting;
@@ -280,24 +286,21 @@ void Control::callShort(const QStringList &words, const Done &done)
 {
     const QString form = Calls.value(words.first());
     bool isNumber = false;
-    words.value(1).toInt(&isNumber);
-    if (words.size() != (form.contains('%') ? 2 : 1))
-        done(
-            failure(words.first() + (form.contains('%') ? " wants one value" : " wants no value")));
-    else if (form.contains("i:%1") && !isNumber)
+    words.last().toInt(&isNumber);
+    if (form.contains("i:%1") && !isNumber)
         done(failure(words.first() + " wants a number"));
     else if (words.first() == "forget" && words.last() == "all")
         call({"call", "RemoveAllDevices"}, done);
     else
-        call(QStringList {"call"} + form.arg(words.last()).split(' '), done);
+        call(QStringList {"call"} + QString(form).replace("%1", words.last()).split(' '), done);
 }
 
 void Control::call(const QStringList &words, const Done &done)
 {
     QVariantList arguments;
     QString error;
-    if (words.size() < 2 || !parseTypedArguments(words.mid(2), &arguments, &error)) {
-        done(failure(error.isEmpty() ? "call METHOD [TYPE:VALUE...]" : error));
+    if (!parseTypedArguments(words.mid(2), &arguments, &error)) {
+        done(failure(error));
         return;
     }
     const QString method = words.at(1);
@@ -320,36 +323,25 @@ void Control::call(const QStringList &words, const Done &done)
 
 void Control::service(const QStringList &words, const Done &done)
 {
-    const QString what = words.value(1);
-    if (what == "stop" || (what == "restart" && m_product.service.isRunning()))
-        stopService(what == "restart", done);
-    else if (what == "start" || what == "restart")
-        done(answerOf(m_product.service.startService()));
-    else if (what == "kill" && signalOf(words.value(2)))
-        done(answerOf(m_product.service.kill(signalOf(words.value(2)))));
-    else if (what == "kill" && words.size() > 2)
-        done(failure(unknownWord("signal", words.at(2), Signals.keys())));
-    else if (what == "kill" || what.isEmpty())
-        done(failure("service start|stop|restart, or service kill SIGNAL"));
-    else
-        done(failure(unknownWord("service command", what, {"start", "stop", "restart", "kill"})));
-}
-
-void Control::stopService(bool startsAgain, const Done &done)
-{
-    const QString error = m_product.service.kill(SIGTERM);
-    if (!error.isEmpty()) {
-        done(failure(error));
-        return;
+    Service &service = m_product.service;
+    const QString what = words.at(1);
+    if (what == "kill" && words.size() < 3) {
+        done(failure("usage: service kill SIGNAL"));
+    } else if (what == "kill") {
+        done(answerOf(service.kill(Signals.value(words.at(2)))));
+    } else if (what == "start" || (what == "restart" && !service.isRunning())) {
+        done(answerOf(service.startService()));
+    } else if (!service.isRunning()) {
+        done(failure("the service is not running"));
+    } else {
+        auto *once = new QObject(this);
+        connect(&service, &Service::ended, once, [=, &service](const QString &how) {
+            once->deleteLater();
+            done(what == "stop" ? Answer {true, "it has ended " + how, {}}
+                                : answerOf(service.startService()));
+        });
+        service.kill(SIGTERM);
     }
-    auto *once = new QObject(this);
-    connect(&m_product.service, &Service::ended, once, [=](const QString &how) {
-        once->deleteLater();
-        if (startsAgain)
-            done(answerOf(m_product.service.startService()));
-        else
-            done({true, "it has ended " + how, {}});
-    });
 }
 
 void Control::bluez(const QStringList &words, const Done &done)
@@ -370,45 +362,28 @@ void Control::timescale(const QStringList &words, const Done &done)
 void Control::spoof(const QStringList &line, const Done &done)
 {
     QStringList words = line;
+    const QString to = words.at(1).startsWith("to=") ? words.takeAt(1).mid(3) : QString();
+    const QString signal = words.value(2);
     QVariantList arguments;
     QString error;
-    const QString to = words.value(1).startsWith("to=") ? words.takeAt(1).mid(3) : QString();
-    if (words.size() < 3)
-        error = "spoof [to=BUSNAME] PATH INTERFACE.SIGNAL [TYPE:VALUE...]";
-    if (!error.isEmpty() || !parseTypedArguments(words.mid(3), &arguments, &error)) {
-        done(failure(error));
-        return;
+    if (parseTypedArguments(words.mid(3), &arguments, &error)) {
+        QDBusMessage message = QDBusMessage::createTargetedSignal(
+            to, words.at(1), signal.section('.', 0, -2), signal.section('.', -1));
+        message.setArguments(arguments);
+        if (!Buses::connection("system", "spoofer").send(message))
+            error = "this cannot be sent";
     }
-    const QString signal = words.at(2);
-    QDBusMessage message = QDBusMessage::createTargetedSignal(
-        to, words.at(1), signal.section('.', 0, -2), signal.section('.', -1));
-    message.setArguments(arguments);
-    const bool sent = Buses::connection("system", "spoofer").send(message);
-    done(answerOf(sent ? QString() : "this cannot be sent"));
+    done(answerOf(error));
 }
 
 void Control::killProgram(const QStringList &words, const Done &done)
 {
-    const QString name = words.value(1);
-    const int signal = signalOf(words.value(2, "KILL"));
-    if (name.isEmpty())
-        done(failure("kill PROGRAM [SIGNAL]"));
-    else if (name == "service")
-        done(failure("that is \"service kill SIGNAL\""));
-    else if (!Faults::targets().contains(name))
-        done(failure(unknownWord("program", name, Faults::targets())));
-    else if (signal == 0)
-        done(failure(unknownWord("signal", words.at(2), Signals.keys())));
-    else
-        done(answerOf(m_product.programs.kill(name, signal)));
+    const int signal = Signals.value(words.value(2, "KILL"));
+    done(answerOf(m_product.programs.kill(words.at(1), signal)));
 }
 
 void Control::fault(const QStringList &words, const Done &done)
 {
-    if (words.size() < 2) {
-        done(failure("fault TARGET BEHAVIOUR [times=N] [after=N]; see \"help faults\""));
-        return;
-    }
     const QString error = words.at(1) == "clear" ? m_product.faults.clear(words.value(2))
                                                  : m_product.faults.add(words.mid(1));
     m_product.programs.updatePresence();
@@ -418,42 +393,26 @@ void Control::fault(const QStringList &words, const Done &done)
 
 void Control::platform(const QStringList &words, const Done &done)
 {
-    QString event = words.value(1);
-    const bool isSpoofed = event.startsWith("spoof-");
-    event.remove(QRegularExpression("^spoof-"));
-    if (event.isEmpty() || !PlatformEvents.contains(event)) {
-        const QString all = "platform " + PlatformEvents.keys().join('|') + " [REASON]";
-        done(failure(
-            event.isEmpty() ? all : unknownWord("platform event", event, PlatformEvents.keys())));
-        return;
-    }
+    const QString event = QString(words.at(1)).remove(QRegularExpression("^spoof-"));
     QDBusMessage message = QDBusMessage::createSignal("/com/orbitalis/ulmo/platform",
                                                       "com.orbitalis.ulmo.platformevents",
                                                       PlatformEvents.value(event));
     if (event != "supervisor-end")
         message << words.mid(2).join(' ');
-    const QString sender = isSpoofed ? "stranger" : "platform";
+    const QString sender = event == words.at(1) ? "platform" : "stranger";
     const bool sent = Buses::connection("session", sender).send(message);
     done(answerOf(sent ? QString() : "there is no session bus"));
 }
 
 void Control::bus(const QStringList &words, const Done &done)
 {
-    const QString bus = words.value(1);
-    const QString what = words.value(2);
-    if ((bus != "session" && bus != "system") || (what != "kill" && what != "start"))
-        done(failure("bus session|system kill|start"));
-    else
-        done(answerOf(what == "kill" ? m_product.killBus(bus) : m_product.startBus(bus)));
+    const bool isKill = words.at(2) == "kill";
+    done(answerOf(isKill ? m_product.killBus(words.at(1)) : m_product.startBus(words.at(1))));
 }
 
 void Control::journal(const QStringList &words, const Done &done)
 {
     const int count = words.value(1, "20").toInt();
-    if (count < 1) {
-        done(failure("journal wants the number of entries"));
-        return;
-    }
     const QList<QByteArray> entries = m_product.journal.contents().trimmed().split('\n');
     QStringList lines;
     for (const QByteArray &text : entries.mid(qMax(0, entries.size() - count))) {
@@ -462,23 +421,24 @@ void Control::journal(const QStringList &words, const Done &done)
                          .arg(entry.value("time").toDouble(), 9, 'f', 3)
                          .arg(entry.value("line").toString()));
     }
-    done({true, lines.join('\n'), {}});
+    done(count > 0 ? Answer {true, lines.join('\n'), {}}
+                   : failure("journal wants the number of entries"));
 }
 
 void Control::help(const QStringList &words, const Done &done)
 {
     const QString wanted = words.value(1, "help");
-    QStringList topics {"help"};
-    for (const Topic &topic : Topics) {
-        const QStringList commands = QString(topic.commands).split(' ');
-        topics += QStringList {topic.name} + commands;
-        if (wanted == topic.name || commands.contains(wanted)) {
-            done({true, topic.text, {}});
-            return;
+    const QString topic = m_commands.contains(wanted) ? m_commands[wanted].topic : wanted;
+    QString text = Topics.value(topic);
+    if (wanted == "help") {
+        text = "The product can be told this; \"help TOPIC\" or \"help COMMAND\" says more.";
+        for (const QString &name : Topics.keys()) {
+            text += "\n  " + name.leftJustified(9);
+            for (auto entry = m_commands.begin(); entry != m_commands.end(); ++entry)
+                text += entry->topic == name ? ' ' + entry.key() : QString();
         }
     }
-    done(wanted == "help" ? Answer {true, Overview, {}}
-                          : failure(unknownWord("topic", wanted, topics)));
+    done({true, text, {}});
 }
 
 void Control::quit(const QStringList &, const Done &done)

@@ -42,17 +42,33 @@ public:
 
 private:
     using Command = void (Control::*)(const QStringList &words, const Done &done);
+    struct Entry
+    {
+        QString topic; ///< of the help
+        /// Alternatives for each word. Those in brackets may be left out; what is in capitals is a
+        /// list, or may be anything.
+        QString parameters;
+        Command command; ///< null: only at the prompt
+    };
+    /// A place for a word in a line.
+    struct Place
+    {
+        QString what; ///< stands there
+        QStringList known;
+        bool isFree = false; ///< something else may stand there
+    };
 
     void accept();
     void readLines(QLocalSocket *client);
     void follow(QLocalSocket *client);
+    QString whyNot(const QStringList &words) const;
+    Place placeAfter(const QStringList &words) const;
 
     // The service, over D-Bus and as a process.
     void status(const QStringList &words, const Done &done);
     void callShort(const QStringList &words, const Done &done);
     void call(const QStringList &words, const Done &done);
     void service(const QStringList &words, const Done &done);
-    void stopService(bool startsAgain, const Done &done);
     // Phones, programs and their faults.
     void bluez(const QStringList &words, const Done &done);
     void timescale(const QStringList &words, const Done &done);
@@ -67,7 +83,7 @@ private:
     void quit(const QStringList &words, const Done &done);
 
     Product &m_product;
-    const QMap<QString, Command> m_commands;
+    const QMap<QString, Entry> m_commands;
 };
 
 #endif
