@@ -17,7 +17,7 @@ need_room() {
     local free
     mkdir -p "$1" 2> /dev/null && [ -w "$1" ] ||
         fail "cannot write $1; is this checkout read-only or another user's? Make a copy of it"
-    free=$(df --output=avail -m "$1" | tail -n 1)
+    free=$(($(df --output=avail -m "$1" | tail -n 1)))
     [ "$free" -ge "$2" ] || fail "the disk of $1 is full: $free MB are free, $2 are needed"
 }
 
