@@ -1,6 +1,5 @@
 #include "Adapter.h"
 
-#include "Bus.h"
 #include "Device.h"
 
 #include <QDBusObjectPath>
@@ -14,6 +13,7 @@ namespace {
 const QString Address = QStringLiteral("00:AA:01:00:00:00");
 const uint AudioClass = 0x4c0100;
 const int AgentLimit = 60000; ///< milliseconds of product time
+
 QVariant objectPath(const QString &path)
 {
     return QVariant::fromValue(QDBusObjectPath(path));
@@ -55,7 +55,7 @@ void Adapter::appear(Bus *bus, qint64 pid, const QString &name)
 
 void Adapter::vanish()
 {
-    m_agent.reset();
+    forgetAgent();
     for (Device *device : qAsConst(m_devices))
         device->retire();
     const auto isBonded = [](const Device *device) { return device->isBonded(); };
@@ -102,14 +102,20 @@ void Adapter::handleAdapter(const Call &call)
     } else if (method == "Adapter.RemoveDevice(o)") {
         removeDevice(call);
     } else if (method == "Adapter.RegisterAgent(os)") {
-        registerAgent(call);
-    } else if (method == "Adapter.UnregisterAgent(o)") {
-        if (m_agent && m_agent->watchedServices().contains(call.sender())) {
-            releaseAgent();
-            call.reply();
-        } else {
-            call.fail("DoesNotExist");
+        if (!m_agent.isEmpty()) {
+            call.fail("AlreadyExists");
+            return;
         }
+        m_agent = call.sender();
+        m_agentPath = call.argument(0).toString();
+        call.reply();
+    } else if (method == "Adapter.UnregisterAgent(o)") {
+        if (m_agent != call.sender()) {
+            call.fail("DoesNotExist");
+            return;
+        }
+        releaseAgent();
+        call.reply();
     } else if (method == "Adapter.GetProperties()") {
         call.reply({QVariantMap {{"Address", Address},
                                  {"Name", m_name},
@@ -143,24 +149,10 @@ void Adapter::changed(const QString &property, const QVariant &value)
 
 // ---- the agent
 
-void Adapter::registerAgent(const Call &call)
-{
-    if (m_agent) {
-        call.fail("AlreadyExists");
-    } else {
-        m_agentPath = call.argument(0).toString();
-        m_agent = std::make_unique<QDBusServiceWatcher>(
-            call.sender(), m_bus->connection(), QDBusServiceWatcher::WatchForUnregistration);
-        connect(m_agent.get(), &QDBusServiceWatcher::serviceUnregistered, this,
-                [this] { m_agent.release()->deleteLater(); });
-        call.reply();
-    }
-}
-
 QDBusPendingCallWatcher *Adapter::callAgent(const QString &member, const QVariantList &arguments)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(m_agent->watchedServices().first(),
-                                                       m_agentPath, "org.bluez.Agent", member);
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(m_agent, m_agentPath, "org.bluez.Agent", member);
     call.setArguments(arguments);
     const int limit = qMax(1, qRound(AgentLimit * clock.scale));
     auto *watcher = new QDBusPendingCallWatcher(m_bus->connection().asyncCall(call, limit), m_bus);
@@ -171,7 +163,7 @@ QDBusPendingCallWatcher *Adapter::callAgent(const QString &member, const QVarian
 void Adapter::askAgent(Device *device, const QString &member, const QVariantList &more,
                        const AgentsAnswer &answer)
 {
-    if (!m_agent || m_question) {
+    if (m_agent.isEmpty() || m_question) {
         answer(false, QString());
         return;
     }
@@ -190,15 +182,15 @@ void Adapter::cancelQuestion(const Device *device)
     if (!m_question || m_asker != device)
         return;
     delete m_question;
-    if (m_agent)
+    if (!m_agent.isEmpty())
         callAgent("Cancel");
 }
 
 void Adapter::releaseAgent()
 {
-    if (m_agent)
+    if (!m_agent.isEmpty())
         callAgent("Release");
-    m_agent.reset();
+    forgetAgent();
 }
 
 // ---- the radio

@@ -5,10 +5,7 @@
 #include "core/Clock.h"
 
 #include <QDBusPendingCallWatcher>
-#include <QDBusServiceWatcher>
 #include <QVector>
-
-#include <memory>
 
 class Device;
 
@@ -59,7 +56,10 @@ public:
                   const AgentsAnswer &answer);
     /// What was asked for \p device is void: the agent gets Cancel, nobody an answer.
     void cancelQuestion(const Device *device);
+    /// It hears that nobody needs it any more.
     void releaseAgent();
+    /// Its connection to the bus has gone.
+    void forgetAgent() { m_agent.clear(); }
 
     // The radio.
 
@@ -83,7 +83,6 @@ private:
     void handleManager(const Call &call);
     void handleAdapter(const Call &call);
     void removeDevice(const Call &call);
-    void registerAgent(const Call &call);
     QDBusPendingCallWatcher *callAgent(const QString &member, const QVariantList &arguments = {});
     void setPowered(bool powered);
     void setFlag(bool *flag, const QString &property, bool value);
@@ -102,7 +101,7 @@ private:
     QVector<Device *> m_devices;
     const Device *m_sinkOwner = nullptr;
 
-    std::unique_ptr<QDBusServiceWatcher> m_agent; ///< sees it leave the bus
+    QString m_agent; ///< its bus name
     QString m_agentPath;
     QPointer<QDBusPendingCallWatcher> m_question;
     const Device *m_asker = nullptr;

@@ -28,11 +28,6 @@ Agent::Agent(const QString &systemBusAddress, Faults &faults, const Clock &clock
     m_delay = option("--delay").toInt();
     m_capability = option("--capabilites"); // as the board's program spells it
     m_pin = arguments.value(arguments.size() - 1);
-    start();
-}
-
-void Agent::start()
-{
     auto *watcher = new QDBusServiceWatcher(BluezName, m_bus.connection(),
                                             QDBusServiceWatcher::WatchForUnregistration, this);
     connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this, [this] { emit exited(0); });
@@ -53,7 +48,6 @@ void Agent::start()
 
 void Agent::stop()
 {
-    m_stopping = true;
     if (m_adapter.isEmpty())
         deleteLater();
     else
@@ -69,7 +63,7 @@ void Agent::callDaemon(const QString &path, const QString &member, const QVarian
     QDBusMessage call =
         QDBusMessage::createMethodCall(BluezName, path, interface, member.section('.', 1));
     call.setArguments(arguments);
-    auto *watcher = new QDBusPendingCallWatcher(m_bus.connection().asyncCall(call), this);
+    auto *watcher = new QDBusPendingCallWatcher(m_bus.connection().asyncCall(call), &m_bus);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, answered] {
         watcher->deleteLater();
         answered(watcher->reply());
@@ -88,7 +82,7 @@ void Agent::answerNext()
             return;
         }
         m_waiting.takeFirst().reply();
-        if (method == "Agent.Release()" && !m_stopping)
+        if (method == "Agent.Release()")
             emit exited(0);
     }
 }

@@ -24,7 +24,6 @@ signals:
 private:
     using Answered = std::function<void(const QDBusMessage &reply)>;
 
-    void start();
     /// Calls \p member of BlueZ; \p answered gets the reply or error.
     void callDaemon(const QString &path, const QString &member, const QVariantList &arguments,
                     const Answered &answered);
@@ -36,7 +35,6 @@ private:
     QString m_pin;
 
     QString m_adapter;
-    bool m_stopping = false;
     Bus m_bus;
     Timer m_sleep;
     QVector<Call> m_waiting;

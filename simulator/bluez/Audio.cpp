@@ -232,7 +232,7 @@ void Audio::opened(bool byPhone)
     m_next.stop();
     if (byPhone)
         m_next.start(UnusedStream, [this] { closeStream("nobody starts it"); });
-    m_device.phone().streamOpened();
+    m_device.phone().setStream(Phone::Stream::Paused);
     if (m_connect)
         m_connect->reply();
     m_connect.reset();
@@ -247,7 +247,8 @@ void Audio::phoneStarts()
         if (m_device.adapter().streamTaken)
             return;
         ask([this] {
-            m_device.phone().suspendedByUnit();
+            m_device.phone().setStream(Phone::Stream::Paused,
+                                       "nobody takes it: the unit suspends it");
             phoneSuspends();
         });
     });
@@ -262,7 +263,7 @@ void Audio::phoneSuspends()
 
 void Audio::closeStream(const QString &why)
 {
-    m_device.phone().streamClosed(why);
+    m_device.phone().setStream(Phone::Stream::None, why);
     m_device.adapter().releaseSink(&m_device);
     wait([this] { end(1); });
 }
@@ -296,7 +297,7 @@ void Audio::end(int times, const QString &why)
 {
     m_phase = Phase::Idle;
     m_next.stop();
-    m_device.phone().streamClosed(why);
+    m_device.phone().setStream(Phone::Stream::None, why);
     m_device.adapter().releaseSink(&m_device);
     // First, so that the unused link is dropped before a waiting Connect fails, both 2 s later.
     m_device.linkUsersChanged();

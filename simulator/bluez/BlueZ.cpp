@@ -66,10 +66,12 @@ void BlueZ::stopAgent(bool orderly)
     if (!m_agent)
         return;
     m_agent->disconnect(this);
-    if (orderly)
+    if (orderly) {
         m_agent->stop();
-    else
+    } else {
         m_agent->deleteLater();
+        m_adapter.forgetAgent();
+    }
     m_agent = nullptr;
 }
 

@@ -41,23 +41,19 @@ void Device::handle(const Call &call)
 {
     const QString method = call.method();
     if (method == "Device.GetProperties()") {
-        const QString name = m_nameKnown ? m_phone.traits.name : QString();
-        const QString address = m_phone.traits.address;
-        QVariantMap properties {
-            {"Address", address},
-            {"Alias", m_nameKnown ? name : QString(address).replace(':', '-')},
-            {"Class", SmartPhone},
-            {"Icon", "phone"},
-            {"Paired", m_paired},
-            {"Trusted", m_trusted},
-            {"Blocked", false},
-            {"Connected", m_connected},
-            {"UUIDs", m_uuids},
-            {"Services", QVariant::fromValue(QList<QDBusObjectPath>())},
-            {"Adapter", QVariant::fromValue(QDBusObjectPath(m_adapter.path()))}};
-        if (m_nameKnown)
-            properties["Name"] = name;
-        call.reply({properties});
+        call.reply(
+            {QVariantMap {{"Address", m_phone.traits.address},
+                          {"Name", m_phone.traits.name},
+                          {"Alias", m_phone.traits.name},
+                          {"Class", SmartPhone},
+                          {"Icon", "phone"},
+                          {"Paired", m_paired},
+                          {"Trusted", m_trusted},
+                          {"Blocked", false},
+                          {"Connected", m_connected},
+                          {"UUIDs", m_uuids},
+                          {"Services", QVariant::fromValue(QList<QDBusObjectPath>())},
+                          {"Adapter", QVariant::fromValue(QDBusObjectPath(m_adapter.path()))}}});
     } else if (method == "Device.SetProperty(sv)") {
         setProperty(call);
     } else if (method == "Device.Disconnect()") {

@@ -107,7 +107,7 @@ QString Phone::act(const QStringList &words)
         return words.value(0) == candidate.name;
     });
     if (verb == Verbs.end())
-        return unknownWord("verb of phones", words.value(0), verbs());
+        return unknownWord("phone verb", words.value(0), verbs());
     const QString wanted = verb->argument;
     const QString argument = words.value(1);
     bool fits = argument.isEmpty() == wanted.isEmpty() && words.size() <= 2;
@@ -248,13 +248,13 @@ void Phone::startPairing(const Timer::Action &then)
 
 void Phone::play()
 {
-    setStream(Stream::Playing, "playing");
+    setStream(Stream::Playing);
     device.audio().phoneStarts();
 }
 
 void Phone::pause()
 {
-    setStream(Stream::Paused, "paused");
+    setStream(Stream::Paused);
     device.audio().phoneSuspends();
 }
 
@@ -306,37 +306,28 @@ void Phone::linkWentDown(const QString &why)
 {
     m_step.stop();
     m_afterPairing = nullptr;
-    streamClosed("the link is gone");
+    setStream(Stream::None, "the link is gone");
     note("link-down", why);
 }
 
-void Phone::streamOpened()
+void Phone::setStream(Stream stream, const QString &why)
 {
-    setStream(Stream::Paused, "stream-open");
-    if (m_autoPlay)
+    if (stream == m_stream)
+        return;
+    const bool wasOpen = m_stream != Stream::None;
+    m_stream = stream;
+    note(stream == Stream::None          ? "stream-closed"
+             : stream == Stream::Playing ? "playing"
+             : wasOpen                   ? "paused"
+                                         : "stream-open",
+         why);
+    emit streamChanged(traits.handle, stream == Stream::None ? QString() : device.path(),
+                       traits.audio, stream == Stream::Playing);
+    if (!wasOpen && m_autoPlay)
         m_step.start(AutoPlay, [this] {
             if (m_stream == Stream::Paused)
                 play();
         });
-}
-
-void Phone::streamClosed(const QString &why)
-{
-    if (m_stream != Stream::None)
-        setStream(Stream::None, "stream-closed", why);
-}
-
-void Phone::suspendedByUnit()
-{
-    setStream(Stream::Paused, "paused", "the unit suspends it: nobody takes the stream");
-}
-
-void Phone::setStream(Stream stream, const char *state, const QString &why)
-{
-    m_stream = stream;
-    note(state, why);
-    emit streamChanged(traits.handle, stream == Stream::None ? QString() : device.path(),
-                       traits.audio, stream == Stream::Playing);
 }
 
 void Phone::note(const QString &state, const QString &why)

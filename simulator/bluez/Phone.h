@@ -18,6 +18,7 @@ class Phone : public QObject
     Q_OBJECT
 
 public:
+    enum class Stream { None, Paused, Playing };
     struct Traits
     {
         QString handle; ///< what people here call it
@@ -52,9 +53,7 @@ public:
     /// \p whyNotPaired is empty when it is paired.
     void pairingFinished(const QString &whyNotPaired);
     void linkWentDown(const QString &why);
-    void streamOpened();
-    void streamClosed(const QString &why);
-    void suspendedByUnit();
+    void setStream(Stream stream, const QString &why = QString());
     /// Writes \p state to the journal, with the reason \p why.
     void note(const QString &state, const QString &why = QString());
 
@@ -64,7 +63,6 @@ signals:
                        bool playing);
 
 private:
-    enum class Stream { None, Paused, Playing };
     /// What must be so before a person can do something.
     enum class Needs { Nothing, Unit, NoBond, Audio, Link, Open, Paused, Playing };
     struct Verb;
@@ -80,7 +78,6 @@ private:
     void pause();
     void leave();
     void closeSignallingAndLeave();
-    void setStream(Stream stream, const char *state, const QString &why = QString());
 
     Adapter &m_adapter;
     Journal &m_journal;
