@@ -12,6 +12,15 @@ fail() {
     exit 1
 }
 
+# need_room FOLDER MEGABYTES: makes the folder, or says why nothing can be built there.
+need_room() {
+    local free
+    mkdir -p "$1" 2> /dev/null && [ -w "$1" ] ||
+        fail "cannot write $1; is this checkout read-only or another user's? Make a copy of it"
+    free=$(($(df --output=avail -m "$1" | tail -n 1)))
+    [ "$free" -ge "$2" ] || fail "the disk of $1 is full: $free MB are free, $2 are needed"
+}
+
 # build FOLDER [CMAKE-OPTION...] [-- TARGET...]: configures and builds, with progress on a terminal,
 # and with nothing but the outcome elsewhere. The full output lies in FOLDER/build.log.
 build() {

@@ -1,25 +1,18 @@
 #include "Adapter.h"
 
-#include "Context.h"
 #include "Device.h"
-#include "Phone.h"
-#include "RegisteredAgent.h"
-#include "UnusedInterfaces.h"
-#include "Uuids.h"
 
 #include <QDBusObjectPath>
-#include <QJsonArray>
+#include <QDBusPendingReply>
+#include <QDBusVariant>
 
 #include <algorithm>
 
 namespace {
 
-const QString AdapterInterface = QStringLiteral("org.bluez.Adapter");
 const QString Address = QStringLiteral("00:AA:01:00:00:00");
-const QString Subject = QStringLiteral("devices");
-const uint AudioDevice = 0x4c0100;
-const char *const Capabilities[] = {
-    "", "DisplayOnly", "DisplayYesNo", "KeyboardOnly", "NoInputNoOutput", "KeyboardDisplay"};
+const uint AudioClass = 0x4c0100;
+const int AgentLimit = 60000; ///< milliseconds of product time
 
 QVariant objectPath(const QString &path)
 {
@@ -28,264 +21,255 @@ QVariant objectPath(const QString &path)
 
 } // namespace
 
-Adapter::Adapter(Context *context, const QString &path, const QString &name, QObject *parent)
-    : QObject(parent), m_context(context), m_path(path), m_name(name)
-{
-    publish();
-    const QJsonObject stored = m_context->store.read(Subject);
-    m_names = stored.value("names").toObject();
-    for (const QJsonValue &device : stored.value("devices").toArray())
-        m_devices.push_back(new Device(m_context, this, device.toObject()));
-}
+// ---- the daemon
 
-QString Adapter::address() const
+void Adapter::appear(Bus *bus, qint64 pid, const QString &name)
 {
-    return Address;
-}
-
-void Adapter::publish()
-{
-    m_context->bus.publish(
-        m_path,
-        {AdapterInterface,
-         {{"GetProperties", {}, {"a{sv}"}, [this](const Call &call) { answerProperties(call); }},
-          {"SetProperty", {"s", "v"}, {}, nullptr},
-          {"RequestSession",
-           {},
-           {},
-           [this](const Call &call) {
-               if (m_agent)
-                   call.reply();
-               else
-                   call.fail(Errors::agentNotAvailable());
-           }},
-          {"ReleaseSession", {}, {}, [](const Call &call) { call.reply(); }},
-          {"StartDiscovery", {}, {}, nullptr},
-          {"StopDiscovery", {}, {}, nullptr},
-          {"ListDevices", {}, {"ao"}, [this](const Call &call) { call.reply({devicePaths()}); }},
-          {"CreateDevice", {"s"}, {"o"}, nullptr},
-          {"CreatePairedDevice", {"s", "o", "s"}, {"o"}, nullptr},
-          {"CancelDeviceCreation", {"s"}, {}, nullptr},
-          {"RemoveDevice", {"o"}, {}, [this](const Call &call) { removeDevice(call); }},
-          {"FindDevice",
-           {"s"},
-           {"o"},
-           [this](const Call &call) {
-               const Device *found = device(call.argument(0).toString());
-               if (found)
-                   call.reply({objectPath(found->path())});
-               else
-                   call.fail(Errors::doesNotExist());
-           }},
-          {"RegisterAgent", {"o", "s"}, {}, [this](const Call &call) { registerAgent(call); }},
-          {"UnregisterAgent", {"o"}, {}, [this](const Call &call) { unregisterAgent(call); }}},
-         {{"PropertyChanged", {"s", "v"}},
-          {"DeviceCreated", {"o"}},
-          {"DeviceRemoved", {"o"}},
-          {"DeviceFound", {"s", "a{sv}"}},
-          {"DeviceDisappeared", {"s"}}}});
-    for (const Interface &unused : UnusedInterfaces::ofAdapter())
-        m_context->bus.publish(m_path, unused);
-}
-
-void Adapter::answerProperties(const Call &call) const
-{
-    call.reply(Properties {
-        {"Address", Address},
-        {"Name", m_name},
-        {"Class", AudioDevice},
-        {"Powered", m_powered},
-        {"Discoverable", m_discoverable},
-        {"Pairable", m_pairable},
-        {"DiscoverableTimeout", uint(0)},
-        {"PairableTimeout", uint(0)},
-        {"Discovering", false},
-        {"Devices", devicePaths()},
-        {"UUIDs",
-         QStringList {Uuids::AudioSink, Uuids::RemoteControlTarget, Uuids::RemoteControl}}});
-}
-
-void Adapter::announceStoredDevices()
-{
-    for (Device *device : m_devices)
+    m_bus = bus;
+    m_path = QString("/org/bluez/%1/hci0").arg(pid);
+    m_name = name;
+    // The daemon brings the controller up itself, and listens for connections.
+    m_powered = true;
+    m_pairable = true;
+    for (Device *device : qAsConst(m_devices))
         device->announcePaired();
-}
-
-void Adapter::announceProperties()
-{
-    if (m_context->options.backend == Options::Backend::Management) {
+    emitSignal("/", "Manager.AdapterAdded", {objectPath(m_path)});
+    emitChanged("/", "Manager", "Adapters", adapterPaths());
+    emitSignal("/", "Manager.DefaultAdapterChanged", {objectPath(m_path)});
+    if (backend == Backend::Management) {
         changed("Name", QString());
         changed("Powered", true);
         changed("Name", m_name);
         changed("Pairable", true);
-        changed("Discoverable", false);
+        changed("Discoverable", m_discoverable);
         changed("Pairable", true);
     } else {
         changed("Powered", true);
         changed("Pairable", true);
-        changed("Class", AudioDevice);
+        changed("Class", AudioClass);
         changed("Name", m_name);
         changed("Pairable", true);
-        changed("Discoverable", false);
+        changed("Discoverable", m_discoverable);
     }
 }
 
-void Adapter::stop()
+void Adapter::vanish()
 {
-    for (Device *device : m_devices)
+    forgetAgent();
+    for (Device *device : qAsConst(m_devices))
         device->retire();
-    if (m_agent)
-        m_agent->release();
+    const auto isBonded = [](const Device *device) { return device->isBonded(); };
+    m_devices.erase(std::stable_partition(m_devices.begin(), m_devices.end(), isBonded),
+                    m_devices.end());
 }
 
-bool Adapter::hasStream() const
+void Adapter::handle(const Call &call)
 {
-    return std::any_of(m_devices.begin(), m_devices.end(),
-                       [](Device *device) { return device->session().isOpen(); });
+    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(),
+                                     [&](const Device *one) { return one->path() == call.path(); });
+    if (call.path() == "/")
+        handleManager(call);
+    else if (!isReady())
+        call.failUnknown(false);
+    else if (call.path() == m_path)
+        handleAdapter(call);
+    else if (device != m_devices.cend())
+        (*device)->handle(call);
+    else
+        call.failUnknown(false);
+}
+
+void Adapter::handleManager(const Call &call)
+{
+    const QString method = call.method();
+    if (method == "Manager.ListAdapters()")
+        call.reply({adapterPaths()});
+    else if (method == "Manager.GetProperties()")
+        call.reply({QVariantMap {{"Adapters", adapterPaths()}}});
+    else if (method != "Manager.DefaultAdapter()")
+        call.failUnknown(true);
+    else if (isReady())
+        call.reply({objectPath(m_path)});
+    else
+        call.fail("NoSuchAdapter", "No such adapter");
+}
+
+void Adapter::handleAdapter(const Call &call)
+{
+    const QString method = call.method();
+    if (method == "Adapter.ListDevices()") {
+        call.reply({devicePaths()});
+    } else if (method == "Adapter.RemoveDevice(o)") {
+        removeDevice(call);
+    } else if (method == "Adapter.RegisterAgent(os)") {
+        if (!m_agent.isEmpty()) {
+            call.fail("AlreadyExists");
+            return;
+        }
+        m_agent = call.sender();
+        m_agentPath = call.argument(0).toString();
+        call.reply();
+    } else if (method == "Adapter.UnregisterAgent(o)") {
+        if (m_agent != call.sender()) {
+            call.fail("DoesNotExist");
+            return;
+        }
+        releaseAgent();
+        call.reply();
+    } else if (method == "Adapter.GetProperties()") {
+        call.reply({QVariantMap {{"Address", Address},
+                                 {"Name", m_name},
+                                 {"Class", backend == Backend::Management ? 0 : AudioClass},
+                                 {"Powered", m_powered},
+                                 {"Discoverable", m_discoverable},
+                                 {"Pairable", m_pairable},
+                                 {"Devices", devicePaths()}}});
+    } else {
+        call.failUnknown(true);
+    }
+}
+
+void Adapter::emitSignal(const QString &path, const QString &member, const QVariantList &arguments)
+{
+    if (m_bus)
+        m_bus->emitSignal(path, member, arguments);
+}
+
+void Adapter::emitChanged(const QString &path, const QString &interface, const QString &property,
+                          const QVariant &value)
+{
+    emitSignal(path, interface + ".PropertyChanged",
+               {property, QVariant::fromValue(QDBusVariant(value))});
+}
+
+void Adapter::changed(const QString &property, const QVariant &value)
+{
+    emitChanged(m_path, "Adapter", property, value);
+}
+
+// ---- the agent
+
+QDBusPendingCallWatcher *Adapter::callAgent(const QString &member, const QVariantList &arguments)
+{
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(m_agent, m_agentPath, "org.bluez.Agent", member);
+    call.setArguments(arguments);
+    const int limit = qMax(1, qRound(AgentLimit * clock.scale));
+    auto *watcher = new QDBusPendingCallWatcher(m_bus->connection().asyncCall(call, limit), m_bus);
+    connect(watcher, &QDBusPendingCallWatcher::finished, watcher, &QObject::deleteLater);
+    return watcher;
+}
+
+void Adapter::askAgent(Device *device, const QString &member, const QVariantList &more,
+                       const AgentsAnswer &answer)
+{
+    if (m_agent.isEmpty() || m_question) {
+        answer(false, QString());
+        return;
+    }
+    m_asker = device;
+    m_question = callAgent(member, QVariantList {objectPath(device->path())} + more);
+    connect(m_question, &QDBusPendingCallWatcher::finished, this,
+            [this, answer](QDBusPendingCallWatcher *question) {
+                const QDBusPendingReply<> reply = *question;
+                m_question = nullptr;
+                answer(!reply.isError(), reply.reply().arguments().value(0).toString());
+            });
+}
+
+void Adapter::cancelQuestion(const Device *device)
+{
+    if (!m_question || m_asker != device)
+        return;
+    delete m_question;
+    if (!m_agent.isEmpty())
+        callAgent("Cancel");
+}
+
+void Adapter::releaseAgent()
+{
+    if (!m_agent.isEmpty())
+        callAgent("Release");
+    forgetAgent();
+}
+
+// ---- the radio
+
+void Adapter::hciconfig(const QStringList &arguments)
+{
+    const QString command = arguments.value(1);
+    if (command == "up" || command == "down") {
+        setPowered(command == "up");
+    } else if (command == "piscan" || command == "noscan") {
+        // Pairable first in both directions; links that are up stay up.
+        setFlag(&m_pairable, "Pairable", command == "piscan");
+        setFlag(&m_discoverable, "Discoverable", command == "piscan");
+    } else if (command == "sspmode") {
+        m_simplePairing = arguments.value(2) == "1";
+    }
 }
 
 void Adapter::setPowered(bool powered)
 {
     if (powered == m_powered)
         return;
+    m_powered = powered;
     if (powered) {
-        m_powered = true;
         changed("Powered", true);
         setFlag(&m_pairable, "Pairable", true);
         setFlag(&m_discoverable, "Discoverable", m_discoverableWhenUp);
         return;
     }
-    m_powered = false;
     // A copy: devices that are not bonded are removed with their link.
-    const std::vector<Device *> devices = m_devices;
+    const QVector<Device *> devices = m_devices;
     for (Device *device : devices)
-        device->dropLink("loses the link: the unit's radio is switched off");
+        device->dropLink("the unit's radio is switched off");
     m_discoverableWhenUp = m_discoverable;
     setFlag(&m_discoverable, "Discoverable", false);
     setFlag(&m_pairable, "Pairable", false);
     changed("Powered", false);
 }
 
-void Adapter::setScan(bool page, bool inquiry)
+void Adapter::setFlag(bool *flag, const QString &property, bool value)
 {
-    // Pairable first in both directions; links that are up stay up.
-    setFlag(&m_pairable, "Pairable", page);
-    setFlag(&m_discoverable, "Discoverable", inquiry);
-}
-
-void Adapter::registerAgent(const Call &call)
-{
-    const QString capability = call.argument(1).toString();
-    const bool known = std::any_of(std::begin(Capabilities), std::end(Capabilities),
-                                   [&](const char *name) { return capability == name; });
-    if (m_agent) {
-        call.fail(Errors::alreadyExists());
-    } else if (!known) {
-        call.fail(Errors::invalidArguments());
-    } else {
-        m_agent = new RegisteredAgent(m_context, call.sender(), call.argument(0).toString(), this);
-        connect(m_agent, &RegisteredAgent::gone, this, &Adapter::agentGone);
-        call.reply();
-    }
-}
-
-void Adapter::unregisterAgent(const Call &call)
-{
-    if (!m_agent || !m_agent->is(call.sender(), call.argument(0).toString())) {
-        call.fail(Errors::doesNotExist());
+    if (*flag == value)
         return;
-    }
-    m_agent->release();
-    agentGone();
-    call.reply();
+    *flag = value;
+    changed(property, value);
 }
 
-void Adapter::agentGone()
-{
-    m_agent->deleteLater();
-    m_agent = nullptr;
-}
+// ---- devices
 
-Device *Adapter::device(const QString &address) const
+void Adapter::add(Device *device, bool isAnnounced)
 {
-    for (Device *device : m_devices) {
-        if (device->address().compare(address, Qt::CaseInsensitive) == 0)
-            return device;
-    }
-    return nullptr;
-}
-
-Device *Adapter::deviceFor(const Phone *phone)
-{
-    if (Device *known = device(phone->address()))
-        return known;
-    auto *created = new Device(m_context, this, phone->address());
-    m_devices.push_back(created);
-    m_context->bus.emitSignal(m_path, AdapterInterface, "DeviceCreated",
-                              {objectPath(created->path())});
+    m_devices.append(device);
+    if (!isAnnounced)
+        return;
+    emitSignal(m_path, "Adapter.DeviceCreated", {objectPath(device->path())});
     changed("Devices", devicePaths());
-    return created;
-}
-
-void Adapter::introduce(const Phone *phone, const QString &key, bool trusted)
-{
-    rememberName(phone->address(), phone->bluetoothName());
-    m_devices.push_back(new Device(m_context, this,
-                                   {{"address", phone->address()},
-                                    {"name", phone->bluetoothName()},
-                                    {"key", key},
-                                    {"trusted", trusted},
-                                    {"uuids", QJsonArray {Uuids::AudioSource}}}));
-    save();
-}
-
-void Adapter::removeDevice(const Call &call)
-{
-    const QString path = call.argument(0).toString();
-    for (Device *device : m_devices) {
-        // As the daemon compares.
-        if (device->path().compare(path, Qt::CaseInsensitive) == 0) {
-            device->removeOn(call);
-            return;
-        }
-    }
-    call.fail(Errors::doesNotExist());
 }
 
 void Adapter::remove(Device *device)
 {
-    m_devices.erase(std::find(m_devices.begin(), m_devices.end(), device));
+    m_devices.removeOne(device);
     changed("Devices", devicePaths());
-    m_context->bus.emitSignal(m_path, AdapterInterface, "DeviceRemoved",
-                              {objectPath(device->path())});
-    device->retire();
-    if (device->isBonded())
-        save();
-    device->deleteLater();
+    emitSignal(m_path, "Adapter.DeviceRemoved", {objectPath(device->path())});
 }
 
-void Adapter::save()
+void Adapter::removeDevice(const Call &call)
 {
-    QJsonArray devices;
-    for (const Device *device : m_devices) {
-        if (device->isBonded())
-            devices.append(device->toJson());
-    }
-    m_context->store.write(Subject, {{"devices", devices}, {"names", m_names}});
+    // As the daemon compares.
+    const auto isMeant = [path = call.argument(0).toString()](const Device *device) {
+        return device->path().compare(path, Qt::CaseInsensitive) == 0;
+    };
+    const auto device = std::find_if(m_devices.cbegin(), m_devices.cend(), isMeant);
+    if (device != m_devices.cend())
+        (*device)->removeOn(call);
+    else
+        call.fail("DoesNotExist");
 }
 
-QString Adapter::rememberedName(const QString &address) const
-{
-    return m_names.value(address).toString();
-}
-
-void Adapter::rememberName(const QString &address, const QString &name)
-{
-    m_names.insert(address, name);
-    save();
-}
-
-bool Adapter::takeSink(Device *device)
+bool Adapter::takeSink(const Device *device)
 {
     if (m_sinkOwner && m_sinkOwner != device)
         return false;
@@ -299,23 +283,16 @@ void Adapter::releaseSink(const Device *device)
         m_sinkOwner = nullptr;
 }
 
+QVariant Adapter::adapterPaths() const
+{
+    return QVariant::fromValue(isReady() ? QList<QDBusObjectPath> {QDBusObjectPath(m_path)}
+                                         : QList<QDBusObjectPath>());
+}
+
 QVariant Adapter::devicePaths() const
 {
     QList<QDBusObjectPath> paths;
     for (const Device *device : m_devices)
         paths.append(QDBusObjectPath(device->path()));
     return QVariant::fromValue(paths);
-}
-
-void Adapter::changed(const QString &property, const QVariant &value)
-{
-    m_context->bus.emitPropertyChanged(m_path, AdapterInterface, property, value);
-}
-
-void Adapter::setFlag(bool *flag, const QString &property, bool value)
-{
-    if (*flag == value)
-        return;
-    *flag = value;
-    changed(property, value);
 }

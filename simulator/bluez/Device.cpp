@@ -1,178 +1,136 @@
 #include "Device.h"
 
-#include "Adapter.h"
-#include "Context.h"
-#include "Durations.h"
-#include "Error.h"
 #include "Phone.h"
-#include "PhoneBook.h"
-#include "RegisteredAgent.h"
-#include "Uuids.h"
 
 #include <QDBusObjectPath>
-#include <QJsonArray>
 
 namespace {
-const QString DeviceInterface = QStringLiteral("org.bluez.Device");
+
+// Milliseconds of product time.
+const int DisconnectDelay = 2000; ///< from Disconnect or RemoveDevice to the end of the link
+const int LinkIdle = 2000; ///< link without channels
+const int LinkIdleAfterSearch = 4000;
+const int LinkSetup = 40;
+const int PageTimeout = 5120;
+/// From Paired to the daemon's own service search: after an unused link has been dropped.
+const int SearchDelay = 2200;
+const int SearchTime = 50;
+const int LongestPin = 16;
 const uint SmartPhone = 524;
+
 } // namespace
 
-Device::Device(Context *context, Adapter *adapter, const QString &address)
-    : QObject(adapter)
-    , m_context(context)
-    , m_adapter(adapter)
-    , m_address(address)
-    , m_path(adapter->path() + "/dev_" + QString(address).replace(':', '_'))
-    , m_name(adapter->rememberedName(address))
-    , m_disconnect(&context->schedule)
-    , m_idle(&context->schedule)
-    , m_paging(&context->schedule)
-    , m_source(context, this)
-    , m_session(context, this)
-    , m_pairing(context, this)
-    , m_search(context, this)
+QString Device::path() const
 {
-    publish();
+    return m_adapter.path() + "/dev_" + QString(m_phone.traits.address).replace(':', '_');
 }
 
-Device::Device(Context *context, Adapter *adapter, const QJsonObject &stored)
-    : Device(context, adapter, stored.value("address").toString())
+void Device::setKnown(bool trusted)
 {
+    m_bonded = true;
+    m_phone.isBonded = true;
     m_paired = true;
-    m_temporary = false;
-    m_name = stored.value("name").toString();
-    m_alias = stored.value("alias").toString();
-    m_key = stored.value("key").toString();
-    m_trusted = stored.value("trusted").toBool();
-    m_blocked = stored.value("blocked").toBool();
-    for (const QJsonValue &uuid : stored.value("uuids").toArray())
-        m_uuids.append(uuid.toString());
-    if (m_uuids.contains(Uuids::AudioSource))
-        m_source.appear();
+    m_trusted = trusted;
+    m_nameKnown = true;
+    m_uuids = QStringList {Audio::SourceUuid};
+    m_exists = true;
+    m_adapter.add(this, false);
 }
 
-Phone *Device::phone() const
+void Device::handle(const Call &call)
 {
-    return m_context->phones->at(m_address);
-}
-
-QJsonObject Device::toJson() const
-{
-    return {{"address", m_address},
-            {"name", m_name},
-            {"alias", m_alias},
-            {"key", m_key},
-            {"trusted", m_trusted},
-            {"blocked", m_blocked},
-            {"uuids", QJsonArray::fromStringList(m_uuids)}};
-}
-
-void Device::publish()
-{
-    m_context->bus.publish(
-        m_path,
-        {DeviceInterface,
-         {{"GetProperties", {}, {"a{sv}"}, [this](const Call &call) { answerProperties(call); }},
-          {"SetProperty", {"s", "v"}, {}, [this](const Call &call) { setProperty(call); }},
-          {"DiscoverServices", {"s"}, {"a{us}"}, nullptr},
-          {"CancelDiscovery", {}, {}, nullptr},
-          {"Disconnect", {}, {}, [this](const Call &call) { disconnectCalled(call); }}},
-         {{"PropertyChanged", {"s", "v"}}, {"DisconnectRequested", {}}}});
-}
-
-void Device::answerProperties(const Call &call) const
-{
-    const QString addressAsName = QString(m_address).replace(':', '-');
-    const QString alias = !m_alias.isEmpty() ? m_alias : !m_name.isEmpty() ? m_name : addressAsName;
-    Properties properties {{"Address", m_address}};
-    if (!m_name.isEmpty())
-        properties.append({"Name", m_name});
-    properties << Properties {{"Alias", alias},
-                              {"Class", SmartPhone},
-                              {"Icon", "phone"},
-                              {"Paired", m_paired},
-                              {"Trusted", m_trusted},
-                              {"Blocked", m_blocked},
-                              {"Connected", m_connected},
-                              {"UUIDs", m_uuids},
-                              {"Services", QVariant::fromValue(QList<QDBusObjectPath>())},
-                              {"Adapter", QVariant::fromValue(QDBusObjectPath(m_adapter->path()))}};
-    call.reply(properties);
+    const QString method = call.method();
+    if (method == "Device.GetProperties()") {
+        call.reply(
+            {QVariantMap {{"Address", m_phone.traits.address},
+                          {"Name", m_phone.traits.name},
+                          {"Alias", m_phone.traits.name},
+                          {"Class", SmartPhone},
+                          {"Icon", "phone"},
+                          {"Paired", m_paired},
+                          {"Trusted", m_trusted},
+                          {"Blocked", false},
+                          {"Connected", m_connected},
+                          {"UUIDs", m_uuids},
+                          {"Services", QVariant::fromValue(QList<QDBusObjectPath>())},
+                          {"Adapter", QVariant::fromValue(QDBusObjectPath(m_adapter.path()))}}});
+    } else if (method == "Device.SetProperty(sv)") {
+        setProperty(call);
+    } else if (method == "Device.Disconnect()") {
+        disconnectCalled(call);
+    } else if (!hasService(Audio::SourceUuid) || !m_audio.handle(call)) {
+        call.failUnknown(true);
+    }
 }
 
 void Device::setProperty(const Call &call)
 {
-    const QString name = call.argument(0).toString();
     const QVariant value = call.argument(1);
-    bool *flag = name == "Trusted" ? &m_trusted : name == "Blocked" ? &m_blocked : nullptr;
-    if (flag && value.type() == QVariant::Bool) {
-        if (*flag != value.toBool()) {
-            *flag = value.toBool();
-            m_adapter->save();
-            changed(name, *flag);
-        }
-    } else if (name == "Alias" && value.type() == QVariant::String) {
-        if (m_alias != value.toString()) {
-            m_alias = value.toString();
-            m_adapter->save();
-            changed(name, m_alias);
-        }
-    } else {
-        call.fail(Errors::invalidArguments());
+    if (call.argument(0) != "Trusted" || value.type() != QVariant::Bool) {
+        call.fail("InvalidArguments", "Invalid arguments in method call");
         return;
+    }
+    if (m_trusted != value.toBool()) {
+        m_trusted = value.toBool();
+        changed("Trusted", m_trusted);
     }
     call.reply();
 }
 
-void Device::linkUp(Announce announce)
+void Device::changed(const QString &property, const QVariant &value)
 {
+    m_adapter.emitChanged(path(), "Device", property, value);
+}
+
+// ---- the link
+
+void Device::linkUp(bool isAnnounced)
+{
+    if (!m_exists) {
+        m_exists = true;
+        m_adapter.add(this, true);
+    }
     // Whatever is left of the link before is noticed now.
-    m_session.noticeHangUp();
+    m_audio.noticeHangUp();
     m_linkUp = true;
-    phone()->linkCameUp();
-    if (announce == Announce::Now)
+    m_phone.note("link-up");
+    if (isAnnounced)
         announceConnected();
+    m_link.stop();
     linkUsersChanged();
-    if (m_paging.isActive())
-        finishPage(true);
+    finishPage();
 }
 
 void Device::announceConnected()
 {
     m_connected = true;
     changed("Connected", true);
-    if (m_name.isEmpty() || m_name != phone()->bluetoothName()) {
-        m_name = phone()->bluetoothName();
-        m_adapter->rememberName(m_address, m_name);
-        changed("Name", m_name);
-        if (m_alias.isEmpty())
-            changed("Alias", m_name);
+    if (!m_nameKnown) {
+        m_nameKnown = true;
+        changed("Name", m_phone.traits.name);
+        changed("Alias", m_phone.traits.name);
     }
 }
 
 void Device::page(const std::function<void(bool)> &done)
 {
-    m_pageWaiters.push_back(done);
-    if (m_paging.isActive())
+    m_pageWaiters.append(done);
+    if (m_link.isActive())
         return;
-    if (phone() && phone()->isInRange()) {
-        m_paging.start(Durations::LinkSetup, [this] {
-            if (m_adapter->isPowered() && phone()->isInRange())
-                linkUp(Announce::Now);
-            finishPage(m_linkUp);
-        });
-    } else {
-        m_paging.start(Durations::PageTimeout, [this] { finishPage(false); });
-    }
+    m_link.start(m_phone.isInRange ? LinkSetup : PageTimeout, [this] {
+        if (m_phone.isInRange && m_adapter.isPowered())
+            linkUp(true);
+        else
+            finishPage();
+    });
 }
 
-void Device::finishPage(bool up)
+void Device::finishPage()
 {
-    m_paging.stop();
-    const auto waiters = std::move(m_pageWaiters);
+    const auto waiters = m_pageWaiters;
     m_pageWaiters.clear();
     for (const auto &waiter : waiters)
-        waiter(up);
+        waiter(m_linkUp);
 }
 
 void Device::dropLink(const QString &why)
@@ -180,24 +138,20 @@ void Device::dropLink(const QString &why)
     if (!m_linkUp)
         return;
     m_linkUp = false;
-    m_idle.stop();
+    m_isPairing = false;
+    m_phone.linkWentDown(why);
+    m_link.stop();
     m_disconnect.stop();
-    phone()->linkWentDown(why);
-    cancelAgentRequest();
-    m_search.linkLost();
+    m_adapter.cancelQuestion(this);
+    if (m_search == Search::Browsing)
+        m_search = Search::None;
 
-    const bool unitMade = !m_disconnectCalls.empty() || m_removal;
-    const bool hasSession = m_session.isActive();
-    // Management back-end: link events come before the AVDTP sockets'. Raw HCI: both wait in the
-    // same queue; the session's end mostly comes first for a link that the unit ends, mostly last
-    // for one that the phone ends.
-    const bool sessionFirst = m_context->options.backend == Options::Backend::Hci
-        && unitMade != m_context->options.otherOrder;
-    if (hasSession && sessionFirst && !m_removal)
-        m_session.linkLost(AudioSession::Notice::AtOnce);
-
-    // The replies come before the signal, in both back-ends.
-    for (const Call &call : m_disconnectCalls)
+    const bool byUnit = !m_disconnectCalls.isEmpty() || m_removal;
+    const bool hadAudio = m_audio.isActive();
+    if (hadAudio && m_adapter.audioFirst)
+        m_audio.hangUp();
+    // The replies come before the signal.
+    for (const Call &call : qAsConst(m_disconnectCalls))
         call.reply();
     m_disconnectCalls.clear();
     if (m_removal)
@@ -206,39 +160,130 @@ void Device::dropLink(const QString &why)
         m_connected = false;
         changed("Connected", false);
     }
-    if (m_temporary) {
-        // The audio source dies with the device, without a signal of its own.
-        m_adapter->remove(this);
-    } else if (hasSession && !sessionFirst) {
-        m_session.linkLost(unitMade ? AudioSession::Notice::AfterDisconnect
-                                    : AudioSession::Notice::Later);
-    }
-}
-
-void Device::cancelAgentRequest()
-{
-    m_pairing.abort();
-    if (RegisteredAgent *agent = m_adapter->agent())
-        agent->cancel(this);
+    if (m_removal || !isBonded())
+        remove();
+    else if (hadAudio && !m_adapter.audioFirst)
+        m_audio.linkLost(byUnit);
 }
 
 void Device::linkUsersChanged()
 {
-    if (!m_linkUp || m_pairing.isActive() || m_session.isActive() || m_search.isUsingLink())
-        m_idle.stop();
-    else if (!m_idle.isActive())
-        m_idle.start(Durations::LinkIdle, [this] { dropLink("is unused"); });
+    if (!m_linkUp)
+        return;
+    if (m_isPairing || m_audio.isActive() || m_search == Search::Browsing)
+        m_link.stop();
+    else if (!m_link.isActive())
+        m_link.start(LinkIdle, [this] { dropLink("nobody uses the link"); });
 }
 
-void Device::bond(const QString &key)
+void Device::disconnectCalled(const Call &call)
 {
-    m_key = key;
-    m_temporary = m_removal.has_value();
-    m_adapter->save();
+    if (!m_connected) {
+        call.fail("NotConnected");
+        return;
+    }
+    m_disconnectCalls.append(call);
+    requestDisconnect();
+}
+
+void Device::requestDisconnect()
+{
+    // The stream is not closed first: whatever the phone does in these 2 s still happens.
+    if (m_disconnect.isActive())
+        return;
+    m_adapter.emitSignal(path(), "Device.DisconnectRequested");
+    m_disconnect.start(DisconnectDelay, [this] { dropLink("the unit disconnects"); });
+}
+
+void Device::removeOn(const Call &call)
+{
+    const bool isSearched = m_search == Search::Paging || m_search == Search::Browsing;
+    if (!isBonded() || m_removal || isSearched) {
+        call.fail("DoesNotExist", "Device creation in progress");
+    } else if (m_connected) {
+        m_removal = call;
+        requestDisconnect();
+    } else {
+        m_audio.noticeHangUp();
+        remove();
+        call.reply();
+    }
+}
+
+void Device::remove()
+{
+    m_bonded = false;
+    m_adapter.remove(this);
+    retire();
+}
+
+void Device::retire()
+{
+    if (m_linkUp)
+        m_phone.linkWentDown("the unit ends the link");
+    m_audio.retire();
+    m_disconnect.stop();
+    m_link.stop();
+    m_searching.stop();
+    m_pageWaiters.clear();
+    m_disconnectCalls.clear();
+    m_removal.reset();
+    m_search = Search::None;
+    m_linkUp = false;
+    m_connected = false;
+    m_isPairing = false;
+    if (isBonded())
+        return;
+    // Nothing is left of it, for as long as it does not come again.
+    m_exists = false;
+    m_paired = false;
+    m_trusted = false;
+    m_uuids.clear();
+}
+
+// ---- pairing
+
+void Device::startPairing()
+{
+    m_isPairing = true;
+    linkUsersChanged();
+    if (m_adapter.hasSimplePairing()) {
+        finishPairing(QString());
+        return;
+    }
+    m_adapter.askAgent(this, "RequestPinCode", {}, [this](bool agreed, const QString &pin) {
+        const bool isPin = agreed && !pin.isEmpty() && pin.size() <= LongestPin;
+        const QString whyNot = isPin ? "the PINs differ" : "the unit gives no PIN";
+        finishPairing(isPin && pin == m_phone.traits.pin ? QString() : whyNot);
+    });
+}
+
+void Device::finishPairing(const QString &whyNot)
+{
+    m_isPairing = false;
+    if (!whyNot.isEmpty()) {
+        m_phone.pairingFinished(whyNot);
+        if (m_audio.isActive())
+            dropLink("it is not authenticated");
+        else
+            linkUsersChanged();
+        return;
+    }
+    m_bonded = true;
     if (!m_paired)
         announcePaired();
     linkUsersChanged();
-    m_search.schedule();
+    if (m_search == Search::None && !m_searching.isActive()) {
+        m_searching.start(SearchDelay, [this] {
+            m_search = Search::Paging;
+            if (m_linkUp)
+                search(true);
+            else
+                page([this](bool up) { search(up); });
+        });
+    }
+    m_phone.pairingFinished(QString());
+    m_audio.pairingFinished();
 }
 
 void Device::announcePaired()
@@ -247,69 +292,27 @@ void Device::announcePaired()
     changed("Paired", true);
 }
 
-void Device::addUuid(const QString &uuid)
+// ---- services
+
+void Device::search(bool isLinked)
+{
+    m_search = isLinked ? Search::Browsing : Search::None;
+    linkUsersChanged();
+    if (!isLinked)
+        return;
+    m_searching.start(SearchTime, [this] {
+        m_search = Search::None;
+        addService(Audio::SourceUuid);
+        if (!m_audio.isActive())
+            m_link.start(LinkIdleAfterSearch, [this] { dropLink("nobody uses the link"); });
+    });
+}
+
+void Device::addService(const QString &uuid)
 {
     if (m_uuids.contains(uuid))
         return;
     m_uuids.append(uuid);
     m_uuids.sort();
-    if (isBonded())
-        m_adapter->save();
-    if (uuid == Uuids::AudioSource)
-        m_source.appear();
     changed("UUIDs", m_uuids);
-}
-
-void Device::disconnectCalled(const Call &call)
-{
-    if (!m_connected) {
-        call.fail(Errors::notConnected());
-        return;
-    }
-    m_disconnectCalls.push_back(call);
-    requestDisconnect();
-}
-
-void Device::requestDisconnect()
-{
-    // Streams are not closed first: whatever the phone does in these 2 s still happens.
-    if (m_disconnect.isActive())
-        return;
-    m_context->bus.emitSignal(m_path, DeviceInterface, "DisconnectRequested");
-    m_disconnect.start(Durations::Disconnect, [this] { dropLink("is disconnected by the unit"); });
-}
-
-void Device::removeOn(const Call &call)
-{
-    if (m_temporary || m_search.isBrowsing()) {
-        call.fail(Errors::deviceCreationInProgress());
-    } else if (m_connected) {
-        m_temporary = true;
-        m_removal = call;
-        requestDisconnect();
-    } else {
-        m_adapter->remove(this);
-        call.reply();
-    }
-}
-
-void Device::retire()
-{
-    if (m_linkUp)
-        phone()->linkWentDown("loses its link");
-    m_linkUp = false;
-    m_disconnect.stop();
-    m_idle.stop();
-    m_paging.stop();
-    m_pageWaiters.clear();
-    cancelAgentRequest();
-    m_search.stop();
-    m_session.retire();
-    m_source.retire();
-    m_context->bus.withdraw(m_path);
-}
-
-void Device::changed(const QString &property, const QVariant &value)
-{
-    m_context->bus.emitPropertyChanged(m_path, DeviceInterface, property, value);
 }

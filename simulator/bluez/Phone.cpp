@@ -1,545 +1,341 @@
 #include "Phone.h"
 
-#include "Adapter.h"
-#include "Context.h"
-#include "Device.h"
-#include "Durations.h"
-#include "PhoneBook.h"
-#include "Uuids.h"
+#include "core/Journal.h"
+#include "core/Words.h"
 
-#include <QHash>
-#include <QUuid>
+#include <QJsonObject>
+
+#include <algorithm>
 
 namespace {
 
-/// In the order of Phone::Answer.
-const QStringList AnswerNames {"accept", "ignore", "refuse", "reject"};
+// Milliseconds of product time.
+const int LinkSetup = 40;
+const int ChannelSetup = 20;
+const int Reaction = 100; ///< between two steps of its own
+const int AudioAfterPairing = 500; ///< of a usual phone
+const int AutoPlay = 350; ///< from an open stream to one that plays by itself
 
 } // namespace
 
-Phone::Phone(Context *context, const QString &handle, const QJsonObject &description)
-    : m_context(context)
-    , m_handle(handle)
-    , m_address(description.value("address").toString())
-    , m_name(description.value("name").toString())
-    , m_pin(description.value("pin").toString())
-    , m_audio(description.value("audio").toString())
-    , m_known(description.value("known").toBool())
-    , m_trusted(description.value("trusted").toBool())
-    , m_key(description.value("key").toString())
-    , m_inRange(description.value("in-range").toBool(true))
-    , m_autoPlay(description.value("auto-play").toBool())
-    , m_answer(Answer(qMax(0, AnswerNames.indexOf(description.value("answer").toString()))))
-    , m_late(description.value("answer-late").toInt())
-    , m_step(&context->schedule)
+using Text = const QString &;
+
+struct Phone::Verb
+{
+    const char *name;
+    const char *argument;
+    Needs needs;
+    const char *help;
+    void (*act)(Phone &phone, Text argument);
+};
+
+const QVector<Phone::Verb> Phone::Verbs {
+    {"pair", "", Needs::NoBond, "pairs, without connecting its audio",
+     [](Phone &phone, Text) { phone.openLink(true, [&] { phone.startPairing(nullptr); }); }},
+    {"connect", "", Needs::Unit, "connects its audio as a usual phone, pairs if it must",
+     [](Phone &phone, Text) { phone.connectAsUsual(); }},
+    {"connect-acl", "", Needs::Unit, "opens the radio link only",
+     [](Phone &phone, Text) { phone.openLink(true, [] {}); }},
+    {"connect-a2dp", "", Needs::Audio, "connects its audio, with the bond that it has",
+     [](Phone &phone, Text) { phone.connectAudio(); }},
+    {"connect-signalling", "", Needs::Audio, "connects its audio, but opens no stream",
+     [](Phone &phone, Text) {
+         phone.openLink(true, [&] { phone.device.audio().phoneConnects(true); });
+     }},
+    {"play", "", Needs::Paused, "starts the stream", [](Phone &phone, Text) { phone.play(); }},
+    {"pause", "", Needs::Playing, "suspends the stream", [](Phone &phone, Text) { phone.pause(); }},
+    {"close", "", Needs::Open, "closes the stream",
+     [](Phone &phone, Text) { phone.device.audio().closeStream(); }},
+    {"leave", "", Needs::Link, "ends everything in order",
+     [](Phone &phone, Text) { phone.leave(); }},
+    {"drop", "", Needs::Link, "loses the link at once",
+     [](Phone &phone, Text) { phone.device.dropLink("the phone drops it"); }},
+    {"out-of-range", "", Needs::Nothing, "cannot be reached any more, nor reach the unit",
+     [](Phone &phone, Text) {
+         phone.isInRange = false;
+         phone.m_step.stop();
+         phone.device.dropLink("the phone is out of range");
+     }},
+    {"in-range", "", Needs::Nothing, "can be reached again",
+     [](Phone &phone, Text) { phone.isInRange = true; }},
+    {"ignore", "", Needs::Nothing, "will never answer the unit's audio requests",
+     [](Phone &phone, Text) { phone.m_answer = "ignore"; }},
+    {"refuse", "", Needs::Nothing, "will close the unit's audio connections at once",
+     [](Phone &phone, Text) { phone.m_answer = "refuse"; }},
+    {"reject", "", Needs::Nothing, "will reject the unit's stream configuration",
+     [](Phone &phone, Text) { phone.m_answer = "reject"; }},
+    {"accept", "", Needs::Nothing, "will accept again",
+     [](Phone &phone, Text) { phone.m_answer = "accept"; }},
+    {"answer-late", "MILLISECONDS", Needs::Nothing, "will answer each audio request that late",
+     [](Phone &phone, Text argument) { phone.m_late = argument.toInt(); }},
+    {"auto-play", "on|off", Needs::Nothing, "whether it plays as soon as a stream is open",
+     [](Phone &phone, Text argument) { phone.m_autoPlay = argument == "on"; }},
+    {"forget", "", Needs::Nothing, "forgets its bond with the unit",
+     [](Phone &phone, Text) { phone.isBonded = false; }},
+    {"pin", "PIN", Needs::Nothing, "will pair with another PIN",
+     [](Phone &phone, Text argument) { phone.traits.pin = argument; }}};
+
+Phone::Phone(Adapter &adapter, Journal &journal, const Traits &traitsOfIt, QObject *parent)
+    : QObject(parent)
+    , traits(traitsOfIt)
+    , device(adapter, *this)
+    , m_adapter(adapter)
+    , m_journal(journal)
+    , m_step(adapter.clock, this)
 {
 }
 
-QJsonObject Phone::toJson() const
+QStringList Phone::verbs()
 {
-    return {{"address", m_address},
-            {"name", m_name},
-            {"pin", m_pin},
-            {"audio", m_audio},
-            {"known", m_known},
-            {"trusted", m_trusted},
-            {"key", m_key},
-            {"in-range", m_inRange},
-            {"auto-play", m_autoPlay},
-            {"answer", AnswerNames.at(int(m_answer))},
-            {"answer-late", m_late}};
+    QStringList names;
+    for (const Verb &verb : Verbs)
+        names.append(verb.name);
+    return names;
+}
+
+QString Phone::help()
+{
+    QStringList lines;
+    for (const Verb &verb : Verbs)
+        lines.append(QString("%1 %2").arg(verb.name, verb.argument).leftJustified(26) + verb.help);
+    return lines.join('\n');
+}
+
+QString Phone::act(const QStringList &words)
+{
+    const auto verb = std::find_if(Verbs.begin(), Verbs.end(), [&](const Verb &candidate) {
+        return words.value(0) == candidate.name;
+    });
+    if (verb == Verbs.end())
+        return unknownWord("phone verb", words.value(0), verbs());
+    const QString wanted = verb->argument;
+    const QString argument = words.value(1);
+    bool fits = argument.isEmpty() == wanted.isEmpty() && words.size() <= 2;
+    if (fits && wanted == "MILLISECONDS")
+        fits = argument.toInt(&fits) >= 0 && fits;
+    else if (fits && wanted.contains('|'))
+        fits = wanted.split('|').contains(argument);
+    if (!fits)
+        return QString("%1 %2").arg(verb->name, wanted).trimmed();
+    const QString refusal = whyNot(verb->needs);
+    if (refusal.isEmpty())
+        verb->act(*this, argument);
+    return refusal;
 }
 
 QString Phone::describe() const
 {
-    const QString stream = m_stream == Stream::Playing ? ", playing"
-        : m_stream == Stream::Paused                   ? ", stream open"
-        : linkedDevice()                               ? ", linked"
-                                                       : "";
-    return QStringLiteral("%1  %2  \"%3\"  pin %4%5%6%7%8")
-        .arg(m_handle, m_address, m_name, m_pin, m_key.isEmpty() ? "" : ", paired",
-             m_inRange ? "" : ", out of range",
-             m_answer == Answer::Accept ? QString()
-                                        : ", will " + AnswerNames.at(int(m_answer)) + " audio",
-             stream);
-}
-
-void Phone::introduceTo(Adapter *adapter)
-{
-    if (!m_known)
-        return;
-    m_known = false;
-    if (const Device *stored = adapter->device(m_address)) {
-        setKey(stored->key());
-        return;
-    }
-    setKey(QString::fromLatin1(QUuid::createUuid().toRfc4122().toHex()));
-    adapter->introduce(this, m_key, m_trusted);
-}
-
-QString Phone::act(const QString &verb, const QStringList &arguments)
-{
-    static const QHash<QString, Verb> verbs {{"pair", &Phone::pair},
-                                             {"connect", &Phone::connect},
-                                             {"connect-acl", &Phone::connectLink},
-                                             {"connect-a2dp", &Phone::connectAudio},
-                                             {"connect-signalling", &Phone::connectSignalling},
-                                             {"play", &Phone::play},
-                                             {"pause", &Phone::pause},
-                                             {"close", &Phone::close},
-                                             {"leave", &Phone::leave},
-                                             {"drop", &Phone::drop},
-                                             {"out-of-range", &Phone::goOutOfRange},
-                                             {"in-range", &Phone::comeInRange},
-                                             {"accept", &Phone::accept},
-                                             {"ignore", &Phone::ignore},
-                                             {"refuse", &Phone::refuse},
-                                             {"reject", &Phone::reject},
-                                             {"answer-late", &Phone::answerLate},
-                                             {"forget", &Phone::forget},
-                                             {"auto-play", &Phone::autoPlay},
-                                             {"pin", &Phone::changePin}};
-    const auto known = verbs.constFind(verb);
-    if (known == verbs.constEnd()) {
-        QStringList names = verbs.keys();
-        names.sort();
-        return "a phone can: " + names.join(' ');
-    }
-    return (this->**known)(arguments);
+    QString text = QString("%1  %2  \"%3\"  pin %4")
+                       .arg(traits.handle, traits.address, traits.name, traits.pin);
+    if (isBonded)
+        text += ", paired";
+    if (!isInRange)
+        text += ", out of range";
+    if (m_answer != "accept")
+        text += ", will " + m_answer + " audio";
+    if (m_stream != Stream::None)
+        text += m_stream == Stream::Playing ? ", playing" : ", stream open";
+    else if (device.isLinkUp())
+        text += ", linked";
+    return text;
 }
 
 // ---- what a person does
 
-QString Phone::pair(const QStringList &)
+QString Phone::whyNot(Needs needs) const
 {
-    const QString why = whyUnreachable();
-    if (!why.isEmpty())
-        return why;
-    if (isBonded())
-        return m_handle + " is paired already";
-    note("wants to pair");
-    openLink(true, [this](Device *) { startPairing(nullptr); });
-    return QString();
-}
-
-QString Phone::connect(const QStringList &)
-{
-    const QString why = whyUnreachable();
-    if (!why.isEmpty())
-        return why;
-    if (m_stream != Stream::None)
-        return m_handle + " is connected already";
-    if (isBonded())
-        return connectAudio({});
-    note("wants to connect");
-    openLink(true, [this](Device *) {
-        // As a usual phone: it pairs first, then opens its audio connection.
-        startPairing([this](Device *) {
-            m_step.start(Durations::AudioAfterPairing, [this] { openAudio(false); });
-        });
-    });
-    return QString();
-}
-
-QString Phone::connectLink(const QStringList &)
-{
-    const QString why = whyUnreachable();
-    if (!why.isEmpty())
-        return why;
-    note("wants to connect, without audio");
-    openLink(true, [](Device *) {});
-    return QString();
-}
-
-QString Phone::connectAudio(const QStringList &)
-{
-    const QString why = whyUnreachable();
-    if (!why.isEmpty())
-        return why;
-    if (m_stream != Stream::None)
-        return m_handle + " is connected already";
-    if (m_key.isEmpty())
-        return m_handle + " is not paired";
-    note("wants to connect its audio");
-    if (!isBonded()) {
-        openAudioWithOldKey();
-        return QString();
-    }
-    const bool linked = linkedDevice();
-    // The daemon may hear of the audio connection before it hears of the link.
-    const bool announced = !m_context->options.showsOtherOrder() || !device()->source().exists();
-    openLink(announced, [this, linked, announced](Device *device) {
-        if (linked) {
-            openAudio(false);
-            return;
-        }
-        m_step.start(Durations::ChannelSetup, [this, device, announced] {
-            openAudio(false);
-            if (!announced)
-                device->announceConnected();
-        });
-    });
-    return QString();
-}
-
-QString Phone::connectSignalling(const QStringList &)
-{
-    const QString why = whyUnreachable();
-    if (!why.isEmpty())
-        return why;
-    if (!isBonded())
-        return m_handle + " is not paired";
-    note("wants to open its audio signalling only");
-    openLink(true, [this](Device *) {
-        m_step.start(Durations::ChannelSetup, [this] { openAudio(true); });
-    });
-    return QString();
-}
-
-QString Phone::play(const QStringList &)
-{
-    if (m_stream == Stream::None)
-        return m_handle + " has no stream to the unit";
-    if (m_stream == Stream::Playing)
-        return m_handle + " plays already";
-    start();
-    return QString();
-}
-
-QString Phone::pause(const QStringList &)
-{
-    if (m_stream != Stream::Playing)
-        return m_handle + " does not play";
-    m_stream = Stream::Paused;
-    note("pauses", "paused");
-    device()->session().phoneSuspends();
-    return QString();
-}
-
-QString Phone::close(const QStringList &)
-{
-    if (m_stream == Stream::None)
-        return m_handle + " has no stream to the unit";
-    streamClosed("closes its stream");
-    device()->session().phoneClosesStream();
-    return QString();
-}
-
-QString Phone::leave(const QStringList &)
-{
-    if (!linkedDevice())
-        return m_handle + " is not connected";
-    note("leaves");
-    // Pause, stream, signalling channel, link: each step only if there is something to end.
-    if (m_stream == Stream::Playing)
-        pause({});
-    const auto dropLink = [this] {
-        if (Device *linked = linkedDevice())
-            linked->dropLink("has left");
-    };
-    const auto closeSignalling = [this, dropLink] {
-        if (!linkedDevice() || !device()->session().isActive()) {
-            dropLink();
-            return;
-        }
-        device()->session().phoneClosesSignalling();
-        m_step.start(Durations::PhoneReacts, dropLink);
-    };
-    if (m_stream == Stream::None) {
-        closeSignalling();
-        return QString();
-    }
-    m_step.start(Durations::PhoneReacts, [this, closeSignalling] {
-        if (m_stream != Stream::None)
-            close({});
-        m_step.start(Durations::PhoneReacts, closeSignalling);
-    });
-    return QString();
-}
-
-QString Phone::drop(const QStringList &)
-{
-    Device *linked = linkedDevice();
-    if (!linked)
-        return m_handle + " is not connected";
-    linked->dropLink("drops the link");
-    return QString();
-}
-
-QString Phone::goOutOfRange(const QStringList &)
-{
-    m_inRange = false;
-    m_step.stop();
-    m_context->phones->save();
-    note("walks out of range");
-    if (Device *linked = linkedDevice())
-        linked->dropLink("is out of range");
-    return QString();
-}
-
-QString Phone::comeInRange(const QStringList &)
-{
-    m_inRange = true;
-    m_context->phones->save();
-    note("comes back in range");
-    return QString();
-}
-
-QString Phone::accept(const QStringList &)
-{
-    return setAnswer(Answer::Accept, "will accept audio connections");
-}
-
-QString Phone::ignore(const QStringList &)
-{
-    return setAnswer(Answer::Ignore, "will not answer audio connections");
-}
-
-QString Phone::refuse(const QStringList &)
-{
-    return setAnswer(Answer::Refuse, "will close audio connections at once");
-}
-
-QString Phone::reject(const QStringList &)
-{
-    return setAnswer(Answer::Reject, "will reject the audio configuration");
-}
-
-QString Phone::answerLate(const QStringList &arguments)
-{
-    bool ok = false;
-    const int late = arguments.value(0).toInt(&ok);
-    if (!ok || late < 0)
-        return "answer-late MILLISECONDS";
-    m_late = late;
-    m_context->phones->save();
-    note(QStringLiteral("will answer audio requests %1 ms late").arg(late));
-    return QString();
-}
-
-QString Phone::forget(const QStringList &)
-{
-    setKey(QString());
-    note("forgets the unit");
-    return QString();
-}
-
-QString Phone::autoPlay(const QStringList &arguments)
-{
-    const QString value = arguments.value(0);
-    if (value != "on" && value != "off")
-        return "auto-play on|off";
-    m_autoPlay = value == "on";
-    m_context->phones->save();
-    note(m_autoPlay ? "will play when connected" : "will not play by itself");
-    return QString();
-}
-
-QString Phone::changePin(const QStringList &arguments)
-{
-    if (arguments.size() != 1)
-        return "pin PIN";
-    m_pin = arguments.first();
-    m_context->phones->save();
-    note("will pair with PIN " + m_pin);
-    return QString();
-}
-
-// ---- how it does that
-
-QString Phone::whyUnreachable() const
-{
-    if (!m_inRange)
-        return m_handle + " is out of range";
-    if (!m_unit)
+    const bool isOpen = m_stream != Stream::None;
+    const bool needsUnit = needs == Needs::Unit || needs == Needs::NoBond || needs == Needs::Audio;
+    if (needsUnit && !isInRange)
+        return traits.handle + " is out of range";
+    if (needsUnit && !m_adapter.isReady())
         return "the unit's radio is not ready";
-    if (linkedDevice())
-        return QString();
-    if (!m_unit->isConnectable())
+    if (needsUnit && !device.isLinkUp() && !m_adapter.isConnectable())
         return "the unit is not connectable";
-    if (device() && device()->isBlocked())
-        return "the unit has blocked " + m_handle;
+    if (needs == Needs::NoBond && isBonded && device.isBonded())
+        return traits.handle + " is paired already";
+    if (needs == Needs::Audio && isOpen)
+        return traits.handle + " is connected already";
+    if (needs == Needs::Audio && !isBonded)
+        return traits.handle + " is not paired";
+    if (needs == Needs::Link && !device.isLinkUp())
+        return traits.handle + " is not connected";
+    if ((needs == Needs::Open || needs == Needs::Paused) && !isOpen)
+        return traits.handle + " has no stream to the unit";
+    if (needs == Needs::Paused && m_stream == Stream::Playing)
+        return traits.handle + " plays already";
+    if (needs == Needs::Playing && m_stream != Stream::Playing)
+        return traits.handle + " does not play";
     return QString();
 }
 
-Device *Phone::device() const
+void Phone::connectAsUsual()
 {
-    return m_unit ? m_unit->device(m_address) : nullptr;
-}
-
-Device *Phone::linkedDevice() const
-{
-    Device *known = device();
-    return known && known->isLinkUp() ? known : nullptr;
-}
-
-bool Phone::isBonded() const
-{
-    const Device *known = device();
-    return known && !m_key.isEmpty() && known->key() == m_key;
-}
-
-void Phone::openLink(bool announced, const Continuation &then)
-{
-    m_step.stop();
-    if (Device *linked = linkedDevice()) {
-        then(linked);
+    if (isBonded && device.isBonded()) {
+        connectAudio();
         return;
     }
-    m_step.start(Durations::LinkSetup, [this, announced, then] {
-        if (Device *linked = linkedDevice()) {
-            then(linked);
-            return;
-        }
-        const QString why = whyUnreachable();
-        if (!why.isEmpty()) {
-            note("gets no link: " + why);
-            return;
-        }
-        Device *known = m_unit->deviceFor(this);
-        known->linkUp(announced ? Device::Announce::Now : Device::Announce::Later);
-        then(known);
+    openLink(true, [this] {
+        startPairing([this] {
+            m_step.start(AudioAfterPairing, [this] { device.audio().phoneConnects(false); });
+        });
     });
 }
 
-void Phone::startPairing(const Continuation &then)
+void Phone::connectAudio()
 {
-    Device *linked = linkedDevice();
-    if (linked->pairing().isActive())
+    if (!device.isBonded()) {
+        openAudioWithOldBond();
         return;
-    m_afterPairing = then;
-    linked->pairing().start();
+    }
+    // The daemon may hear of the audio connection before it hears of the link.
+    const bool isAnnounced = !m_adapter.audioFirst || !device.hasService(Audio::SourceUuid);
+    const bool isLinked = device.isLinkUp();
+    openLink(isAnnounced, [this, isAnnounced, isLinked] {
+        m_step.start(ChannelSetup, [this, isAnnounced, isLinked] {
+            device.audio().phoneConnects(false);
+            if (!isAnnounced && !isLinked)
+                device.announceConnected();
+        });
+    });
 }
 
-void Phone::openAudio(bool quiet)
-{
-    Device *linked = linkedDevice();
-    if (linked)
-        linked->session().phoneConnects(quiet);
-}
-
-void Phone::openAudioWithOldKey()
+void Phone::openAudioWithOldBond()
 {
     // The unit has forgotten the phone, which does not know that: the audio channel arrives with a
     // key that the unit lacks, so the unit asks its agent for a PIN.
-    if (m_context->options.backend == Options::Backend::Management) {
+    if (m_adapter.backend == Adapter::Backend::Management) {
         // The channel is refused meanwhile, and the link is not announced before it has a key.
-        openLink(false, [this](Device *device) {
+        openLink(false, [this] {
             startPairing(nullptr);
-            device->addUuid(Uuids::AdvancedAudio);
-            refused("connection refused: the unit has forgotten the bond");
+            device.addService(Audio::AdvancedUuid);
+            note("refused", "the unit has forgotten the bond");
         });
         return;
     }
     // Raw HCI: the channel is let through, and the unit takes the old bond for valid at first.
-    openLink(true, [this](Device *device) {
-        openAudio(false);
-        device->announcePaired();
+    openLink(true, [this] {
+        device.audio().phoneConnects(false);
+        device.announcePaired();
     });
 }
 
-void Phone::start()
+void Phone::openLink(bool isAnnounced, const Timer::Action &then)
 {
-    m_stream = Stream::Playing;
-    note("plays", "playing");
-    device()->session().phoneStarts();
+    m_step.stop();
+    if (device.isLinkUp()) {
+        then();
+        return;
+    }
+    m_step.start(LinkSetup, [this, isAnnounced, then] {
+        const QString refusal = whyNot(Needs::Unit);
+        if (!refusal.isEmpty()) {
+            note("no-link", refusal);
+            return;
+        }
+        if (!device.isLinkUp())
+            device.linkUp(isAnnounced);
+        then();
+    });
 }
 
-QString Phone::setAnswer(Answer answer, const QString &text)
+void Phone::startPairing(const Timer::Action &then)
 {
-    m_answer = answer;
-    m_context->phones->save();
-    note(text);
-    return QString();
+    m_afterPairing = then;
+    if (!device.isPairing())
+        device.startPairing();
 }
 
-void Phone::note(const QString &text, const QString &state)
+void Phone::play()
 {
-    QJsonObject entry {{"lane", "phone"},
-                       {"kind", "phone"},
-                       {"phone", m_handle},
-                       {"address", m_address},
-                       {"text", text}};
-    if (!state.isEmpty())
-        entry.insert("state", state);
-    if (!m_audio.isEmpty())
-        entry.insert("audio", m_audio);
-    m_context->journal(entry);
+    setStream(Stream::Playing);
+    device.audio().phoneStarts();
+}
+
+void Phone::pause()
+{
+    setStream(Stream::Paused);
+    device.audio().phoneSuspends();
+}
+
+void Phone::leave()
+{
+    // Pause, stream, signalling channel, link: each step only if there is something to end.
+    if (m_stream == Stream::Playing)
+        pause();
+    if (m_stream == Stream::None) {
+        closeSignallingAndLeave();
+        return;
+    }
+    m_step.start(Reaction, [this] {
+        device.audio().closeStream();
+        m_step.start(Reaction, [this] { closeSignallingAndLeave(); });
+    });
+}
+
+void Phone::closeSignallingAndLeave()
+{
+    const auto dropLink = [this] { device.dropLink("the phone leaves"); };
+    if (!device.audio().isActive()) {
+        dropLink();
+        return;
+    }
+    device.audio().hangUp();
+    m_step.start(Reaction, dropLink);
 }
 
 // ---- what the unit finds and does
 
-bool Phone::refusesAudio(const QString &key) const
-{
-    return m_answer == Answer::Refuse || m_key != key;
-}
-
 std::optional<int> Phone::answerDelay() const
 {
-    if (m_answer == Answer::Ignore)
-        return std::nullopt;
-    return Durations::Answer + m_late;
+    return m_answer == "ignore" ? std::nullopt : std::optional<int>(m_late);
 }
 
-void Phone::setKey(const QString &key)
+void Phone::pairingFinished(const QString &whyNotPaired)
 {
-    m_key = key;
-    m_context->phones->save();
-}
-
-void Phone::pairingFinished(bool ok, const QString &why)
-{
-    const Continuation then = std::move(m_afterPairing);
+    const Timer::Action then = m_afterPairing;
     m_afterPairing = nullptr;
-    if (!ok) {
-        note("is not paired: " + why);
-        return;
-    }
-    note("is paired", "paired");
-    if (then)
-        then(linkedDevice());
-}
-
-void Phone::linkCameUp()
-{
-    note("has a link", "link-up");
+    if (whyNotPaired.isEmpty())
+        isBonded = true;
+    note(whyNotPaired.isEmpty() ? "paired" : "not-paired", whyNotPaired);
+    if (whyNotPaired.isEmpty() && then)
+        then();
 }
 
 void Phone::linkWentDown(const QString &why)
 {
     m_step.stop();
     m_afterPairing = nullptr;
-    streamClosed("loses its stream");
-    note(why, "link-down");
+    setStream(Stream::None, "the link is gone");
+    note("link-down", why);
 }
 
-void Phone::streamOpened()
+void Phone::setStream(Stream stream, const QString &why)
 {
-    m_stream = Stream::Paused;
-    note("has a stream to the unit", "stream-open");
-    if (m_autoPlay) {
-        m_step.start(Durations::AutoPlay, [this] {
-            if (m_stream == Stream::Paused)
-                start();
-        });
-    }
-}
-
-void Phone::streamClosed(const QString &why)
-{
-    if (m_stream == Stream::None)
+    if (stream == m_stream)
         return;
-    m_stream = Stream::None;
-    note(why, "stream-closed");
+    const bool wasOpen = m_stream != Stream::None;
+    m_stream = stream;
+    note(stream == Stream::None          ? "stream-closed"
+             : stream == Stream::Playing ? "playing"
+             : wasOpen                   ? "paused"
+                                         : "stream-open",
+         why);
+    emit streamChanged(traits.handle, stream == Stream::None ? QString() : device.path(),
+                       traits.audio, stream == Stream::Playing);
+    if (!wasOpen && m_autoPlay)
+        m_step.start(AutoPlay, [this] {
+            if (m_stream == Stream::Paused)
+                play();
+        });
 }
 
-void Phone::suspendedByUnit()
+void Phone::note(const QString &state, const QString &why)
 {
-    m_stream = Stream::Paused;
-    note("is suspended by the unit: nobody takes its stream", "paused");
-}
-
-void Phone::refused(const QString &why)
-{
-    note(why);
+    static const QStringList mishaps {"no-link", "not-paired", "refused"};
+    QJsonObject facts {{"phone", traits.handle}, {"state", state}, {"path", device.path()}};
+    if (!why.isEmpty())
+        facts["why"] = why;
+    const QString line = "* " + traits.handle + ' ' + state;
+    m_journal.record("phone", "phone", mishaps.contains(state) ? line + ": " + why : line, facts);
 }

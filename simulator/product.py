@@ -1,0 +1,237 @@
+"""The client of a running virtual product: starts it, tells it lines, and follows its journal.
+
+    with Product(pulse="scripted") as product:
+        product.tell("phone add anna")
+        product.await_line("@ BluetoothOn true")
+"""
+
+import json
+import os
+import re
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+from typing import Any, Callable, NamedTuple
+
+LAUNCHER = Path(__file__).resolve().parent / "virtual-product"
+#: Longer than anything takes that is going to happen, in seconds.
+PATIENCE = 60.0
+CANNOT_RUN = 77
+
+Entry = dict[str, Any]
+
+
+class Answer(NamedTuple):
+    """What the product says to a line: whether it did it, in words, and what a call returned."""
+
+    ok: bool
+    text: str
+    values: list
+
+
+class ProductError(Exception):
+    """The product refused, has ended, or did not do in time what was awaited."""
+
+
+class Refused(ProductError):
+    """The product did not carry out a line."""
+
+
+class Ended(ProductError):
+    """The product is not there, or has gone."""
+
+
+class CannotRun(ProductError):
+    """This machine does not allow the namespaces."""
+
+
+def connect(out: Path) -> "Connection":
+    """Connects to the product whose folder is out. A socket's path must be short, the way to it
+    need not."""
+    folder = os.open(out, os.O_PATH | os.O_DIRECTORY)
+    connection = socket.socket(socket.AF_UNIX)
+    try:
+        connection.connect(f"/proc/self/fd/{folder}/control")
+    except OSError as error:
+        connection.close()
+        raise Ended(f"no virtual product runs in {out}") from error
+    finally:
+        os.close(folder)
+    return Connection(connection)
+
+
+class Connection:
+    """The control socket: one JSON object per line both ways."""
+
+    def __init__(self, connection: socket.socket) -> None:
+        self._socket = connection
+        self._received = b""
+
+    def fileno(self) -> int:
+        return self._socket.fileno()
+
+    def close(self) -> None:
+        self._socket.close()
+
+    def send(self, request: Entry) -> None:
+        try:
+            self._socket.sendall(json.dumps(request).encode() + b"\n")
+        except OSError as error:
+            raise Ended("the product has ended") from error
+
+    def receive(self, timeout: float | None) -> list[Entry]:
+        """The objects that are there, or come within timeout seconds; None waits for ever."""
+        lines: list[bytes] = []
+        if select.select([self._socket], [], [], timeout)[0]:
+            data = self._socket.recv(1 << 20)
+            if not data:
+                raise Ended("the product has ended")
+            *lines, self._received = (self._received + data).split(b"\n")
+        return [json.loads(line) for line in lines]
+
+    def ask(self, request: Entry, timeout: float | None = PATIENCE) -> Entry:
+        """Sends the request and returns its answer."""
+        self.send(request)
+        deadline = None if timeout is None else time.monotonic() + timeout
+        while True:
+            rest = None if deadline is None else max(0.0, deadline - time.monotonic())
+            answers = self.receive(rest)
+            if answers:
+                return answers[0]
+            if rest == 0.0:
+                raise ProductError(f"no answer to {request}")
+
+
+def matcher(pattern: str | re.Pattern | Callable[[Entry], bool]) -> Callable[[Entry], bool]:
+    """What tells whether an entry is meant: by its line, as text in which * stands for anything or
+    as a regular expression, or by a function of the entry."""
+    if isinstance(pattern, re.Pattern):
+        return lambda entry: pattern.search(entry["line"]) is not None
+    if isinstance(pattern, str):
+        parts = (re.escape(part) for part in pattern.split("*"))
+        expression = re.compile(".*".join(parts), re.DOTALL)
+        return lambda entry: expression.fullmatch(entry["line"]) is not None
+    return pattern
+
+
+class Product:
+    """A virtual product, started by us or, see attach(), by somebody else."""
+
+    def __init__(self, *, out: Path | str | None = None, pulse: str = "real",
+                 settings: Path | str | None = None, environment: dict[str, str] | None = None,
+                 under: str = "", stopped: bool = False, tell: list[str] | None = None,
+                 launcher: Path = LAUNCHER) -> None:
+        """Starts it, as virtual-product's options of these names say; returns when it has done
+        every line of tell and has started the service. A folder of our own goes with it."""
+        self._own_out = None if out else Path(tempfile.mkdtemp(prefix="virtual-product."))
+        self.out = Path(out or self._own_out)
+        command = [str(launcher), "--out", str(self.out), "--pulse", pulse]
+        command += ["--settings", str(settings)] if settings else []
+        command += ["--under", under] if under else []
+        command += ["--stopped"] if stopped else []
+        for name, value in (environment or {}).items():
+            command += ["--env", f"{name}={value}"]
+        for line in tell or []:
+            command += ["--tell", line]
+        self._errors = tempfile.TemporaryFile("w+")
+        self._launcher: subprocess.Popen | None = subprocess.Popen(
+            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self._errors)
+        try:
+            if not self._launcher.stdout.readline():
+                raise self._failure()
+            self._open()
+        except BaseException:
+            self.stop()
+            raise
+
+    @classmethod
+    def attach(cls, out: Path | str) -> "Product":
+        """The product that runs in the folder out."""
+        product = cls.__new__(cls)
+        product.out = Path(out)
+        product._own_out = None
+        product._launcher = None
+        product._open()
+        return product
+
+    def _open(self) -> None:
+        self._control = connect(self.out)
+        self._following = connect(self.out)
+        self._entries: list[Entry] = []
+        self._following.send({"follow": True})
+
+    def _failure(self) -> ProductError:
+        status = self._launcher.wait()
+        self._errors.seek(0)
+        kind = CannotRun if status == CANNOT_RUN else ProductError
+        return kind(self._errors.read().strip() or f"virtual-product ended with status {status}")
+
+    def __enter__(self) -> "Product":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.stop()
+
+    def attempt(self, line: str, timeout: float | None = PATIENCE) -> Answer:
+        """Tells a line and returns the answer, also that of a line which is refused."""
+        return Answer(**self._control.ask({"tell": line}, timeout))
+
+    def tell(self, line: str, timeout: float | None = PATIENCE) -> Answer:
+        """Tells a line; Refused when the product does not carry it out."""
+        answer = self.attempt(line, timeout)
+        if not answer.ok:
+            raise Refused(f"{line}: {answer.text}")
+        return answer
+
+    def complete(self, line: str) -> list[str]:
+        """What the last word of an unfinished line may become."""
+        return self._control.ask({"complete": line})["words"]
+
+    @property
+    def journal(self) -> list[Entry]:
+        """The entries of the journal that have come so far."""
+        self.follow(0)
+        return self._entries
+
+    def follow(self, timeout: float | None) -> list[Entry]:
+        """The entries that have come since the last time, or come within timeout seconds."""
+        entries = self._following.receive(timeout)
+        self._entries += entries
+        return entries
+
+    def await_line(self, pattern: str | re.Pattern | Callable[[Entry], bool], *, since: int = 0,
+                   timeout: float = PATIENCE) -> Entry:
+        """The first entry that matches, of those from the journal's number since on. Waits for it;
+        ProductError when it has not come in time. (See matcher() for pattern.)"""
+        matches = matcher(pattern)
+        deadline = time.monotonic() + timeout
+        while True:
+            for index in range(since, len(self._entries)):
+                if matches(self._entries[index]):
+                    return self._entries[index]
+            since = max(since, len(self._entries))
+            rest = deadline - time.monotonic()
+            if rest <= 0:
+                raise ProductError(f"did not happen within {timeout:g} s: {pattern}")
+            self.follow(rest)
+
+    def stop(self) -> int:
+        """Ends it, when it is ours, with all that runs inside; returns its exit status."""
+        for connection in (getattr(self, "_control", None), getattr(self, "_following", None)):
+            if connection:
+                connection.close()
+        status = 0
+        if self._launcher:
+            self._launcher.send_signal(signal.SIGTERM)
+            status = self._launcher.wait(PATIENCE)
+            self._launcher.stdout.close()
+            self._errors.close()
+            self._launcher = None
+        if self._own_out:
+            shutil.rmtree(self._own_out, ignore_errors=True)
+        return status

@@ -1,0 +1,106 @@
+"""The board's sound, as board-output.c writes it down, and what a phone plays: measured by sox."""
+
+import array
+import math
+import re
+import subprocess
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+RATE = 44100
+FRAME = 4  # bytes: s16le, stereo
+FORMAT = ["-t", "raw", "-r", str(RATE), "-c", "2", "-b", "16", "-e", "signed", "-"]
+TONE = ["synth", "sine", "440", "sine", "660", "vol", "0.5"]
+
+
+class Recording:
+    """What the board plays, while it plays it."""
+
+    def __init__(self, folder: Path):
+        self.path = Path(folder) / "board.raw"
+
+    def start(self) -> float | None:
+        """When the first frame was heard, by time.monotonic(); None while nothing was."""
+        try:
+            return float(self.path.with_suffix(".raw.start").read_text())
+        except (FileNotFoundError, ValueError):
+            return None
+
+    def heard(self, seconds: float) -> bytes:
+        """What was heard in the last `seconds`; silence is silence, whatever the reason."""
+        count = round(seconds * RATE)
+        start = self.start()
+        if start is None:
+            return bytes(count * FRAME)
+        first = int((time.monotonic() - start) * RATE) - count
+        with self.path.open("rb") as file:
+            file.seek(max(first, 0) * FRAME)
+            missing = min(max(-first, 0), count)
+            sound = bytes(missing * FRAME) + file.read((count - missing) * FRAME)
+        return sound.ljust(count * FRAME, b"\0")
+
+    def write_wav(self, path: Path) -> None:
+        subprocess.run(["sox", *FORMAT[:-1], self.path, path], check=True)
+
+
+@dataclass
+class Channel:
+    """RMS level in dB of the full scale, None for silence, and the frequency in hertz, which is
+    rough for anything but a tone."""
+
+    level: float | None
+    frequency: float | None
+
+    def __str__(self) -> str:
+        if self.level is None:
+            return "silence"
+        return f"{self.frequency:.0f} Hz {self.level:6.2f}"
+
+
+def measure(sound: bytes) -> tuple[Channel, Channel]:
+    """The left and the right channel."""
+    return _measure_channel(sound, 1), _measure_channel(sound, 2)
+
+
+def _measure_channel(sound: bytes, number: int) -> Channel:
+    stat = subprocess.run(["sox", *FORMAT, "-n", "remix", str(number), "stat"], input=sound,
+                          capture_output=True, check=True).stderr.decode()
+    values = dict(re.findall(r"^(.*\S)\s*:\s*(-?[0-9.]+)$", re.sub(" +", " ", stat), re.M))
+    rms, delta = float(values["RMS amplitude"]), float(values["RMS delta"])
+    if float(values["Maximum amplitude"]) == float(values["Minimum amplitude"]):
+        return Channel(None, None)
+    # What a sine of this amplitude and slope has.
+    frequency = RATE / math.pi * math.asin(min(delta / (2 * rms), 1))
+    return Channel(20 * math.log10(rms), frequency)
+
+
+def phone_sound(audio: Path | None, seconds: float) -> bytes:
+    """The beginning of what a phone plays: a file, again and again, or else the test tone."""
+    source = ["-n"] if audio is None else [audio]
+    effects = list(TONE) if audio is None else ["repeat", "-"]
+    effects += ["trim", "0", str(seconds)]
+    return subprocess.run(["sox", "-D", "-V1", *source, *FORMAT, *effects],
+                          stdout=subprocess.PIPE, check=True).stdout
+
+
+class Loudness:
+    """How loud a sound is, step by step of 5 ms, to find where one was taken from another."""
+
+    STEP = RATE // 200
+    SECONDS = STEP / RATE
+    BYTES = STEP * FRAME
+
+    def __init__(self, sound: bytes):
+        samples = array.array("h", sound)
+        self.steps = [math.sqrt(sum(sample * sample for sample in samples[at:at + 2 * self.STEP:3]))
+                      for at in range(0, len(samples), 2 * self.STEP)]
+
+    def place_of(self, part: "Loudness", earliest: int, latest: int) -> int:
+        """The step in `earliest`..`latest` from which on this goes up and down as `part` does."""
+        return max(range(earliest, latest + 1), key=lambda at: self._likeness(part.steps, at))
+
+    def _likeness(self, part: list[float], at: int) -> float:
+        here = self.steps[at:at + len(part)]
+        product = sum(a * b for a, b in zip(here, part))
+        return product / (math.sqrt(sum(a * a for a in here)) or 1)

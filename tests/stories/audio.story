@@ -1,0 +1,114 @@
+# The way of the sound through PulseAudio. With the back-end "hci other" a connection counts as the
+# unit's own at once; without auto-play BlueZ soon closes a stream that never was.
+
+== A sound server that does not answer 40 times is given up, and the phone with it
++ there is anna
+- backend hci other
+- phone anna auto-play on
+- fault pactl:stat exit=1
+- phone anna connect
+4 wait pulseaudio ... {1..39}
+1 error starting pulseaudio, so disconnect
+4 Disconnect {anna}
++ anna is gone
+> Device.SetProperty anna Trusted true
+> Device.Disconnect anna
+nothing else of 1 2 9 > @
+
+== A phone whose audio does not show up 40 times is given up and forgotten
++ there is anna
+- backend hci other
+- phone anna auto-play on
+- fault pactl:loopback exit=1
+- phone anna connect
++ the sound server is ready
+4 wait pulseaudio bluetooth module ready... {1..39}
+1 error starting pulseaudio, so disconnect
+4 trust {anna} false
+4 Disconnect {anna}
++ anna is gone
+4 removeDevice {anna}
+4 removeDevice {anna} Remove Device, pair again
+> Device.SetProperty anna Trusted true
+> Device.SetProperty anna Trusted false
+> Device.Disconnect anna
+> Adapter.RemoveDevice hci0 anna
+nothing else of 1 2 > @
+
+== A server and an audio that show up at the 40th poll are in time
++ there is anna
+- backend hci other
+- phone anna auto-play on
+- fault pactl:stat exit=1 times=39
+- fault pactl:loopback exit=1 times=39
+- phone anna connect
+4 wait pulseaudio ... 1
+# Polls come 100 ms after one another; Qt lets a timer be a twentieth early.
+after 0.09 to 5 s
+4 wait pulseaudio ... {2..39}
++ the sound server is ready
+4 wait pulseaudio bluetooth module ready... 1
+after 0.09 to 5 s
+4 wait pulseaudio bluetooth module ready... {2..39}
++ anna is linked
+@ ConnectAudioDevice
+@ PlayBluetooth
+nothing else of 1 2 @
+
+== Modules that do not load are told, and not fatal
++ there is anna
+- fault pactl:alsa-sink exit=2
+- fault pactl:discover exit=1 times=1
+- phone anna connect
+4 /usr/bin/pactl load-module module-alsa-sink sink_name=output device=dm-audio
+2 /usr/bin/pactl load-module module-alsa-sink sink_name=output device=dm-audio <- 512
+9 /usr/bin/pactl load-module module-bluetooth-discover
+2 /usr/bin/pactl load-module module-bluetooth-discover <- 256
+4 wait pulseaudio bluetooth module ready... 1
+
+== A phone is disconnected when the sound server cannot be started
++ there is anna
+- fault pulseaudio missing
+- phone anna connect
++ anna is made again
+4 try to start pulseaudio for {anna}
+2 problem starting pulseaudio for device {anna}, so disconnect device
+4 Disconnect {anna}
++ anna is let go
+> Device.Disconnect anna
+never @ ConnectAudioDevice
++ all is well again
++ anna comes
+
+== A sound server that ends while a phone is {state} ends the connection, and starts again with the next
+for state, signal, told, ends
+| playing | TERM | 0 normal | the sound ends
+| polling | KILL | 9 crash | the sound that was to come ends
++ anna is {state}
+- kill pulseaudio {signal}
+2 pulseaudio down {told}
+4 Disconnect {anna}
++ anna is let go
++ {ends}
+> Device.Disconnect anna
+# Stopped with the device, and once more.
++ nobody is played
++ nobody is played
+nothing else
++ all is well again
+- phone anna connect
+4 try to start pulseaudio for {anna}
+@ PlayBluetooth
+
+== A sound server that does not obey is killed after 2 s
+with fault pulseaudio ignore-term
++ anna is streaming
+- phone anna leave
+4 stop pulseaudio because not used any more
+after 1.9 to 8 s
+. pulseaudio ended by signal 9
++ nobody is played
+never 2 pulseaudio down *
+- phone anna connect
+& pulseaudio --system
+@ PlayBluetooth

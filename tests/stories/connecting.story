@@ -1,0 +1,279 @@
+# A connection that a phone makes by itself is dropped and made again by the unit: at once where the
+# phone is trusted, after a while where it is new. Only a connection of the unit's own is played.
+
+== A phone that is trusted is connected again at once, and played
++ there is anna
+- phone anna connect
+4 Device {anna} CONNECTED AND ACCEPTED
+in BluetoothManager.cpp bluetoothobj void BluetoothManager::DevicePropertyChanged(const QString&, const QDBusVariant&)
+4 IsTrustDevice {anna}
+2 trust for {anna} is true
+> Device.GetProperties anna
++ anna is made again
++ anna is played
+nothing else
+
+== A new phone is trusted, and connected again after a while ({backend}, {traits})
+for backend, traits
+| mgmt |
+| hci | known
+with setting bt-timeout-reconnect-1 900
++ Bluetooth is on
+- backend {backend}
+- phone add anna {traits}
+- phone anna auto-play on
+- phone anna connect
+4 Device {anna} CONNECTED AND ACCEPTED
+4 IsTrustDevice {anna}
+2 trust for {anna} is false
+4 load timer for reconnect
+in BluetoothManager.cpp bluetoothobj void BluetoothManager::AudioSourcePropertyChanged(const QString&, const QDBusVariant&)
+4 trust {anna} true
+> Device.GetProperties anna
+> Device.SetProperty anna Trusted true
+after 0.8 to 5 s
+4 reconnect
+4 Disconnect {anna}
+> Device.Disconnect anna
+< Device.Disconnect anna
++ nobody is played
++ anna is let go
+# A real BlueZ refuses a connection that is asked for sooner.
+after 0.095 to 5 s
+4 connectAudioSource {anna}
+> AudioSource.Connect anna
+< AudioSource.Connect anna
++ anna is the unit's own
+@ PlayBluetooth
+
+== A connection of which BlueZ tells the audio first is the unit's own
++ there is anna
+- backend hci other
+- phone anna connect
++ anna is played
+nothing else
+
+== What a phone does while it waits to be connected again makes no difference
+with setting bt-timeout-reconnect-1 1500
++ anna is accepted for a while
+- phone anna pause
+4 waiting to reconnect
+- phone anna play
+4 waiting to reconnect
+nothing else
++ anna is made again
++ anna is the unit's own
+@ PlayBluetooth
+
+== A phone that only pairs is left alone
++ Bluetooth is on
+- phone add anna
+- phone anna pair
+# The link goes when it is idle, and comes once more since BlueZ asks for the services.
+4 Device {anna} CONNECTED AND ACCEPTED
++ anna is let go
++ nobody is played
+4 Device {anna} CONNECTED AND ACCEPTED
++ anna is let go
++ nobody is played
+nothing else
+
+== A phone that cannot be connected again is forgotten
++ there is anna
+- phone anna refuse
+- phone anna connect
++ anna is made again
++ anna cannot be connected
+~ hci0 Adapter.DeviceRemoved anna
+never & pulseaudio *
+
+== A phone that cannot be disconnected does not hold the unit
++ anna is streaming
+- fault bluez:Device.Disconnect error
+- disconnect
+4 DisconnectDevice
+4 Disconnect {anna}
+2 disconnectDevice {anna} error disconnectiong 
++ anna is gone
+> Device.Disconnect anna
+nothing else
+# What it still does is of no interest: it is not connected any more.
+- phone anna play
+- phone anna pause
+- call DisconnectDevice => 1
+4 DisconnectDevice
+nothing else
+- fault clear
+- phone anna leave
+4 Device {anna} DISCONNECT
+nothing else
++ anna comes
+
+== A phone that cannot be trusted is played all the same
++ Bluetooth is on
+- phone add anna known
+- fault bluez:Device.SetProperty error
+- phone anna connect
+2 trust for {anna} is false
+4 load timer for reconnect
+4 trust {anna} true
+2 error trusting {anna}
+4 reconnect
+4 connection coming from ulmo
+4 trust {anna} true
+2 error trusting {anna}
+@ PlayBluetooth
+
+== A phone that cannot be asked whether it is trusted is taken for a new one
++ there is anna
+- fault bluez:Device.GetProperties error
+- phone anna connect
+4 IsTrustDevice {anna}
+2 error reading trust for {anna}
+4 load timer for reconnect
+4 trust {anna} true
+4 reconnect
+@ PlayBluetooth
+
+== A second phone is refused, and the first is not disturbed ({state}, {backend})
+for state, backend, first, second
+| accepted | mgmt | 4 DevicePropertyChanged but not for me, disconnect !! | 4 disconnect device because there is another
+| streaming | mgmt | 4 DevicePropertyChanged but not for me, disconnect !! | 4 disconnect device because there is another
+| playing | hci other | 4 disconnect device because there is another | 4 DevicePropertyChanged but not for me, disconnect !!
++ anna is {state}
+- backend {backend}
+- phone add berta
+- phone berta connect
+{first}
+4 Disconnect {berta}
+> Device.Disconnect berta
+{second}
+4 Disconnect {berta}
+> Device.Disconnect berta
+* berta link-down
+~ berta AudioSource.State disconnected
+nothing else
+= 0 true true 7351
+- phone anna leave
+4 Device {anna} DISCONNECTED SO STOP PULSEAUDIO
+
+== Any state of a phone's audio is a first sign of it, after which others are refused ({state})
+for state
+| disconnected
+| connecting
++ there is anna
+- phone add berta trusted
+- signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:{state}
+--
+- phone berta connect-acl
+4 DevicePropertyChanged but not for me, disconnect !!
+4 Disconnect {berta}
+> Device.Disconnect berta
+* berta link-down
+nothing else
+# The end of the first one's link frees the place.
+- signal {anna} org.bluez.Device.PropertyChanged s:Connected v:b:false
+4 Device {anna} DISCONNECT
+nothing else
++ berta comes
+
+== The end of a link that never was is no sign of a phone
++ there is anna
+- phone add berta trusted
+- signal {anna} org.bluez.Device.PropertyChanged s:Connected v:b:false
+nothing else
++ berta comes
+
+== A phone goes away, its sound ends, and it can come again ({state}, {backend}, {how})
+for state, backend, how, ends
+| polling | mgmt | leave | the sound that was to come ends
+| linking | hci other | drop | the sound that was to come ends
+| streaming | mgmt | out-of-range | the sound ends
+| playing | hci | leave | the sound ends
++ anna is {state}
+- backend {backend}
+- phone anna {how}
++ anna is let go
++ {ends}
++ nobody is played
+. pulseaudio ended*
+nothing else
+- fault clear
+- phone anna in-range
+- phone anna connect
+4 reconnect
++ anna is played
+
+== A phone that goes while it waits to be connected again is called back ({how})
+for how, outcome
+| phone anna leave | + anna is played
+| phone anna out-of-range | + anna cannot be connected
+with setting bt-timeout-reconnect-1 1500
++ anna is accepted for a while
+- {how}
++ anna is let go
++ nobody is played
+4 reconnect
+4 Disconnect {anna}
+2 disconnectDevice {anna} error disconnectiong 
+4 connectAudioSource {anna}
+> AudioSource.Connect anna
+{outcome}
+
+== The last word of a phone that is gone is a first sign of it ({how})
+for how, outcome
+| phone anna leave | 4 Device {berta} CONNECTED AND ACCEPTED
+| phone anna drop | 4 DevicePropertyChanged but not for me, disconnect !!
+| disconnect | 4 DevicePropertyChanged but not for me, disconnect !!
++ anna is streaming
+- phone add berta known
+- {how}
++ anna is gone
+~ anna AudioSource.State disconnected
+--
+- phone berta connect-acl
+{outcome}
+
+== A phone that is connected but silent is reported every 10 s
++ there is anna
+- phone anna connect
+4 start/restart timer for no play
+in BluetoothManager.cpp bluetoothobj void BluetoothManager::AudioSourcePropertyChanged(const QString&, const QDBusVariant&)
+after 9.4 to 14 s
+4 CONNECTED BUT NOT PLAYING
+@ NoPlayConnectedDevive
+after 9.4 to 14 s
+4 CONNECTED BUT NOT PLAYING
+@ NoPlayConnectedDevive
+
+== A phone that falls silent again is reported 10 s after that
++ anna is linking
+4 wait pulseaudio bluetooth module ready... 12
+- fault clear
+- phone anna play
+- phone anna pause
+4 start/restart timer for no play
+- signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:connected
+4 start/restart timer for no play
+after 9.4 to 14 s
+4 CONNECTED BUT NOT PLAYING
+@ NoPlayConnectedDevive
+never 4 reconnect
+
+== A phone that was silent is not reported any more when {what}
+for what, line, sign
+| it plays | - phone anna play |
+| it is lost | - phone anna drop | @ StopPlay bluetooth ""
+| Bluetooth is switched off | - disable | @ BluetoothOn false
+| another one is refused | - phone berta connect-acl | > Device.Disconnect berta
++ there is anna
+- phone add berta known
+# The answer to the play request, which comes after the timer's start, is later than its end.
+- fault soundmanager delay=11500
+- phone anna connect
+4 start/restart timer for no play
+@ PlayBluetooth
+{line}
+{sign}
+< PlayBluetooth *
+never @ NoPlayConnectedDevive

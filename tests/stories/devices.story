@@ -1,0 +1,126 @@
+# Callers forget phones, one or all, and disconnect the one that is connected.
+
+== A phone is forgotten, known or not ({address})
+for address, path, short, answer
+| 00:1A:7D:DA:71:13 | {anna} | anna |
+| 00:1a:7D:DA:71:77 | {adapter}/dev_00_1a_7D_DA_71_77 | *dev_00_1a_7D_DA_71_77 | DoesNotExist *
++ there is anna
+- forget {address}
+4 RemoveDevice
+> Manager.DefaultAdapter /
+2 remove device {path}
+4 removeDevice {path}
+4 removeDevice {path} Remove Device, pair again
+> Adapter.RemoveDevice hci0 {short}
+< Adapter.RemoveDevice hci0*{answer}
+! RemoveDevice 0
+nothing else
+
+== An address that is none is told, and BlueZ is not asked
++ there is anna
+- call RemoveDevice "s:{00-1A-7D-DA-71-13|AA:BB CC}" => 0
+4 RemoveDevice
+2 remove device {adapter}/dev_00-1A-7D-DA-71-13
+4 removeDevice {adapter}/dev_00-1A-7D-DA-71-13
+2 removeDevice {adapter}/dev_00-1A-7D-DA-71-13 error Remove Device
+4 RemoveDevice
+2 remove device {adapter}/dev_AA_BB CC
+4 removeDevice {adapter}/dev_AA_BB CC
+2 removeDevice {adapter}/dev_AA_BB CC error Remove Device
+nothing else
+= 0 true true 7351
+
+== All phones are forgotten, in the order of BlueZ's list, whatever becomes of another one
++ Bluetooth is on
+- phone add carla known
+- phone add anna known
+- phone add berta known
+- fault bluez:Adapter.RemoveDevice error=DoesNotExist times=1 after=1
+- forget all
+4 RemoveAllDevices
+> Manager.DefaultAdapter /
+> Adapter.ListDevices hci0
+4 error listing device on {adapter}
+4 removeDevice {carla}
+4 removeDevice {carla} Remove Device, pair again
+4 removeDevice {anna}
+4 removeDevice {berta}
+4 removeDevice {berta} Remove Device, pair again
+> Adapter.RemoveDevice hci0 carla
+> Adapter.RemoveDevice hci0 anna
+> Adapter.RemoveDevice hci0 berta
+! RemoveAllDevices 0
+~ hci0 Adapter.DeviceRemoved carla
+~ hci0 Adapter.DeviceRemoved berta
+never ~ hci0 Adapter.DeviceRemoved anna
+
+== Forgetting phones does not wait for BlueZ
++ there is anna
+- fault bluez:Adapter.RemoveDevice never
+- forget 00:1A:7D:DA:71:13
+> Adapter.RemoveDevice hci0 anna
+# The bus library waits 25 s.
+after 0 to 10 s
+! RemoveDevice 0
+- forget all
+> Adapter.RemoveDevice hci0 anna
+after 0 to 10 s
+! RemoveAllDevices 0
+
+== A phone that is forgotten while it plays is held until it is gone
+with timescale 0.15
++ anna is playing
+- forget 00:1A:7D:DA:71:13
+! RemoveDevice 0
+4 removeDevice {anna} Remove Device, pair again
++ anna is gone
+nothing else of > @ 2
+- phone anna forget
++ anna comes
+
+== Nothing is forgotten without {what}
+for what, setup
+| BlueZ | + the service runs with Bluetooth off
+| an adapter | + Bluetooth has no adapter
+{setup}
+- forget 00:1A:7D:DA:71:13
+4 RemoveDevice
+2 error get DefaultAdapter
+in BluetoothManager.cpp bluetoothobj int BluetoothManager::RemoveDevice(const QString&)
+! RemoveDevice 1
+nothing else
+- forget all
+4 RemoveAllDevices
+2 error get DefaultAdapter
+in BluetoothManager.cpp bluetoothobj int BluetoothManager::RemoveAllDevices()
+! RemoveAllDevices 1
+nothing else
+
+== A list of phones that BlueZ refuses forgets nobody
++ there is anna
+- fault bluez:Adapter.ListDevices error
+- forget all
+4 RemoveAllDevices
+> Adapter.ListDevices hci0
+! RemoveAllDevices 0
+never > Adapter.RemoveDevice *
+
+== The phone that is {state} is disconnected on demand
+for state, ends
+| accepted |
+| polling | + the sound that was to come ends
+| playing | + the sound ends
++ anna is {state}
+- disconnect
+4 DisconnectDevice
+4 Disconnect {anna}
+> Device.Disconnect anna
++ anna is let go
+{ends}
++ nobody is played
+! DisconnectDevice 0
+nothing else
+- disconnect
+4 DisconnectDevice
+! DisconnectDevice 1
+nothing else

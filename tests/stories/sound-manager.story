@@ -1,0 +1,71 @@
+# The sound manager is asked to play and to stop, and only a refused stop has a consequence.
+
+== A request to play that is {answer} changes nothing else
+for answer, fault, request, log
+| granted | fault clear soundmanager | @ PlayBluetooth |
+| refused | fault soundmanager refuse | @ PlayBluetooth | 2 error enabling sound manager for bluetooth play
+| not possible | fault soundmanager absent | | 2 error enabling sound manager for bluetooth play
++ anna is linking
+- {fault}
+- fault clear pactl
+@ ConnectAudioDevice
+{request}
+{log}
+nothing else of 1 2 @ >
+# What is played goes on.
+- call DisconnectDevice => 0
+
+== A request to stop that is {answer} changes nothing else when nobody is held
+for answer, fault, request, log
+| granted | fault clear soundmanager | @ StopPlay bluetooth "" |
+| refused | fault soundmanager refuse | @ StopPlay bluetooth "" | 2 error enabling sound manager for bluetooth play so disconnect
+| not possible | fault soundmanager absent | | 2 error enabling sound manager for bluetooth play
++ anna is playing
+- {fault}
+- phone anna leave
+{request}
+@ DisconnectAudioDevice
+{log}
+nothing else of 1 2 @ >
+- fault clear
++ anna comes
+
+== A phone that is held when a stop is refused is disconnected
++ there is anna
+# Asked when the connection is made again, refused when it is there again.
+- fault soundmanager refuse=2500
++ anna comes
+- fault clear soundmanager
+2 error enabling sound manager for bluetooth play so disconnect
+4 Disconnect {anna}
++ anna is gone
+> Device.Disconnect anna
+# What is asked here is granted, and the play request's refusal comes later.
+nothing else of > @
+
+== A sound manager that never answers has refused after 25 s
++ there is anna
+- fault soundmanager never
+- phone anna connect
+@ StopPlay bluetooth ""
+after 24 to 40 s
+2 error enabling sound manager for bluetooth play so disconnect
+4 Disconnect {anna}
++ anna is gone
+2 error enabling sound manager for bluetooth play
+
+== The refusal of an older request to stop, when a newer one was granted, is of no interest
++ there is anna
+- fault soundmanager refuse=3000
+- phone anna connect
+@ StopPlay bluetooth ""
+- fault clear soundmanager
+@ PlayBluetooth
+- phone anna leave
++ anna is gone
+- phone anna connect
+@ PlayBluetooth
+< StopPlay Failed *
+--
+- call DisconnectDevice => 0
+never 2 error enabling sound manager for bluetooth play so disconnect

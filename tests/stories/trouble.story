@@ -1,0 +1,94 @@
+# BlueZ says what it never should, does not answer, or is gone; strangers speak in its place.
+
+== Signals that have no meaning here, or come from strangers, change nothing
++ anna is playing
+- signal {anna} org.bluez.Device.PropertyChanged {s:Mood v:s:fine|s:Trusted v:b:false|s:Connected b:false||s:State v:s:disconnected}
+- signal {anna} org.bluez.AudioSource.PropertyChanged {s:State v:s:dreaming|s:State v:v:s:disconnected|s:Connected v:b:false}
+- signal {anna} org.bluez.{Device.DisconnectRequested|Audio.PropertyChanged s:State v:s:disconnected}
+- signal {berta} org.bluez.{Device.PropertyChanged s:Connected v:b:false|AudioSource.PropertyChanged s:State v:s:disconnected}
+nothing else
+- spoof {anna} org.bluez.{Device.PropertyChanged s:Connected v:b:false|AudioSource.PropertyChanged s:State v:s:connected}
+- spoof {berta} org.bluez.{Device.PropertyChanged s:Connected v:b:true|AudioSource.PropertyChanged s:State v:s:playing}
+nothing else
+never 4 *PropertyChanged (*){*
+# She is played as before.
+- phone anna pause
+4 start/restart timer for no play
+nothing else
+
+== What BlueZ says is taken as a text, and only "true" is connected ({value})
+for value
+| s:false
+| s:True
+| i:1
++ anna is playing
+- signal {anna} org.bluez.Device.PropertyChanged s:Connected v:s:true
+4 DevicePropertyChanged (org.bluez.Device){anna} Connected=true
+4 Device {anna} CONNECTED AND ACCEPTED
+nothing else
+- signal {anna} org.bluez.Device.PropertyChanged s:Connected v:{value}
++ anna is gone
+nothing else
+
+== A daemon that ends while a phone is {state} takes the phone with it, and both come back
+for state, ends
+| accepted |
+| polling | + the sound that was to come ends
++ anna is {state}
+- kill bluetoothd
+2 bluezDown down 9 crash
+4 forceSyncDown
+$ hciconfig hci0 noscan
+4 forceSyncDown terminate agent
+$ hciconfig hci0 down
+{ends}
++ nobody is played
+4 restart
++ the stack comes up
+# There was nobody to call.
+nothing else
++ all is well again
+# The phone has another path now.
+- phone anna connect
+4 Device {anna} CONNECTED AND ACCEPTED
+
+== A call that BlueZ does not live to answer has failed ({call})
+for call, object, line, first, last
+| Device.GetProperties | anna | phone anna connect | 2 error reading trust for {anna} | 2 error trusting {anna}
+| Device.Disconnect | anna | phone anna connect | 2 disconnectDevice {anna} error disconnectiong | 2 connectAudioSource {anna} connected but error on it
+| Adapter.ListDevices | hci0 | forget all | 4 error listing device on {adapter} | ! RemoveAllDevices 0
++ there is anna
+- fault bluez:{call} never
+-& {line}
+> {call} {object}
+# For the next daemon; this call stays unanswered.
+- fault clear bluez
+- kill bluetoothd
+{first}*
+{last}
+2 bluezDown down 9 crash
++ Bluetooth is on
++ anna comes
+
+== BlueZ that does not answer holds the service up until the bus library gives up, after 25 s
++ anna is playing
+- fault bluez:Device.Disconnect never
+- disconnect
+4 Disconnect {anna}
+after 24 to 40 s
+2 disconnectDevice {anna} error disconnectiong 
++ anna is gone
+! DisconnectDevice 0
+= 0 true true 7351
+
+== What a daemon said before its end is of no interest when it is gone
++ anna is playing
+- phone add carla trusted
+- fault bluez:Device.Disconnect delay=500
+-& pin 1234
+> Device.Disconnect anna
+- signal {berta} org.bluez.Device.PropertyChanged s:Connected v:b:true
+! SetPid 0
++ Bluetooth is on
+never 4 DevicePropertyChanged (org.bluez.Device){berta} *
++ carla comes
