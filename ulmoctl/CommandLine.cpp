@@ -1,15 +1,12 @@
 #include "CommandLine.h"
 
-#include <getopt.h>
-#include <stdio.h>
-
-#include <QtCore/QStringList>
+#include <QtCore/QRegExp>
 
 const char HelpText[] =
     "Usage: ulmoctl [OPTION]... COMMAND [ARGUMENT]\n"
     "Control the Bluetooth audio service of this board.\n"
     "\n"
-    "  status             tell whether Bluetooth is enabled and on, and the PIN\n"
+    "  status             tell whether Bluetooth is on, the PIN and the phone\n"
     "  on [--wait]        enable Bluetooth; with --wait, return when it is on\n"
     "  off                disable Bluetooth\n"
     "  pin PIN            set the pairing PIN, four digits; forgets every device\n"
@@ -19,6 +16,7 @@ const char HelpText[] =
     "  forget ADDRESS     forget a device, which must then pair again\n"
     "  forget --all       forget every device\n"
     "  watch              print the service's signals as they come, until Ctrl-C\n"
+    "  help               print this help\n"
     "\n"
     "  --json             print JSON, one object per line\n"
     "  --timeout SECONDS  wait this long for an answer, 1 to 3600\n"
@@ -47,6 +45,7 @@ const Syntax Syntaxes[] = {
     {"disconnect", 0},
     {"forget", "the address of a device, or --all"},
     {"watch", 0},
+    {"help", 0},
 };
 
 const Syntax *syntaxOf(const QString &command)
@@ -58,115 +57,107 @@ const Syntax *syntaxOf(const QString &command)
     return 0;
 }
 
-void hintAtHelp()
+// A word such as "-5" is no option, so that the mistake in "volume -5" is told as what it is.
+bool isOption(const QString &word)
 {
-    fputs("Try 'ulmoctl --help' for more information.\n", stderr);
+    return word.length() > 1 && word.startsWith(QLatin1Char('-')) && !word.at(1).isDigit();
 }
 
-bool mistake(const QString &text)
+QString takeOption(const QString &option, QStringList *arguments, CommandLine *line)
 {
-    fprintf(stderr, "ulmoctl: %s\n", text.toUtf8().constData());
-    hintAtHelp();
-    return false;
-}
-
-bool takeTimeout(const char *text, CommandLine *line)
-{
-    bool ok;
-    const int seconds = QString::fromUtf8(text).toInt(&ok);
-    line->timeout = seconds * 1000;
-    return ok && seconds >= 1 && seconds <= 3600;
-}
-
-// Options may stand anywhere, as the C library has it; what remains begins at optind.
-bool takeOptions(int argc, char **argv, CommandLine *line)
-{
-    enum { Json = 1, Wait, All, Timeout, Version };
-    const option options[] = {
-        {"json", no_argument, 0, Json},
-        {"wait", no_argument, 0, Wait},
-        {"all", no_argument, 0, All},
-        {"timeout", required_argument, 0, Timeout},
-        {"help", no_argument, 0, 'h'},
-        {"version", no_argument, 0, Version},
-        {0, 0, 0, 0},
-    };
-    line->wish = CommandLine::RunCommand;
-    for (;;) {
-        switch (getopt_long(argc, argv, "h", options, 0)) {
-        case -1:
-            return true;
-        case Json:
-            line->json = true;
-            break;
-        case Wait:
-            line->wait = true;
-            break;
-        case All:
-            line->all = true;
-            break;
-        case Timeout:
-            if (!takeTimeout(optarg, line))
-                return mistake(QLatin1String("--timeout takes seconds, from 1 to 3600"));
-            break;
-        case 'h':
-            line->wish = CommandLine::ShowHelp;
-            return true;
-        case Version:
-            line->wish = CommandLine::ShowVersion;
-            return true;
-        default: // getopt_long has told it
-            hintAtHelp();
-            return false;
-        }
+    const QString name = option.section(QLatin1Char('='), 0, 0);
+    const bool hasValue = name != option;
+    if (name == QLatin1String("--timeout")) {
+        QString value = option.section(QLatin1Char('='), 1);
+        if (!hasValue && !arguments->isEmpty())
+            value = arguments->takeFirst();
+        line->timeout = value.toInt() * 1000;
+        if (value.toInt() < 1 || value.toInt() > 3600)
+            return QLatin1String("--timeout takes seconds, from 1 to 3600");
+    } else if (name == QLatin1String("--json") && !hasValue) {
+        line->json = true;
+    } else if (name == QLatin1String("--wait") && !hasValue) {
+        line->wait = true;
+    } else if (name == QLatin1String("--all") && !hasValue) {
+        line->all = true;
+    } else if (name == QLatin1String("--version") && !hasValue) {
+        line->wish = CommandLine::ShowVersion;
+    } else if (option == QLatin1String("--help") || option == QLatin1String("-h")) {
+        line->wish = CommandLine::ShowHelp;
+    } else {
+        return QString::fromLatin1("unknown option '%1'").arg(option);
     }
+    return QString();
 }
 
-bool takeVolume(CommandLine *line)
+// Options that go with some commands only.
+QString misplacedOption(const CommandLine &line)
 {
-    if (line->argument.endsWith(QLatin1Char('%')))
-        line->argument.chop(1);
-    bool ok;
-    line->argument.toInt(&ok);
-    return ok;
+    if (line.wait && line.command != QLatin1String("on"))
+        return QLatin1String("--wait goes only with 'on'");
+    if (line.all && line.command != QLatin1String("forget"))
+        return QLatin1String("--all goes only with 'forget'");
+    if (line.timeout && line.command == QLatin1String("watch"))
+        return QLatin1String("--timeout does not go with 'watch'");
+    return QString();
+}
+
+QString takeArgument(const QString &argument, CommandLine *line)
+{
+    line->argument = argument;
+    if (line->command == QLatin1String("volume")) {
+        if (argument.endsWith(QLatin1Char('%')))
+            line->argument.chop(1);
+        bool isNumber;
+        const int volume = line->argument.toInt(&isNumber);
+        if (!isNumber || volume < 0 || volume > 100)
+            return QLatin1String("the volume must be a number from 0 to 100");
+    }
+    if (line->command == QLatin1String("forget")) {
+        const QRegExp address(QLatin1String("[0-9A-Fa-f]{2}(:[0-9A-Fa-f]{2}){5}"));
+        if (!address.exactMatch(argument))
+            return QString::fromLatin1("'%1' is no address such as 00:11:22:AA:BB:CC")
+                .arg(argument);
+    }
+    return QString();
 }
 
 } // namespace
 
-bool parseCommandLine(int argc, char **argv, CommandLine *line)
+QString parseCommandLine(QStringList arguments, CommandLine *line)
 {
-    if (!takeOptions(argc, argv, line))
-        return false;
-    if (line->wish != CommandLine::RunCommand)
-        return true;
-
     QStringList words;
-    for (int i = optind; i < argc; ++i)
-        words << QString::fromUtf8(argv[i]);
+    while (!arguments.isEmpty()) {
+        const QString argument = arguments.takeFirst();
+        if (argument == QLatin1String("--")) {
+            words << arguments;
+            break;
+        }
+        if (!isOption(argument)) {
+            words << argument;
+            continue;
+        }
+        const QString mistake = takeOption(argument, &arguments, line);
+        if (!mistake.isEmpty() || line->wish != CommandLine::RunCommand)
+            return mistake;
+    }
     if (words.isEmpty())
-        return mistake(QLatin1String("no command"));
+        return QLatin1String("no command");
     line->command = words.takeFirst();
     const Syntax *syntax = syntaxOf(line->command);
     if (!syntax)
-        return mistake(QString::fromLatin1("unknown command '%1'").arg(line->command));
+        return QString::fromLatin1("unknown command '%1'").arg(line->command);
+    if (line->command == QLatin1String("help"))
+        line->wish = CommandLine::ShowHelp;
 
-    if (line->wait && line->command != QLatin1String("on"))
-        return mistake(QLatin1String("--wait goes only with 'on'"));
-    if (line->all && line->command != QLatin1String("forget"))
-        return mistake(QLatin1String("--all goes only with 'forget'"));
-    if (line->timeout && line->command == QLatin1String("watch"))
-        return mistake(QLatin1String("--timeout does not go with 'watch'"));
-
-    if (syntax->argument && !line->all) {
-        if (words.isEmpty()) {
-            return mistake(QString::fromLatin1("'%1' needs %2")
-                               .arg(line->command, QLatin1String(syntax->argument)));
-        }
-        line->argument = words.takeFirst();
+    QString mistake = misplacedOption(*line);
+    if (mistake.isEmpty() && syntax->argument && !line->all) {
+        if (words.isEmpty())
+            return QString::fromLatin1("'%1' needs %2")
+                .arg(line->command, QLatin1String(syntax->argument));
+        mistake = takeArgument(words.takeFirst(), line);
     }
-    if (!words.isEmpty())
-        return mistake(QString::fromLatin1("too many arguments: '%1'").arg(words.first()));
-    if (line->command == QLatin1String("volume") && !takeVolume(line))
-        return mistake(QLatin1String("the volume must be a number from 0 to 100"));
-    return true;
+    if (mistake.isEmpty() && !words.isEmpty())
+        return QString::fromLatin1("too many arguments: '%1'").arg(words.first());
+    return mistake;
 }

@@ -2,13 +2,13 @@
 #ifndef COMMANDLINE_H
 #define COMMANDLINE_H
 
-#include <QtCore/QString>
+#include <QtCore/QStringList>
 
 struct CommandLine
 {
     enum Wish { RunCommand, ShowHelp, ShowVersion };
 
-    Wish wish = ShowHelp;
+    Wish wish = RunCommand;
     QString command; ///< as it was typed, one of those in the help text
     QString argument; ///< the PIN, the volume without its "%", the address; else empty
     bool json = false;
@@ -18,12 +18,13 @@ struct CommandLine
 };
 
 /**
- * Fills in what the arguments ask for. Returns false after telling the mistake on standard error.
+ * Fills in what the arguments ask for, and returns the mistake in them, or an empty text.
  *
- * Only what can never make sense is a mistake: a command, option or argument that is missing, too
- * many or not the number it must be. Whether a value is acceptable is for the service to say.
+ * Only what can never make sense is a mistake: a command, option or argument that is unknown,
+ * missing or too many, a volume out of bounds, an address that is none. All else is for the service
+ * to say.
  */
-bool parseCommandLine(int argc, char **argv, CommandLine *line);
+QString parseCommandLine(QStringList arguments, CommandLine *line);
 
 /** The text of --help, which fits a terminal of 80 columns and 24 lines. */
 extern const char HelpText[];

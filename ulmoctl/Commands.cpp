@@ -6,8 +6,10 @@
 #include <QtDBus/QDBusPendingReply>
 
 #include "BluetoothServiceProxy.h"
+#include "Bus.h"
 #include "CommandLine.h"
 #include "Names.h"
+#include "Phone.h"
 #include "StartWait.h"
 
 namespace {
@@ -21,8 +23,10 @@ namespace {
 // changes nothing and can be asked again; it gets what D-Bus itself allows.
 const int ChangeTimeout = 120000;
 const int StatusTimeout = 25000;
-// After the answer the service gives BlueZ 15 s to appear and then configures it.
+// After the answer the service gives BlueZ 15 s to appear and then configures it. What keeps it
+// from starting mostly shows at once.
 const int StartTimeout = 30000;
+const int BriefStartTimeout = 1000;
 
 const char StartOrStopInProgress[] = "a start or stop is in progress, try again in a moment";
 
@@ -77,12 +81,7 @@ QString wordsForWaitStatus(int status)
 
 const char MissingServiceHint[] =
     "See whether bluetoothmanager runs, and its log: journalctl -t bluetoothmanager";
-
-Outcome failure(ExitStatus exitStatus, const QString &text, const char *hint = 0)
-{
-    Outcome outcome = {exitStatus, text, hint, JsonObject()};
-    return outcome;
-}
+const char LogHint[] = "The service's log tells why: journalctl -t bluetoothmanager";
 
 bool isRunning(const BluetoothServiceProxy &service)
 {
@@ -97,8 +96,8 @@ Outcome errorOutcome(const QDBusError &error, const BluetoothServiceProxy &servi
     switch (error.type()) {
     case QDBusError::ServiceUnknown:
         return failure(Unreachable,
-                       QString::fromLatin1("the service is not running: %1 is not on the bus")
-                           .arg(service.service()),
+                       QString::fromLatin1("the service is not running: %1 is not on the bus %2")
+                           .arg(service.service(), busAddress()),
                        MissingServiceHint);
     case QDBusError::Disconnected:
     case QDBusError::AccessDenied:
@@ -124,7 +123,7 @@ Outcome errorOutcome(const QDBusError &error, const BluetoothServiceProxy &servi
 Outcome answerOutcome(int status, const char *refused)
 {
     Outcome outcome = {status == 0 ? Done : Refused, QString(), 0, JsonObject()};
-    outcome.details.addNumber("status", status);
+    outcome.details.add("status", status);
     if (status != 0) {
         outcome.text = refused ? QString::fromLatin1(refused)
                                : QLatin1String("pactl failed: ") + wordsForWaitStatus(status);
@@ -146,6 +145,20 @@ Outcome runRequest(const Request &request, BluetoothServiceProxy &service, const
     return outcome;
 }
 
+// What another phone is called comes from that phone, and may not tell the terminal what to do.
+QString phoneText(const Phone &phone)
+{
+    if (phone.address.isEmpty())
+        return QLatin1String("none");
+    QString text = phone.name;
+    for (int i = 0; i < text.length(); ++i) {
+        if (!text.at(i).isPrint())
+            text[i] = QLatin1Char('?');
+    }
+    return QString::fromLatin1("%1 (%2), %3")
+        .arg(text, phone.address, QLatin1String(phone.playing ? "playing" : "not playing"));
+}
+
 Outcome status(BluetoothServiceProxy &service)
 {
     QDBusPendingReply<int, bool, bool, QString> reply = service.GetStatus();
@@ -156,16 +169,25 @@ Outcome status(BluetoothServiceProxy &service)
     const bool on = reply.argumentAt<2>();
     const QString pin = reply.argumentAt<3>();
     Outcome outcome = answerOutcome(reply.argumentAt<0>(), "the service has no status");
-    outcome.details.addFlag("enabled", enabled).addFlag("on", on).addText("pin", pin);
-    if (outcome.exitStatus == Done) {
-        outcome.text = QString::fromLatin1("Bluetooth   %1, %2\nPIN         %3")
-                           .arg(QLatin1String(enabled ? "enabled" : "disabled"),
-                                QLatin1String(on ? "on" : "off"), pin);
+    if (outcome.exitStatus != Done)
+        return outcome;
+    outcome.details.add("enabled", enabled).add("on", on).add("pin", pin);
+    outcome.text = QString::fromLatin1("Bluetooth   %1, %2\nPIN         %3")
+                       .arg(QLatin1String(enabled ? "enabled" : "disabled"),
+                            QLatin1String(on ? "on" : "off"), pin);
+    Phone phone;
+    if (on && readPhone(&phone)) {
+        outcome.text += QLatin1String("\nPhone       ") + phoneText(phone);
+        const bool isConnected = !phone.address.isEmpty();
+        outcome.details.add("phone", isConnected ? phone.address : QVariant());
+        if (isConnected)
+            outcome.details.add("name", phone.name).add("playing", phone.playing);
     }
     return outcome;
 }
 
-// The service answers when the start has begun, or had nothing to do, without telling which.
+// The service answers when the start has begun, has failed or had nothing to do, without telling
+// which.
 Outcome switchOn(BluetoothServiceProxy &service, const CommandLine &line)
 {
     StartWait start(&service);
@@ -181,37 +203,28 @@ Outcome switchOn(BluetoothServiceProxy &service, const CommandLine &line)
     reply.waitForFinished();
     if (reply.isError())
         return errorOutcome(reply.error(), service);
-    bool on = reply.argumentAt<2>();
-    if (!on && line.wait) {
-        const int milliseconds = line.timeout ? line.timeout : StartTimeout;
-        switch (start.wait(milliseconds)) {
-        case StartWait::CameOn:
-            on = true;
-            break;
-        case StartWait::ServiceGone:
-            return failure(Unreachable, QLatin1String("the service ended before Bluetooth was on"),
-                           MissingServiceHint);
-        case StartWait::TimedOut:
-            return failure(NoAnswer,
-                           QString::fromLatin1("Bluetooth is not on after %1 seconds")
-                               .arg(milliseconds / 1000),
-                           "The service's log tells why: journalctl -t bluetoothmanager");
-        }
-    }
-    outcome.details.addFlag("on", on);
+    const int patience = !line.wait ? BriefStartTimeout
+        : line.timeout              ? line.timeout
+                                    : StartTimeout;
+    const bool wasOn = reply.argumentAt<2>();
+    const StartWait::Result result = wasOn ? StartWait::CameOn : start.wait(patience);
+    if (result == StartWait::Failed)
+        return failure(Refused, QLatin1String("Bluetooth did not come on"), LogHint);
+    if (result == StartWait::ServiceGone)
+        return failure(Unreachable, QLatin1String("the service ended before Bluetooth was on"),
+                       MissingServiceHint);
+    if (result == StartWait::Undecided && line.wait)
+        return failure(
+            NoAnswer,
+            QString::fromLatin1("Bluetooth is not on after %1 seconds").arg(patience / 1000),
+            LogHint);
+    const bool on = result == StartWait::CameOn;
+    outcome.details.add("on", on);
     outcome.text = QLatin1String(on ? "Bluetooth is on." : "Bluetooth is starting.");
     return outcome;
 }
 
 } // namespace
-
-Outcome withoutBus(const QDBusConnection &bus)
-{
-    return failure(
-        Unreachable, QString::fromLatin1("no session bus (%1)").arg(bus.lastError().message()),
-        "DBUS_SESSION_BUS_ADDRESS must hold the address of the service's bus; sudo drops "
-        "it.");
-}
 
 Outcome runCommand(const QDBusConnection &bus, const CommandLine &line)
 {

@@ -9,6 +9,7 @@
 StartWait::StartWait(BluetoothServiceProxy *service)
 {
     connect(service, SIGNAL(BluetoothOn(bool)), SLOT(bluetoothOn(bool)));
+    connect(service, SIGNAL(DisconnectAudioDevice()), SLOT(soundTakenDown()));
     QDBusServiceWatcher *watcher =
         new QDBusServiceWatcher(service->service(), service->connection(),
                                 QDBusServiceWatcher::WatchForUnregistration, this);
@@ -23,8 +24,24 @@ StartWait::Result StartWait::wait(int milliseconds)
 
 void StartWait::bluetoothOn(bool on)
 {
+    m_takenDown = false;
     if (on)
         m_loop.exit(CameOn);
+}
+
+// The service has no signal for a start that failed, but whatever ends one takes down the sound's
+// path, and that has a signal. A switch-off that came before the start has it too, followed by
+// BluetoothOn with false, which arrived before the start was answered.
+void StartWait::soundTakenDown()
+{
+    m_takenDown = true;
+    QTimer::singleShot(0, this, SLOT(decideFailure()));
+}
+
+void StartWait::decideFailure()
+{
+    if (m_takenDown)
+        m_loop.exit(Failed);
 }
 
 void StartWait::serviceGone()
@@ -34,5 +51,5 @@ void StartWait::serviceGone()
 
 void StartWait::timedOut()
 {
-    m_loop.exit(TimedOut);
+    m_loop.exit(Undecided);
 }

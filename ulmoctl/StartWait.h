@@ -1,4 +1,4 @@
-// Waits until the service says that Bluetooth is on.
+// Waits for what becomes of a start of Bluetooth.
 #ifndef STARTWAIT_H
 #define STARTWAIT_H
 
@@ -12,21 +12,24 @@ class StartWait : public QObject
     Q_OBJECT
 
 public:
-    enum Result { CameOn, ServiceGone, TimedOut };
+    enum Result { CameOn, Failed, ServiceGone, Undecided };
 
     /** Listens from now on, so that a signal sent before wait() counts as well. */
     explicit StartWait(BluetoothServiceProxy *service);
 
-    /** The service tells nobody of a start that has failed: that is a time-out too. */
+    /** Undecided after so many milliseconds. */
     Result wait(int milliseconds);
 
 private Q_SLOTS:
     void bluetoothOn(bool on);
+    void soundTakenDown();
+    void decideFailure();
     void serviceGone();
     void timedOut();
 
 private:
     QEventLoop m_loop;
+    bool m_takenDown = false;
 };
 
 #endif

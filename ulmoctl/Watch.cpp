@@ -1,80 +1,58 @@
 #include "Watch.h"
 
-#include <errno.h>
-#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
-#include <string.h>
-#include <sys/time.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDateTime>
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QTimer>
 #include <QtDBus/QDBusConnectionInterface>
+#include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusServiceWatcher>
 
 #include "BluetoothServiceProxy.h"
-#include "ExitStatus.h"
 #include "Names.h"
+#include "Outcome.h"
 
 namespace {
 
-// From the signal handler, in which nothing else is safe, to the event loop.
-int interruptPipe[2] = {-1, -1};
-
-void interrupt(int)
+// Every line has been written out by the time the next one comes.
+void endAtOnce(int)
 {
-    const int savedErrno = errno;
-    const ssize_t written = write(interruptPipe[1], "", 1);
-    (void)written; // a full pipe wakes the loop as well
-    errno = savedErrno;
-}
-
-bool catchInterrupts()
-{
-    if (pipe2(interruptPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        return false;
-    struct sigaction action;
-    memset(&action, 0, sizeof action);
-    action.sa_handler = interrupt;
-    action.sa_flags = SA_RESTART;
-    return sigaction(SIGINT, &action, 0) == 0 && sigaction(SIGTERM, &action, 0) == 0;
+    _exit(Done);
 }
 
 // As scripts want it, "2031-05-04T17:02:41.125+02:00", or as people read it, without the zone.
 QString localTime(bool json)
 {
-    timeval now;
-    gettimeofday(&now, 0);
-    tm local;
-    localtime_r(&now.tv_sec, &local);
-    char date[32];
-    strftime(date, sizeof date, json ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &local);
-    QString result = QString::fromLatin1("%1.%2")
-                         .arg(QLatin1String(date))
-                         .arg(int(now.tv_usec / 1000), 3, 10, QLatin1Char('0'));
-    if (json) {
-        char zone[8];
-        strftime(zone, sizeof zone, "%z", &local); // "+0200"
-        result += QString::fromLatin1(zone).insert(3, QLatin1Char(':'));
-    }
-    return result;
+    const QDateTime now = QDateTime::currentDateTime();
+    if (!json)
+        return now.toString(QLatin1String("yyyy-MM-dd hh:mm:ss.zzz"));
+    QDateTime clock = now;
+    clock.setTimeSpec(Qt::UTC);
+    const int offset = int(now.secsTo(clock));
+    return now.toString(QLatin1String("yyyy-MM-dd'T'hh:mm:ss.zzz"))
+        + QLatin1Char(offset < 0 ? '-' : '+')
+        + QTime(0, 0).addSecs(qAbs(offset)).toString(QLatin1String("hh:mm"));
 }
 
 } // namespace
 
-Watch::Watch(const QDBusConnection &bus, bool json) : m_bus(bus), m_json(json) { }
+Watch::Watch(const QDBusConnection &bus, bool json)
+    : m_bus(bus)
+    , m_json(json)
+    , m_output(new QSocketNotifier(STDOUT_FILENO, QSocketNotifier::Read, this))
+{
+}
 
 int Watch::run()
 {
-    if (!catchInterrupts()) {
-        perror("ulmoctl: cannot catch signals");
-        return Refused;
-    }
-    QSocketNotifier notifier(interruptPipe[0], QSocketNotifier::Read);
-    connect(&notifier, SIGNAL(activated(int)), SLOT(interrupted()));
+    signal(SIGINT, endAtOnce);
+    signal(SIGTERM, endAtOnce);
+    connect(m_output, SIGNAL(activated(int)), SLOT(outputChanged()));
 
     const QString name = QLatin1String(Names::Service);
     QDBusServiceWatcher watcher(name, m_bus, QDBusServiceWatcher::WatchForOwnerChange);
@@ -83,13 +61,10 @@ int Watch::run()
     m_bus.connect(QString(), QLatin1String("/org/freedesktop/DBus/Local"),
                   QLatin1String("org.freedesktop.DBus.Local"), QLatin1String("Disconnected"), this,
                   SLOT(busLost()));
-
-    BluetoothServiceProxy service(name, QLatin1String(Names::Object), m_bus);
-    connect(&service, SIGNAL(BluetoothOn(bool)), SLOT(bluetoothOn(bool)));
-    connect(&service, SIGNAL(BluetoothPidChanged(QString)), SLOT(pinChanged(QString)));
-    connect(&service, SIGNAL(ConnectAudioDevice()), SLOT(audioDeviceConnected()));
-    connect(&service, SIGNAL(DisconnectAudioDevice()), SLOT(audioDeviceDisconnected()));
-    connect(&service, SIGNAL(NoPlayConnectedDevive()), SLOT(connectedDeviceSilent()));
+    // Without a name: every signal of the interface.
+    m_bus.connect(name, QLatin1String(Names::Object),
+                  QLatin1String(BluetoothServiceProxy::staticInterfaceName()), QString(), this,
+                  SLOT(signalCame(QDBusMessage)));
 
     QTimer::singleShot(0, this, SLOT(begin())); // in the loop, which it may have to end
     return QCoreApplication::exec();
@@ -97,33 +72,16 @@ int Watch::run()
 
 void Watch::begin()
 {
-    m_owner = m_bus.interface()->serviceOwner(QLatin1String(Names::Service));
-    tellRunning();
+    setOwner(m_bus.interface()->serviceOwner(QLatin1String(Names::Service)));
 }
 
-void Watch::bluetoothOn(bool on)
+void Watch::signalCame(const QDBusMessage &signal)
 {
-    tell("BluetoothOn", QLatin1String(on ? "true" : "false"), JsonObject().addFlag("on", on));
-}
-
-void Watch::pinChanged(const QString &pin)
-{
-    tell("BluetoothPidChanged", pin, JsonObject().addText("pin", pin));
-}
-
-void Watch::audioDeviceConnected()
-{
-    tell("ConnectAudioDevice", QString(), JsonObject());
-}
-
-void Watch::audioDeviceDisconnected()
-{
-    tell("DisconnectAudioDevice", QString(), JsonObject());
-}
-
-void Watch::connectedDeviceSilent()
-{
-    tell("NoPlayConnectedDevive", QString(), JsonObject());
+    const QVariant value = signal.arguments().value(0);
+    JsonObject details;
+    if (value.isValid())
+        details.add(value.type() == QVariant::Bool ? "on" : "pin", value);
+    tell(signal.member(), value.toString(), details);
 }
 
 // A service that gives way to another has gone and come, with all that was known of it.
@@ -138,42 +96,38 @@ void Watch::ownerChanged(const QString &, const QString &, const QString &newOwn
 
 void Watch::busLost()
 {
-    fputs("ulmoctl: the session bus is gone\n", stderr);
+    fputs("ulmoctl: the bus is gone\n", stderr);
     QCoreApplication::exit(Unreachable);
 }
 
-void Watch::interrupted()
+// Whoever read the output has closed it; or there is something to read from it, as from a terminal.
+void Watch::outputChanged()
 {
-    QCoreApplication::exit(Done);
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    if (poll(&output, 1, 0) == 1 && (output.revents & (POLLERR | POLLHUP)))
+        QCoreApplication::exit(Done);
+    else
+        m_output->setEnabled(false);
 }
 
 void Watch::setOwner(const QString &owner)
 {
     m_owner = owner;
-    tellRunning();
+    const bool running = !owner.isEmpty();
+    tell(QLatin1String("Service"), QLatin1String(running ? "running" : "not running"),
+         JsonObject().add("running", running));
 }
 
-void Watch::tellRunning()
-{
-    const bool running = !m_owner.isEmpty();
-    tell("Service", QLatin1String(running ? "running" : "not running"),
-         JsonObject().addFlag("running", running));
-}
-
-void Watch::tell(const char *event, const QString &text, const JsonObject &details)
+void Watch::tell(const QString &event, const QString &text, const JsonObject &details)
 {
     const QString time = localTime(m_json);
     QByteArray line;
     if (m_json) {
-        line = JsonObject()
-                   .addText("time", time)
-                   .addText("event", QLatin1String(event))
-                   .addMembers(details)
-                   .toUtf8();
+        line = JsonObject().add("time", time).add("event", event).addMembers(details).toUtf8();
     } else {
         line = QString::fromLatin1("%1  %2  %3")
                    .arg(time)
-                   .arg(QLatin1String(event), -21) // the longest
+                   .arg(event, -21) // the longest
                    .arg(text)
                    .trimmed()
                    .toUtf8();

@@ -3,10 +3,12 @@
 #define WATCH_H
 
 #include <QtCore/QObject>
-#include <QtCore/QString>
 #include <QtDBus/QDBusConnection>
 
-#include "JsonObject.h"
+#include "Json.h"
+
+class QDBusMessage;
+class QSocketNotifier;
 
 class Watch : public QObject
 {
@@ -17,29 +19,26 @@ public:
 
     /**
      * Tells whether the service runs, and everything after that, one line each. Returns the exit
-     * status: at SIGINT or SIGTERM, when the bus is gone, or when nothing can be written.
+     * status when the bus is gone, when nobody reads any more or when nothing can be written; at
+     * SIGINT and SIGTERM, the process ends.
      */
     int run();
 
 private Q_SLOTS:
     void begin();
-    void bluetoothOn(bool on);
-    void pinChanged(const QString &pin);
-    void audioDeviceConnected();
-    void audioDeviceDisconnected();
-    void connectedDeviceSilent();
+    void signalCame(const QDBusMessage &signal);
     void ownerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
     void busLost();
-    void interrupted();
+    void outputChanged();
 
 private:
     void setOwner(const QString &owner);
-    void tellRunning();
-    void tell(const char *event, const QString &text, const JsonObject &details);
+    void tell(const QString &event, const QString &text, const JsonObject &details);
 
     QDBusConnection m_bus;
     const bool m_json;
     QString m_owner; // unique name of the service on the bus; empty while it does not run
+    QSocketNotifier *m_output;
 };
 
 #endif

@@ -2,8 +2,8 @@
 #include <stdio.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtDBus/QDBusConnection>
 
+#include "Bus.h"
 #include "CommandLine.h"
 #include "Commands.h"
 #include "Watch.h"
@@ -15,18 +15,18 @@ void print(const Outcome &outcome, const CommandLine &line)
 {
     if (line.json) {
         JsonObject object;
-        object.addText("command", line.command)
-            .addNumber("exitStatus", outcome.exitStatus)
+        object.add("command", line.command)
+            .add("exitStatus", outcome.exitStatus)
             .addMembers(outcome.details);
         if (outcome.exitStatus != Done)
-            object.addText("error", outcome.text);
+            object.add("error", outcome.text);
         puts(object.toUtf8().constData());
     } else if (outcome.exitStatus == Done) {
         puts(outcome.text.toUtf8().constData());
     } else {
         fprintf(stderr, "ulmoctl: %s\n", outcome.text.toUtf8().constData());
-        if (outcome.hint)
-            fprintf(stderr, "%s\n", outcome.hint);
+        if (!outcome.hint.isEmpty())
+            fprintf(stderr, "%s\n", outcome.hint.toUtf8().constData());
     }
 }
 
@@ -36,9 +36,14 @@ int run(int argc, char **argv)
         fputs(HelpText, stderr);
         return WrongUsage;
     }
+    QCoreApplication application(argc, argv);
     CommandLine line;
-    if (!parseCommandLine(argc, argv, &line))
+    const QString mistake = parseCommandLine(application.arguments().mid(1), &line);
+    if (!mistake.isEmpty()) {
+        fprintf(stderr, "ulmoctl: %s\nTry 'ulmoctl --help' for more information.\n",
+                mistake.toUtf8().constData());
         return WrongUsage;
+    }
     if (line.wish == CommandLine::ShowHelp) {
         fputs(HelpText, stdout);
         return Done;
@@ -48,8 +53,7 @@ int run(int argc, char **argv)
         return Done;
     }
 
-    QCoreApplication application(argc, argv);
-    const QDBusConnection bus = QDBusConnection::sessionBus();
+    const QDBusConnection bus = connectToBus();
     if (bus.isConnected() && line.command == QLatin1String("watch"))
         return Watch(bus, line.json).run();
     const Outcome outcome = bus.isConnected() ? runCommand(bus, line) : withoutBus(bus);

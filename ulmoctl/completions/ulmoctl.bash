@@ -23,7 +23,7 @@ _ulmoctl()
     done
 
     case $command in
-    '') words='status on off pin volume mute unmute disconnect forget watch
+    '') words='status on off pin volume mute unmute disconnect forget watch help
         --json --timeout --help --version' ;;
     on) words='--wait --json --timeout' ;;
     forget) words='--all --json --timeout' ;;

@@ -1,4 +1,4 @@
-#include "JsonObject.h"
+#include "Json.h"
 
 namespace {
 
@@ -19,21 +19,20 @@ QByteArray quoted(const QString &text)
     return '"' + result.toUtf8() + '"';
 }
 
+QByteArray written(const QVariant &value)
+{
+    if (!value.isValid())
+        return "null";
+    return value.type() == QVariant::String ? quoted(value.toString()) : value.toByteArray();
+}
+
 } // namespace
 
-JsonObject &JsonObject::addText(const char *name, const QString &value)
+JsonObject &JsonObject::add(const char *name, const QVariant &value)
 {
-    return add(name, quoted(value));
-}
-
-JsonObject &JsonObject::addNumber(const char *name, int value)
-{
-    return add(name, QByteArray::number(value));
-}
-
-JsonObject &JsonObject::addFlag(const char *name, bool value)
-{
-    return add(name, value ? "true" : "false");
+    JsonObject member;
+    member.m_members = '"' + QByteArray(name) + "\":" + written(value);
+    return addMembers(member);
 }
 
 JsonObject &JsonObject::addMembers(const JsonObject &other)
@@ -41,18 +40,5 @@ JsonObject &JsonObject::addMembers(const JsonObject &other)
     if (!m_members.isEmpty() && !other.m_members.isEmpty())
         m_members += ',';
     m_members += other.m_members;
-    return *this;
-}
-
-QByteArray JsonObject::toUtf8() const
-{
-    return '{' + m_members + '}';
-}
-
-JsonObject &JsonObject::add(const char *name, const QByteArray &value)
-{
-    if (!m_members.isEmpty())
-        m_members += ',';
-    m_members += '"' + QByteArray(name) + "\":" + value;
     return *this;
 }
