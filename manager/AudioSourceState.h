@@ -20,7 +20,7 @@ struct AudioSourceState
     /** The device's Connected property was accepted as true. */
     bool connected = false;
     /** Last AudioSource State taken over; for whoever inspects the record, no decision reads it. */
-    QString state = QLatin1String("disconnected");
+    QString state = "disconnected";
     /** An AudioSourceOrigin. */
     int origin = OriginUnknown;
     int reserved = 0;

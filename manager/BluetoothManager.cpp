@@ -1,9 +1,11 @@
 #include "BluetoothManager.h"
 
+#include <chrono>
+#include <thread>
+
 #include <QtCore/QCoreApplication>
 #include <QtCore/QTimer>
 #include <QtDBus/QDBusConnection>
-#include <QtDBus/QDBusConnectionInterface>
 #include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusPendingCallWatcher>
 #include <QtDBus/QDBusPendingReply>
@@ -15,6 +17,9 @@
 #include "DevicePath.h"
 #include "Discard.h"
 #include "LogLine.h"
+#include "LogWords.h"
+#include "PairingPin.h"
+#include "Settings.h"
 #include "ShellCommand.h"
 #include "SoundManagerProxy.h"
 #include "bluezAdapterProxy.h"
@@ -32,9 +37,6 @@ const char PropertyChanged[] = "PropertyChanged";
 const char PropertyTypes[] = "sv";
 const char *const DeviceSlot = SLOT(DevicePropertyChanged(QString, QDBusVariant));
 const char *const AudioSourceSlot = SLOT(AudioSourcePropertyChanged(QString, QDBusVariant));
-const char DefaultPid[] = "7351";
-const char BluetoothSection[] = "BLUETOOTH";
-const char GeneralSection[] = "GENERAL";
 
 // All in milliseconds.
 const int EnableDelay = 100;
@@ -43,28 +45,14 @@ const int BluezRestartDelay = 1000;
 const int AgentRetryDelay = 10000;
 const int NoPlayInterval = 10000;
 const int PulseStepDelay = 100;
+const int RemakeDelay = 100;
 
 /** Polls of one phase of the PulseAudio bring-up; the last failed one gives up. */
 const int PulsePolls = 40;
 
-const char *word(bool value)
+bool isRunning(const QProcess *process)
 {
-    return value ? "true" : "false";
-}
-
-QByteArray pidForLog(const QString &pid)
-{
-    return pid.isEmpty() ? QByteArray("<none>") : pid.toLocal8Bit();
-}
-
-const char *exitWord(QProcess::ExitStatus exitStatus)
-{
-    return exitStatus == QProcess::CrashExit ? "crash" : "normal";
-}
-
-LogLevel levelOf(int commandStatus)
-{
-    return commandStatus ? LogWarning : LogInformation;
+    return process && process->state() == QProcess::Running;
 }
 
 QString environmentValue(const char *name)
@@ -72,24 +60,15 @@ QString environmentValue(const char *name)
     return QString::fromLocal8Bit(qgetenv(name)).toLower();
 }
 
-/** Kills the daemon that an earlier run left behind. */
-void killStale(const QByteArray &program)
+/** Path of BlueZ's default adapter; empty when BlueZ has none or cannot be asked. */
+QString defaultAdapterPath()
 {
-    runShellCommand("ps | grep " + program
-                    + " | grep -v grep | xargs | cut -f1 -d' ' | xargs kill -s 9");
-}
-
-/** The name with blanks as underscores, and nothing else but ASCII letters, digits, underscores. */
-QString bluetoothName(const QString &name)
-{
-    QString result;
-    for (int i = 0; i < name.length(); ++i) {
-        const char character = name.at(i) == QLatin1Char(' ') ? '_' : name.at(i).toLatin1();
-        if ((character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z')
-            || (character >= '0' && character <= '9') || character == '_')
-            result += QLatin1Char(character);
-    }
-    return result;
+    bluezManagerProxy manager(BluezService, "/", QDBusConnection::systemBus());
+    if (!manager.isValid())
+        return QString();
+    QDBusPendingReply<QDBusObjectPath> adapter = manager.DefaultAdapter();
+    adapter.waitForFinished();
+    return adapter.isError() ? QString() : adapter.value().path();
 }
 
 /** Waits for the answer of BlueZ, for as long as the bus library does. */
@@ -99,131 +78,100 @@ bool isFailed(QDBusPendingCall call)
     return call.isError();
 }
 
-bool isValidPid(const QString &pid)
-{
-    if (pid.length() != 4)
-        return false;
-    for (int i = 0; i < pid.length(); ++i) {
-        if (!pid.at(i).isDigit())
-            return false;
-    }
-    return true;
-}
-
 } // namespace
 
 // Settings and status
 
 BluetoothManager::BluetoothManager() : UlmoFeatureBase(Names::Object)
 {
-    bool startEnabled = false;
-    if (!readSettings(&startEnabled)) {
-        LOG_LINE(LogError, "Fatal error while crating the BluetoothManager");
-        return;
-    }
+    struct ConstructionAborted
+    {
+    };
+    try {
+        if (!isInitialized()) {
+            LOG_LINE(LogError, "Impossible to initialize Base feature");
+            throw ConstructionAborted();
+        }
+        Configuration configuration(Names::Object);
+        if (!configuration.isValid()) {
+            LOG_LINE(LogError, "Impossible to initialize Configuration proxy");
+            throw ConstructionAborted();
+        }
 
-    killStale("/usr/bin/pulseaudio");
-    killStale("/usr/bin/agent");
-    killStale("/usr/sbin/bluetoothd");
-    m_bluezWatcher = new QDBusServiceWatcher(BluezService, QDBusConnection::systemBus(),
-                                             QDBusServiceWatcher::WatchForRegistration);
-    m_valid = true;
-    Q_EMIT BluetoothOn(false);
-    if (startEnabled)
-        QTimer::singleShot(EnableDelay, this, SLOT(Enable()));
+        m_reconnectTimeout = configuration.ReadConfigValue(
+            Settings::Bluetooth, "bt-timeout-reconnect-1", m_reconnectTimeout, nullptr, true);
+        if (m_reconnectTimeout < 100) {
+            LOG_LINE(LogWarning, "too low reconnect timeout");
+            m_reconnectTimeout = 100;
+        } else if (m_reconnectTimeout > 10000) {
+            LOG_LINE(LogWarning, "too big reconnect timeout");
+            m_reconnectTimeout = 10000;
+        }
+        LOG_LINE(LogInformation, "reconnection timeout %d", m_reconnectTimeout);
+
+        const QString forcedEnable = environmentValue("ULMO_BT_ENABLE");
+        const bool isForced = forcedEnable == "true" || forcedEnable == "1";
+        const bool startEnabled = isForced
+            || configuration.ReadConfigValue(Settings::Bluetooth, "bt-enable", 1, nullptr, true)
+                != 0;
+        if (isForced)
+            LOG_LINE(LogInformation, "force enable for ULMO_BT_ENABLE");
+        else
+            m_savedEnable = startEnabled;
+
+        m_pid = environmentValue("ULMO_BT_PID");
+        if (!m_pid.isEmpty()) {
+            LOG_LINE(LogInformation, "force PID for ULMO_BT_PID");
+        } else {
+            m_pid = configuration.ReadConfigValue(Settings::Bluetooth, "bt-pid", DefaultPid,
+                                                  nullptr, true);
+            m_savedPid = m_pid;
+        }
+        if (!isValidPid(m_pid)) {
+            m_pid = DefaultPid;
+            // The store holds something else, so the next save has to write the repaired PIN.
+            m_savedPid.clear();
+        }
+
+        m_legacyMode = Settings::readLegacyMode(configuration, m_pid);
+        LOG_LINE(LogInformation, "legacy mode %d", m_legacyMode);
+        Q_EMIT BluetoothPidChanged(m_pid);
+
+        bool isNumber = false;
+        m_latency = environmentValue("ULMO_BT_LATENCY").toInt(&isNumber, 10);
+        if (isNumber)
+            LOG_LINE(LogInformation, "force ULMO_BT_LATENCY=%d", m_latency);
+        else
+            m_latency = configuration.ReadConfigValue(Settings::Bluetooth, "bt-latency", 1000,
+                                                      nullptr, true);
+
+        m_alsaDevice = "dm-audio";
+        m_hostName = Settings::readBluetoothName(configuration);
+
+        LOG_LINE(LogInformation, "BLUETOOTH CONFIGURATION:");
+        LOG_LINE(LogInformation, "> Enable:         %s", word(startEnabled));
+        LOG_LINE(LogInformation, "> Pid:            %s", pidForLog(m_pid).constData());
+        LOG_LINE(LogInformation, "> Latency:        %d", m_latency);
+
+        killStaleDaemons();
+        m_bluezWatcher = new QDBusServiceWatcher(BluezService, QDBusConnection::systemBus(),
+                                                 QDBusServiceWatcher::WatchForRegistration);
+        m_valid = true;
+        Q_EMIT BluetoothOn(false);
+        if (startEnabled)
+            QTimer::singleShot(EnableDelay, this, SLOT(Enable()));
+    } catch (const ConstructionAborted &) {
+        LOG_LINE(LogError, "Fatal error while crating the BluetoothManager");
+    }
 }
 
 BluetoothManager::~BluetoothManager()
 {
-    takeDown();
+    forceSyncDown(false);
+    m_busy = false;
     delete m_bluezWatcher;
-    m_bluezWatcher = 0;
+    m_bluezWatcher = nullptr;
     LOG_LINE(LogInformation, "BluetoothManager cleaned-up");
-}
-
-bool BluetoothManager::readSettings(bool *startEnabled)
-{
-    if (!isInitialized()) {
-        LOG_LINE(LogError, "Impossible to initialize Base feature");
-        return false;
-    }
-    Configuration configuration(Names::Object);
-    if (!configuration.isValid()) {
-        LOG_LINE(LogError, "Impossible to initialize Configuration proxy");
-        return false;
-    }
-
-    m_reconnectTimeout =
-        configuration.ReadConfigValue(BluetoothSection, "bt-timeout-reconnect-1", 5000, 0, true);
-    if (m_reconnectTimeout < 100) {
-        LOG_LINE(LogWarning, "too low reconnect timeout");
-        m_reconnectTimeout = 100;
-    } else if (m_reconnectTimeout > 10000) {
-        LOG_LINE(LogWarning, "too big reconnect timeout");
-        m_reconnectTimeout = 10000;
-    }
-    LOG_LINE(LogInformation, "reconnection timeout %d", m_reconnectTimeout);
-
-    const QString forcedEnable = environmentValue("ULMO_BT_ENABLE");
-    if (forcedEnable == "true" || forcedEnable == "1") {
-        LOG_LINE(LogInformation, "force enable for ULMO_BT_ENABLE");
-        *startEnabled = true;
-    } else {
-        *startEnabled =
-            configuration.ReadConfigValue(BluetoothSection, "bt-enable", 1, 0, true) != 0;
-        m_savedEnable = QVariant(*startEnabled);
-    }
-
-    const QString forcedPid = environmentValue("ULMO_BT_PID");
-    if (!forcedPid.isEmpty()) {
-        LOG_LINE(LogInformation, "force PID for ULMO_BT_PID");
-        m_pid = forcedPid;
-    } else {
-        m_pid = configuration.ReadConfigValue(BluetoothSection, "bt-pid", DefaultPid, 0, true);
-        m_savedPid = QVariant(m_pid);
-    }
-    if (!isValidPid(m_pid)) {
-        m_pid = DefaultPid;
-        // The store holds something else, so the next save has to write the repaired one.
-        m_savedPid.clear();
-    }
-
-    m_legacyMode = readLegacyMode(configuration);
-    LOG_LINE(LogInformation, "legacy mode %d", m_legacyMode);
-    Q_EMIT BluetoothPidChanged(m_pid);
-
-    bool isNumber = false;
-    const int forcedLatency = environmentValue("ULMO_BT_LATENCY").toInt(&isNumber, 10);
-    if (isNumber) {
-        LOG_LINE(LogInformation, "force ULMO_BT_LATENCY=%d", forcedLatency);
-        m_latency = forcedLatency;
-    } else {
-        m_latency = configuration.ReadConfigValue(BluetoothSection, "bt-latency", 1000, 0, true);
-    }
-
-    m_alsaDevice = "dm-audio";
-
-    m_hostName = configuration.ReadConfigValue(GeneralSection, "Nickname", QString(), 0, true);
-    if (m_hostName.isEmpty()) {
-        m_hostName = "Ulmo_"
-            + configuration.ReadConfigValue(GeneralSection, "SerialNumber", "unknown", 0, true);
-    }
-    m_hostName = bluetoothName(m_hostName);
-
-    LOG_LINE(LogInformation, "BLUETOOTH CONFIGURATION:");
-    LOG_LINE(LogInformation, "> Enable:         %s", word(*startEnabled));
-    LOG_LINE(LogInformation, "> Pid:            %s", pidForLog(m_pid).constData());
-    LOG_LINE(LogInformation, "> Latency:        %d", m_latency);
-    return true;
-}
-
-int BluetoothManager::readLegacyMode(Configuration &configuration) const
-{
-    if (m_pid != DefaultPid)
-        return 0;
-    const int disableLegacy =
-        configuration.ReadConfigValue(BluetoothSection, "bt-disable-legacy", 0, 0, true);
-    return disableLegacy > 0 ? 1 : 0;
 }
 
 void BluetoothManager::SaveStatus(bool enable, bool pid)
@@ -239,7 +187,7 @@ void BluetoothManager::SaveStatus(bool enable, bool pid)
         if (m_savedEnable.isValid() && m_savedEnable.toBool() == m_enabled) {
             LOG_LINE(LogInformation, "Enable (%s) not saved because already saved",
                      word(m_enabled));
-        } else if (!configuration.WriteConfigValue(BluetoothSection, "bt-enable",
+        } else if (!configuration.WriteConfigValue(Settings::Bluetooth, "bt-enable",
                                                    QString::number(m_enabled ? 1 : 0), false)) {
             LOG_LINE(LogWarning, "Error saving Enable");
         } else {
@@ -253,7 +201,7 @@ void BluetoothManager::SaveStatus(bool enable, bool pid)
         if (m_savedPid.isValid() && m_savedPid.toString() == m_pid) {
             LOG_LINE(LogInformation, "PID (%s) not saved because already saved",
                      pidText.constData());
-        } else if (!configuration.WriteConfigValue(BluetoothSection, "bt-pid", m_pid, false)) {
+        } else if (!configuration.WriteConfigValue(Settings::Bluetooth, "bt-pid", m_pid, false)) {
             LOG_LINE(LogWarning, "Error saving Pid");
         } else {
             LOG_LINE(LogInformation, "PID SAVED (%s)", pidText.constData());
@@ -318,8 +266,7 @@ void BluetoothManager::startStartupSequence()
     m_audioSourcePath.clear();
     if (m_pulseProcess) {
         LOG_LINE(LogWarning, "stop pulseaudio that is already working");
-        terminateChild(m_pulseProcess);
-        discardChild(m_pulseProcess);
+        stopChild(m_pulseProcess, StillConnected);
     }
 
     runShellCommand("modprobe btwilink");
@@ -335,7 +282,8 @@ void BluetoothManager::startStartupSequence()
     m_bluezProcess = startChild("/usr/sbin/bluetoothd", QStringList() << "-n", environment);
     if (!m_bluezProcess) {
         LOG_LINE(LogError, "error starting bluez");
-        takeDown();
+        forceSyncDown(false);
+        m_busy = false;
         return;
     }
     LOG_LINE(LogInformation, "bluez started and wait registration");
@@ -360,15 +308,18 @@ void BluetoothManager::serviceBluezRegistered(const QString &name)
     if (!systemBus.connect(BluezService, "", DeviceInterface, PropertyChanged, PropertyTypes, this,
                            DeviceSlot)) {
         LOG_LINE(LogWarning, "error connecting to PropertyChanged of bluez Device");
-        takeDown();
+        forceSyncDown(false);
+        m_busy = false;
         return;
     }
     if (!systemBus.connect(BluezService, "", AudioSourceInterface, PropertyChanged, PropertyTypes,
                            this, AudioSourceSlot)) {
         LOG_LINE(LogWarning, "error connecting to PropertyChanged of bluez AudioSource");
-        takeDown();
+        forceSyncDown(false);
+        m_busy = false;
         return;
     }
+    m_followsBluez = true;
     if (!connect(m_bluezWatcher, SIGNAL(serviceUnregistered(QString)), this,
                  SLOT(serviceBluezUnregistered(QString))))
         LOG_LINE(LogWarning, "error registering on event unregistered");
@@ -379,7 +330,7 @@ void BluetoothManager::serviceBluezRegistered(const QString &name)
     const int deleted = runShellCommand("sdptool del $(sdptool browse local | grep -A 1 \"Headset "
                                         "Audio Gateway\" | tail -n 1 | cut -f2 -d':' | tr -d ' ')");
     LOG_LINE(LogInformation, "del headset profile %d", deleted);
-    applyLegacyMode();
+    applyLegacyMode(__PRETTY_FUNCTION__);
     const int linkMode = runShellCommand("hciconfig hci0 lm master,accept");
     LOG_LINE(levelOf(linkMode), "set lm master,accept %d", linkMode);
 
@@ -390,7 +341,8 @@ void BluetoothManager::serviceBluezRegistered(const QString &name)
         Q_EMIT BluetoothOn(true);
     } else {
         LOG_LINE(LogWarning, "error starting agent");
-        takeDown();
+        forceSyncDown(false);
+        m_busy = false;
     }
 }
 
@@ -403,7 +355,8 @@ void BluetoothManager::timeoutStartBluez()
 {
     LOG_LINE(LogError, "bluez service timeout !!!!!!!!!!!!!! ");
     discardTimer(m_sequenceTimer);
-    takeDown();
+    forceSyncDown(false);
+    m_busy = false;
 }
 
 void BluetoothManager::bluezDown(int exitCode, QProcess::ExitStatus exitStatus)
@@ -422,14 +375,9 @@ void BluetoothManager::startStopSequence()
 {
     LOG_LINE(LogInformation, "startStopSequence requested");
     m_busy = true;
-    takeDown();
-    Q_EMIT BluetoothOn(m_on);
-}
-
-void BluetoothManager::takeDown()
-{
     forceSyncDown(false);
     m_busy = false;
+    Q_EMIT BluetoothOn(m_on);
 }
 
 void BluetoothManager::forceSyncDown(bool restart)
@@ -441,7 +389,9 @@ void BluetoothManager::forceSyncDown(bool restart)
                          DeviceSlot);
     systemBus.disconnect(BluezService, "", AudioSourceInterface, PropertyChanged, PropertyTypes,
                          this, AudioSourceSlot);
-    discardAudioSourceState();
+    m_followsBluez = false;
+    delete m_audioSourceState;
+    m_audioSourceState = nullptr;
     discardTimer(m_noPlayTimer);
     discardLater(m_startPlayerWatcher);
     discardLater(m_stopPlayerWatcher);
@@ -449,10 +399,16 @@ void BluetoothManager::forceSyncDown(bool restart)
     runShellCommand("hciconfig hci0 noscan");
     // Null in an object whose construction was given up.
     if (m_bluezWatcher)
-        disconnect(m_bluezWatcher, 0, this, 0);
+        disconnect(m_bluezWatcher, nullptr, this, nullptr);
 
-    stopChild(m_agentProcess, "agent");
-    stopChild(m_bluezProcess, "bluez");
+    if (isRunning(m_agentProcess))
+        LOG_LINE(LogInformation, "forceSyncDown terminate agent");
+    if (!stopChild(m_agentProcess))
+        LOG_LINE(LogInformation, "forceSyncDown kill agent");
+    if (isRunning(m_bluezProcess))
+        LOG_LINE(LogInformation, "forceSyncDown terminate bluez");
+    if (!stopChild(m_bluezProcess))
+        LOG_LINE(LogInformation, "forceSyncDown kill bluez");
     runShellCommand("hciconfig hci0 down");
 
     m_connectedDevicePath.clear();
@@ -465,19 +421,6 @@ void BluetoothManager::forceSyncDown(bool restart)
     }
 }
 
-void BluetoothManager::stopChild(QProcess *&process, const char *name)
-{
-    if (!process)
-        return;
-    disconnect(process, 0, this, 0);
-    if (process->state() == QProcess::Running) {
-        LOG_LINE(LogInformation, "forceSyncDown terminate %s", name);
-        if (!terminateChild(process))
-            LOG_LINE(LogInformation, "forceSyncDown kill %s", name);
-    }
-    discardChild(process);
-}
-
 QTimer *BluetoothManager::startSingleShot(int milliseconds, const char *slot)
 {
     QTimer *const timer = new QTimer(this);
@@ -487,11 +430,12 @@ QTimer *BluetoothManager::startSingleShot(int milliseconds, const char *slot)
     return timer;
 }
 
-void BluetoothManager::applyLegacyMode()
+void BluetoothManager::applyLegacyMode(const char *operation)
 {
     const QByteArray command = "hciconfig hci0 sspmode " + QByteArray::number(m_legacyMode);
     const int status = runShellCommand(command);
-    LOG_LINE(levelOf(status), "set legacy mode (%s) %d", command.constData(), status);
+    LOG_LINE_AS(Names::Object, operation, levelOf(status), "set legacy mode (%s) %d",
+                command.constData(), status);
 }
 
 // Pairing agent
@@ -500,9 +444,7 @@ bool BluetoothManager::startAgent()
 {
     if (m_agentProcess) {
         runShellCommand("hciconfig hci0 noscan");
-        disconnect(m_agentProcess, 0, this, 0);
-        terminateChild(m_agentProcess);
-        discardChild(m_agentProcess);
+        stopChild(m_agentProcess);
     }
 
     // "--capabilites" is how the agent spells its option.
@@ -525,7 +467,7 @@ bool BluetoothManager::startAgent()
     // Only now may phones find the unit: there is somebody to answer them.
     if (runShellCommand("hciconfig hci0 piscan") != 0)
         LOG_LINE(LogWarning, "error executing  hciconfig hci0 piscan");
-    applyLegacyMode();
+    applyLegacyMode(__PRETTY_FUNCTION__);
     return true;
 }
 
@@ -548,45 +490,31 @@ void BluetoothManager::restartAgent()
 
 // Source connection policy
 
-bool BluetoothManager::cameFromSignal(const char *slot, const QString &name,
-                                      const QString &value) const
+void BluetoothManager::DevicePropertyChanged(const QString &name, const QDBusVariant &value)
 {
     // message() may be asked for only inside a call from the bus.
     if (!calledFromDBus()) {
-        LOG_LINE(LogWarning, "%s %s not came from dbus", slot, qPrintable(name));
-        return false;
+        LOG_LINE(LogWarning, "DevicePropertyChanged %s not came from dbus", qPrintable(name));
+        return;
     }
     if (message().type() != QDBusMessage::SignalMessage) {
-        LOG_LINE(LogWarning, "%s %s not came from signal", slot, qPrintable(name));
-        return false;
+        LOG_LINE(LogWarning, "DevicePropertyChanged %s not came from signal", qPrintable(name));
+        return;
     }
-    LOG_LINE(LogInformation, "%s (%s)%s %s=%s", slot, qPrintable(message().interface()),
-             qPrintable(message().path()), qPrintable(name), qPrintable(value));
-    return true;
-}
-
-bool BluetoothManager::cameFromPresentBluez() const
-{
-    // A daemon's last signals may still be queued when its successor runs (Qt 5 matches a signal
-    // as it arrives, not as it is delivered). A device of a daemon that is gone never leaves again:
-    // taken for the tracked one, it would keep every phone out.
-    return message().service()
-        == QDBusConnection::systemBus().interface()->serviceOwner(BluezService).value();
-}
-
-void BluetoothManager::DevicePropertyChanged(const QString &name, const QDBusVariant &value)
-{
-    const QString text = value.variant().toString();
-    if (!cameFromSignal("DevicePropertyChanged", name, text) || name != "Connected"
-        || !cameFromPresentBluez())
+    if (!m_followsBluez)
         return;
     const QString devicePath = message().path();
+    const QString text = value.variant().toString();
+    LOG_LINE(LogInformation, "DevicePropertyChanged (%s)%s %s=%s",
+             qPrintable(message().interface()), qPrintable(devicePath), qPrintable(name),
+             qPrintable(text));
+    if (name != "Connected")
+        return;
 
     if (text != "true") {
-        forgetConnection(devicePath);
+        forgetConnection(devicePath, __PRETTY_FUNCTION__);
         return;
     }
-
     if (!m_audioSourceState)
         m_audioSourceState = new AudioSourceState(devicePath);
     if (m_audioSourceState->devicePath != devicePath || isAnotherHeld(devicePath)) {
@@ -603,11 +531,24 @@ void BluetoothManager::DevicePropertyChanged(const QString &name, const QDBusVar
 
 void BluetoothManager::AudioSourcePropertyChanged(const QString &name, const QDBusVariant &value)
 {
-    const QString state = value.variant().toString();
-    if (!cameFromSignal("AudioSourcePropertyChanged", name, state) || name != "State"
-        || !cameFromPresentBluez())
+    if (!calledFromDBus()) {
+        LOG_LINE(LogWarning, "AudioSourcePropertyChanged %s not came from dbus", qPrintable(name));
+        return;
+    }
+    if (message().type() != QDBusMessage::SignalMessage) {
+        LOG_LINE(LogWarning, "AudioSourcePropertyChanged %s not came from signal",
+                 qPrintable(name));
+        return;
+    }
+    if (!m_followsBluez)
         return;
     const QString devicePath = message().path();
+    const QString state = value.variant().toString();
+    LOG_LINE(LogInformation, "AudioSourcePropertyChanged (%s)%s %s=%s",
+             qPrintable(message().interface()), qPrintable(devicePath), qPrintable(name),
+             qPrintable(state));
+    if (name != "State")
+        return;
 
     if (!m_audioSourceState)
         m_audioSourceState = new AudioSourceState(devicePath);
@@ -629,10 +570,28 @@ void BluetoothManager::AudioSourcePropertyChanged(const QString &name, const QDB
     }
     if (!m_audioSourceState->connected)
         return;
-    if (m_audioSourceState->origin != OriginLocal)
-        remakeConnection(devicePath);
-    else if ((state == "connected" || state == "playing") && !isAnotherHeld(devicePath))
-        playSource(devicePath, state);
+    if (m_audioSourceState->origin != OriginLocal) {
+        // A connection that the phone made is never played as it is.
+        if (!m_reconnectDevicePath.isEmpty()) {
+            LOG_LINE(LogInformation, "waiting to reconnect");
+        } else if (IsTrustDevice(devicePath).toBool()) {
+            m_reconnectDevicePath = devicePath;
+            reconnect();
+        } else {
+            LOG_LINE(LogInformation, "load timer for reconnect");
+            trustDevice(devicePath, true);
+            m_reconnectDevicePath = devicePath;
+            QTimer::singleShot(m_reconnectTimeout, this, SLOT(reconnect()));
+        }
+    } else if ((state == "connected" || state == "playing") && !isAnotherHeld(devicePath)) {
+        m_audioSourcePath = devicePath;
+        if (!m_pulseProcess)
+            startPulseAudio();
+        if (state == "connected") {
+            startNoPlayTimer();
+            LOG_LINE(LogInformation, "start/restart timer for no play");
+        }
+    }
 }
 
 bool BluetoothManager::isAnotherHeld(const QString &devicePath) const
@@ -641,20 +600,14 @@ bool BluetoothManager::isAnotherHeld(const QString &devicePath) const
         || (!m_audioSourcePath.isEmpty() && m_audioSourcePath != devicePath);
 }
 
-void BluetoothManager::playSource(const QString &devicePath, const QString &state)
+void BluetoothManager::startNoPlayTimer()
 {
-    m_audioSourcePath = devicePath;
-    if (!m_pulseProcess)
-        startPulseAudio();
-    if (state != "connected")
-        return;
     if (!m_noPlayTimer) {
         m_noPlayTimer = new QTimer(this);
         m_noPlayTimer->setInterval(NoPlayInterval);
         connect(m_noPlayTimer, SIGNAL(timeout()), this, SLOT(noPlay()));
     }
     m_noPlayTimer->start();
-    LOG_LINE(LogInformation, "start/restart timer for no play");
 }
 
 void BluetoothManager::noPlay()
@@ -663,29 +616,15 @@ void BluetoothManager::noPlay()
     Q_EMIT NoPlayConnectedDevive();
 }
 
-void BluetoothManager::remakeConnection(const QString &devicePath)
-{
-    if (!m_reconnectDevicePath.isEmpty()) {
-        LOG_LINE(LogInformation, "waiting to reconnect");
-        return;
-    }
-    if (IsTrustDevice(devicePath).toBool()) {
-        m_reconnectDevicePath = devicePath;
-        reconnect();
-        return;
-    }
-    LOG_LINE(LogInformation, "load timer for reconnect");
-    trustDevice(devicePath, true);
-    m_reconnectDevicePath = devicePath;
-    QTimer::singleShot(m_reconnectTimeout, this, SLOT(reconnect()));
-}
-
 void BluetoothManager::reconnect()
 {
     if (m_reconnectDevicePath.isEmpty())
         return;
     LOG_LINE(LogInformation, "reconnect");
     disconnectDevice(m_reconnectDevicePath);
+    // BlueZ answers Disconnect up to 60 ms before it sees that the audio session died with the
+    // link. A Connect that comes sooner fails, and then the phone would be forgotten.
+    std::this_thread::sleep_for(std::chrono::milliseconds(RemakeDelay));
     connectAudioSource(m_reconnectDevicePath);
     m_reconnectDevicePath.clear();
 }
@@ -719,7 +658,7 @@ void BluetoothManager::disconnectDevice(const QString &devicePath)
     }
     if (isFailed(device.Disconnect()))
         LOG_LINE(LogWarning, "disconnectDevice %s error disconnectiong ", qPrintable(path));
-    forgetConnection(path);
+    forgetConnection(path, __PRETTY_FUNCTION__);
     discardTimer(m_noPlayTimer);
 }
 
@@ -734,11 +673,13 @@ bool BluetoothManager::disconnectHeldDevice()
     return true;
 }
 
-void BluetoothManager::forgetConnection(const QString &devicePath)
+void BluetoothManager::forgetConnection(const QString &devicePath, const char *operation)
 {
     if (m_audioSourceState && m_audioSourceState->devicePath == devicePath) {
-        LOG_LINE(LogInformation, "Device %s DISCONNECT", qPrintable(devicePath));
-        discardAudioSourceState();
+        LOG_LINE_AS(Names::Object, operation, LogInformation, "Device %s DISCONNECT",
+                    qPrintable(devicePath));
+        delete m_audioSourceState;
+        m_audioSourceState = nullptr;
     }
     const bool wasConnected = m_connectedDevicePath == devicePath;
     const bool wasPlayed = m_audioSourcePath == devicePath;
@@ -747,16 +688,18 @@ void BluetoothManager::forgetConnection(const QString &devicePath)
     if (wasPlayed)
         m_audioSourcePath.clear();
     if (wasConnected || wasPlayed) {
-        LOG_LINE(LogInformation, "Device %s DISCONNECTED SO STOP PULSEAUDIO",
-                 qPrintable(devicePath));
+        LOG_LINE_AS(Names::Object, operation, LogInformation,
+                    "Device %s DISCONNECTED SO STOP PULSEAUDIO", qPrintable(devicePath));
         stopPulseAudio();
     }
 }
 
-void BluetoothManager::discardAudioSourceState()
+void BluetoothManager::dropHeldSource()
 {
+    disconnectHeldDevice();
+    StopPlayer();
     delete m_audioSourceState;
-    m_audioSourceState = 0;
+    m_audioSourceState = nullptr;
 }
 
 // Device administration
@@ -774,11 +717,13 @@ QVariant BluetoothManager::IsTrustDevice(const QString &devicePath)
     LOG_LINE(LogInformation, "IsTrustDevice %s", qPrintable(devicePath));
     bluezDeviceProxy device(BluezService, devicePath, QDBusConnection::systemBus());
     QDBusPendingReply<Qt_Type_dict_sv> properties;
-    if (!device.isValid() || isFailed(properties = device.GetProperties())) {
+    if (device.isValid())
+        properties = device.GetProperties();
+    if (!device.isValid() || isFailed(properties)) {
         LOG_LINE(LogWarning, "error reading trust for %s", qPrintable(devicePath));
         return QVariant();
     }
-    QVariant trusted = properties.value().value("Trusted");
+    const QVariant trusted = properties.value().value("Trusted");
     LOG_LINE(LogWarning, "trust for %s is %s", qPrintable(devicePath),
              qPrintable(trusted.toString()));
     return trusted;
@@ -787,38 +732,31 @@ QVariant BluetoothManager::IsTrustDevice(const QString &devicePath)
 void BluetoothManager::removeDevice(const QString &devicePath)
 {
     LOG_LINE(LogInformation, "removeDevice %s", qPrintable(devicePath));
-    bluezAdapterProxy adapter(BluezService, DevicePath::adapterOf(devicePath),
-                              QDBusConnection::systemBus());
-    if (!adapter.isValid())
-        return;
-    // Not waited for: BlueZ answers only after the 2 s of a disconnection. An error that is here
-    // at once is one that the bus library found itself, such as a malformed path.
-    const QDBusPendingReply<> reply = adapter.RemoveDevice(QDBusObjectPath(devicePath));
-    if (reply.isError())
-        LOG_LINE(LogWarning, "removeDevice %s error Remove Device", qPrintable(devicePath));
-    else
-        LOG_LINE(LogInformation, "removeDevice %s Remove Device, pair again",
-                 qPrintable(devicePath));
-}
-
-bool BluetoothManager::defaultAdapter(QString *adapterPath)
-{
-    bluezManagerProxy manager(BluezService, "/", QDBusConnection::systemBus());
-    QDBusPendingReply<QDBusObjectPath> adapter;
-    if (!manager.isValid() || isFailed(adapter = manager.DefaultAdapter())) {
-        LOG_LINE(LogWarning, "error get DefaultAdapter");
-        return false;
+    // Qt sends an empty path in place of what is none, for which libdbus aborts the process.
+    if (DevicePath::isValid(devicePath)) {
+        bluezAdapterProxy adapter(BluezService, DevicePath::adapterOf(devicePath),
+                                  QDBusConnection::systemBus());
+        if (!adapter.isValid())
+            return;
+        // Not waited for: BlueZ answers only after the 2 s of a disconnection. An error that is
+        // here at once is one that the bus library found itself.
+        if (!adapter.RemoveDevice(QDBusObjectPath(devicePath)).isError()) {
+            LOG_LINE(LogInformation, "removeDevice %s Remove Device, pair again",
+                     qPrintable(devicePath));
+            return;
+        }
     }
-    *adapterPath = adapter.value().path();
-    return true;
+    LOG_LINE(LogWarning, "removeDevice %s error Remove Device", qPrintable(devicePath));
 }
 
 int BluetoothManager::RemoveDevice(const QString &Device)
 {
     LOG_LINE(LogInformation, "RemoveDevice");
-    QString adapterPath;
-    if (!defaultAdapter(&adapterPath))
+    const QString adapterPath = defaultAdapterPath();
+    if (adapterPath.isEmpty()) {
+        LOG_LINE(LogWarning, "error get DefaultAdapter");
         return 1;
+    }
     const QString devicePath = DevicePath::ofAddress(adapterPath, Device);
     LOG_LINE(LogWarning, "remove device %s", qPrintable(devicePath));
     removeDevice(devicePath);
@@ -828,9 +766,11 @@ int BluetoothManager::RemoveDevice(const QString &Device)
 int BluetoothManager::RemoveAllDevices()
 {
     LOG_LINE(LogInformation, "RemoveAllDevices");
-    QString adapterPath;
-    if (!defaultAdapter(&adapterPath))
+    const QString adapterPath = defaultAdapterPath();
+    if (adapterPath.isEmpty()) {
+        LOG_LINE(LogWarning, "error get DefaultAdapter");
         return 1;
+    }
     bluezAdapterProxy adapter(BluezService, adapterPath, QDBusConnection::systemBus());
     if (!adapter.isValid())
         return 0;
@@ -916,6 +856,7 @@ void BluetoothManager::startPulseAudio_step1()
 void BluetoothManager::startPulseAudio_step2()
 {
     discardTimer(m_pulseStepTimer);
+    // The name comes from an object path, so it has no character that means something to the shell.
     // Refused until the discovery module has made the source: the retries are the wait for it.
     const QByteArray loadLoopback =
         "/usr/bin/pactl load-module module-loopback source_dont_move=yes source="
@@ -947,10 +888,8 @@ void BluetoothManager::stopPulseAudio()
         discardTimer(m_pulseStepTimer);
     }
     if (m_pulseProcess) {
-        disconnect(m_pulseProcess, 0, this, 0);
         LOG_LINE(LogInformation, "stop pulseaudio because not used any more");
-        terminateChild(m_pulseProcess);
-        discardChild(m_pulseProcess);
+        stopChild(m_pulseProcess);
     }
     StopPlayer();
 }
@@ -958,9 +897,7 @@ void BluetoothManager::stopPulseAudio()
 void BluetoothManager::pulseaudioDown(int exitCode, QProcess::ExitStatus exitStatus)
 {
     LOG_LINE(LogWarning, "pulseaudio down %d %s", exitCode, exitWord(exitStatus));
-    disconnectHeldDevice();
-    StopPlayer();
-    discardAudioSourceState();
+    dropHeldSource();
 }
 
 // Sound manager hand-off
@@ -968,8 +905,9 @@ void BluetoothManager::pulseaudioDown(int exitCode, QProcess::ExitStatus exitSta
 void BluetoothManager::StartPlayer()
 {
     Q_EMIT ConnectAudioDevice();
-    reapplyVolume();
-    reapplyMute();
+    // Both leave out what they take for applied: only a volume out of bounds is sent now.
+    SetVolume(m_volume);
+    SetMute(m_mute);
     SoundManagerProxy soundManager(Names::SoundManagerService, Names::SoundManagerObject,
                                    QDBusConnection::sessionBus());
     if (!soundManager.isValid()) {
@@ -1020,16 +958,6 @@ void BluetoothManager::watchCall(QDBusPendingCallWatcher *&watcher, const QDBusP
     connect(watcher, SIGNAL(finished(QDBusPendingCallWatcher *)), this, slot);
 }
 
-int BluetoothManager::reapplyVolume()
-{
-    return SetVolume(m_volume);
-}
-
-int BluetoothManager::reapplyMute()
-{
-    return SetMute(m_mute);
-}
-
 int BluetoothManager::SetVolume(int volume)
 {
     if (!m_pulseProcess) {
@@ -1070,34 +998,23 @@ int BluetoothManager::SetMute(int mute)
 void BluetoothManager::ulmoPowerOnReboot(const QString &reason)
 {
     LOG_LINE(LogWarning, "[!] ULMO IS REBOOTING: save status");
-    saveUnlessRestored(reason);
-    dropConnection();
+    if (reason != "restore")
+        SaveStatus(true, true);
+    dropHeldSource();
 }
 
 void BluetoothManager::ulmoPowerOnShutdown(const QString &reason)
 {
     LOG_LINE(LogWarning, "[!] ULMO IS SHUTTING DOWN: save status");
-    saveUnlessRestored(reason);
-    dropConnection();
+    if (reason != "restore")
+        SaveStatus(true, true);
+    dropHeldSource();
 }
 
 void BluetoothManager::ulmoPowerOnSuspend(const QString &)
 {
     LOG_LINE(LogWarning, "[!] ULMO IS SUSPENDING");
-    dropConnection();
-}
-
-void BluetoothManager::saveUnlessRestored(const QString &reason)
-{
-    if (reason != "restore")
-        SaveStatus(true, true);
-}
-
-void BluetoothManager::dropConnection()
-{
-    disconnectHeldDevice();
-    StopPlayer();
-    discardAudioSourceState();
+    dropHeldSource();
 }
 
 void BluetoothManager::ulmoSupOnShutdown()
@@ -1122,7 +1039,7 @@ int BluetoothManager::SetPid(const QString &Pid)
 
     Configuration configuration(Names::Object);
     if (configuration.isValid()) {
-        m_legacyMode = readLegacyMode(configuration);
+        m_legacyMode = Settings::readLegacyMode(configuration, m_pid);
     } else {
         LOG_LINE(LogInformation, "set legacy mode %d", m_legacyMode);
         m_legacyMode = 0;

@@ -14,7 +14,6 @@ class QDBusPendingCall;
 class QDBusPendingCallWatcher;
 class QDBusServiceWatcher;
 class QTimer;
-class Configuration;
 struct AudioSourceState;
 
 /**
@@ -97,39 +96,31 @@ private:
     Q_DISABLE_COPY(BluetoothManager)
 
     // Settings and status
-    bool readSettings(bool *startEnabled);
-    int readLegacyMode(Configuration &configuration) const;
     void SaveStatus(bool enable, bool pid);
 
     // Stack
     void startStartupSequence();
     void startStopSequence();
-    void takeDown();
     void forceSyncDown(bool restart);
-    void stopChild(QProcess *&process, const char *name);
-    void applyLegacyMode();
+    void applyLegacyMode(const char *operation);
     QTimer *startSingleShot(int milliseconds, const char *slot);
 
     // Pairing agent
     bool startAgent();
 
     // Source connection policy
-    bool cameFromSignal(const char *slot, const QString &name, const QString &value) const;
-    bool cameFromPresentBluez() const;
     bool isAnotherHeld(const QString &devicePath) const;
-    void playSource(const QString &devicePath, const QString &state);
-    void remakeConnection(const QString &devicePath);
+    void startNoPlayTimer();
     bool connectAudioSource(const QString &devicePath);
     void disconnectDevice(const QString &devicePath);
     bool disconnectHeldDevice();
-    void forgetConnection(const QString &devicePath);
-    void discardAudioSourceState();
+    void forgetConnection(const QString &devicePath, const char *operation);
+    void dropHeldSource();
 
     // Device administration
     void trustDevice(const QString &devicePath, bool trusted);
     QVariant IsTrustDevice(const QString &devicePath);
     void removeDevice(const QString &devicePath);
-    bool defaultAdapter(QString *adapterPath);
 
     // Audio path through PulseAudio
     bool startPulseAudio();
@@ -140,12 +131,6 @@ private:
     void StopPlayer();
     void watchCall(QDBusPendingCallWatcher *&watcher, const QDBusPendingCall &call,
                    const char *slot);
-    int reapplyVolume();
-    int reapplyMute();
-
-    // Power and supervisor events
-    void saveUnlessRestored(const QString &reason);
-    void dropConnection();
 
     /** Construction finished without a fatal error. */
     bool m_valid = false;
@@ -158,7 +143,7 @@ private:
     /** Latency of the loopback in milliseconds. */
     int m_latency = 1000;
     /** Bluetooth name of the product. */
-    QString m_hostName = QLatin1String("Ulmo_unknown");
+    QString m_hostName = "Ulmo_unknown";
     /** ALSA output device of the audio path. */
     QString m_alsaDevice;
     /** 1 switches Secure Simple Pairing on, 0 leaves pairing by PIN only. */
@@ -168,6 +153,9 @@ private:
     QVariant m_savedPid;
     /** A start or stop is in progress. */
     bool m_busy = false;
+    /** BlueZ's property signals are subscribed to; what is still delivered later is of a daemon
+     * that is gone, whose device would never leave again. */
+    bool m_followsBluez = false;
     QDBusServiceWatcher *m_bluezWatcher = nullptr;
     /** Start time-out of bluetoothd, or the retry of an agent that would not start. */
     QTimer *m_sequenceTimer = nullptr;

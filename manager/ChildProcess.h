@@ -6,25 +6,21 @@
 #include <QtCore/QStringList>
 
 /**
- * Starts a program and waits up to 4000 ms until it runs. Its standard output and error go to
+ * Starts a program and waits up to 4000 ms until it runs. Its standard input, output and error are
  * /dev/null. Returns the process, without a parent, or null when it could not be started.
  */
 QProcess *startChild(
     const QString &program, const QStringList &arguments,
     const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment());
 
-/**
- * Asks a process to end (SIGTERM) and waits up to 2000 ms. False when it is still there, or was
- * gone before; its finished signal comes during the wait to whoever is connected.
- */
-bool terminateChild(QProcess *process);
+/** Whether those who are connected to a process hear of its end while it is being stopped. */
+enum ChildListeners { Disconnected, StillConnected };
 
 /**
- * Deletes the process of a field and clears the field first; a process that still runs is killed.
- * Nobody hears of it any more: QProcess would emit finished from its destructor. Safe inside
- * finished(int, QProcess::ExitStatus) of that very process, which emits nothing after it. A null
- * field is left alone.
+ * Clears the field and ends its process, if there is one: asks it to (SIGTERM), waits up to 2000
+ * ms, then kills and reaps it and deletes it. False when it had to be killed. Safe inside
+ * finished(int, QProcess::ExitStatus) of that very process, which emits nothing after it.
  */
-void discardChild(QProcess *&field);
+bool stopChild(QProcess *&field, ChildListeners listeners = Disconnected);
 
 #endif

@@ -8,9 +8,12 @@ namespace DevicePath {
 
 /**
  * Path of the device with a Bluetooth address ("AA:BB:CC:DD:EE:FF") below its adapter. The address
- * is taken as it is, so the result is a valid object path only for a well-formed address.
+ * is taken as it is, so the result is an object path only for an address that makes one.
  */
 QString ofAddress(const QString &adapterPath, const QString &address);
+
+/** Whether the text may be sent as an object path: names of [A-Za-z0-9_], each after a slash. */
+bool isValid(const QString &devicePath);
 
 /** Path of the adapter that a device hangs below. */
 QString adapterOf(const QString &devicePath);

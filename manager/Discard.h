@@ -13,9 +13,9 @@ void discardLater(Object *&field)
 {
     if (!field)
         return;
-    QObject::disconnect(field, 0, 0, 0);
+    QObject::disconnect(field, nullptr, nullptr, nullptr);
     field->deleteLater();
-    field = 0;
+    field = nullptr;
 }
 
 /** Stops the timer as well, so that it does not wake the loop until it is deleted. */

@@ -24,20 +24,27 @@ enum LogLevel {
 /** Size of a formatted line with its terminating zero; what does not fit is cut. */
 const size_t LogLineSize = 512;
 
-/** Formats a line into the buffer; FILE is the last part of the path. Allocates nothing. */
+/**
+ * Formats a line into the buffer; FILE is the last part of the path. Allocates nothing and takes no
+ * lock, as the C library's formatting of texts and integers does not either: a signal handler logs.
+ */
 void formatLogLine(char (&line)[LogLineSize], const char *file, int lineNumber,
                    const char *function, const char *format, ...)
     __attribute__((format(printf, 5, 6)));
 
-/** Logs for an object path: LOG_LINE_FOR(path, level, format, arguments...). */
-#define LOG_LINE_FOR(objectPath, level, ...)                                                       \
+/**
+ * Logs for an object path and in the name of a function:
+ * LOG_LINE_AS(path, function, level, format, arguments...). A helper that several operations share
+ * gives the name of the one that it works for.
+ */
+#define LOG_LINE_AS(objectPath, function, level, ...)                                              \
     do {                                                                                           \
         char logLine[LogLineSize];                                                                 \
-        formatLogLine(logLine, __FILE__, __LINE__, __PRETTY_FUNCTION__, __VA_ARGS__);              \
+        formatLogLine(logLine, __FILE__, __LINE__, function, __VA_ARGS__);                         \
         _logInterface->EmitLogString(level, logLine, objectPath);                                  \
     } while (false)
 
-/** Logs for the object of the service: LOG_LINE(level, format, arguments...). */
-#define LOG_LINE(level, ...) LOG_LINE_FOR(Names::Object, level, __VA_ARGS__)
+/** Logs for the object of the service and in the name of the function around it. */
+#define LOG_LINE(level, ...) LOG_LINE_AS(Names::Object, __PRETTY_FUNCTION__, level, __VA_ARGS__)
 
 #endif

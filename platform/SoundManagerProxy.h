@@ -13,7 +13,7 @@ class SoundManagerProxy : public QObject
 
 public:
     SoundManagerProxy(const QString &service, const QString &path,
-                      const QDBusConnection &connection, QObject *parent = 0);
+                      const QDBusConnection &connection, QObject *parent = nullptr);
     ~SoundManagerProxy();
 
     /** Whether somebody owned the service name when this proxy was made. */

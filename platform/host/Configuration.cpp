@@ -3,12 +3,16 @@
 #include <glib.h>
 
 #include "Configuration.h"
-#include "FileReplacement.h"
 #include "PlatformLog.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+
 #include <memory>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 struct KeyFileDeleter
@@ -37,7 +41,7 @@ public:
 private:
     Q_DISABLE_COPY(Error)
 
-    GError *m_error = 0;
+    GError *m_error = nullptr;
 };
 
 QByteArray settingsPath()
@@ -89,37 +93,11 @@ KeyFile parse(const char *text, int length, Error &error)
     return keys;
 }
 
-int lineAt(const QByteArray &content, int position)
-{
-    return content.left(position).count('\n') + 1;
-}
-
-/**
- * The line that makes the parser give up, which does not tell: it ends the shortest beginning
- * of the file that is refused.
- */
-int faultyLine(const QByteArray &content)
-{
-    int accepted = 0;
-    int refused = content.size();
-    while (accepted < refused) {
-        const int middle = accepted + (refused - accepted) / 2;
-        const int newline = content.indexOf('\n', middle);
-        const int end = newline < 0 ? content.size() : newline + 1;
-        Error error;
-        if (parse(content.constData(), end, error))
-            accepted = end;
-        else
-            refused = middle;
-    }
-    return lineAt(content, refused);
-}
-
 /** Reads the file; a missing one is empty. Without keys, but with a reason, where it fails. */
 KeyFile readKeyFile(const QByteArray &path, QString &reason)
 {
     Error error;
-    gchar *text = 0;
+    gchar *text = nullptr;
     gsize length = 0;
     if (!g_file_get_contents(path.constData(), &text, &length, error.out())) {
         if (error.is(G_FILE_ERROR, G_FILE_ERROR_NOENT))
@@ -132,17 +110,55 @@ KeyFile readKeyFile(const QByteArray &path, QString &reason)
     if (content.startsWith("\xef\xbb\xbf")) // editors on Windows mark UTF-8 so
         content.remove(0, 3);
 
-    const gchar *invalid = 0;
-    if (!g_utf8_validate(content.constData(), content.size(), &invalid)) {
-        const int position = static_cast<int>(invalid - content.constData());
-        reason = QString::fromLatin1("line %1: not UTF-8 text").arg(lineAt(content, position));
+    if (!g_utf8_validate(content.constData(), content.size(), nullptr)) {
+        reason = "not UTF-8 text";
         return KeyFile();
     }
     content = changedLines(content, withMark);
     KeyFile keys = parse(content.constData(), content.size(), error);
     if (!keys)
-        reason = QString::fromLatin1("line %1: %2").arg(faultyLine(content)).arg(error.message());
+        reason = error.message();
     return keys;
+}
+
+/** What a chain of symbolic links ends in, which need not exist. */
+QString linkTarget(QString path)
+{
+    const int followedByTheKernel = 40;
+    for (int hops = 0; hops < followedByTheKernel && QFileInfo(path).isSymLink(); ++hops)
+        path = QFileInfo(path).symLinkTarget();
+    return path;
+}
+
+/**
+ * Gives the file new content, durably: whoever reads it, even after a power cut, sees the old or
+ * the new one. Owner and mode are kept, a link is followed, missing folders are made; a new file
+ * belongs to its owner alone. Returns the reason when that failed, or nothing.
+ */
+QString replaceFile(const QByteArray &path, const QByteArray &content)
+{
+    // GLib would replace the link itself.
+    const QByteArray target = QFile::encodeName(linkTarget(QFile::decodeName(path)));
+    const Text folder(g_path_get_dirname(target.constData()));
+    if (g_mkdir_with_parents(folder.get(), 0755) != 0)
+        return QString("cannot make its folder: ") + g_strerror(errno);
+    struct stat status;
+    const bool exists = stat(target.constData(), &status) == 0;
+    // GLib makes a new file, which only root can give away again.
+    if (exists && status.st_uid != geteuid() && geteuid() != 0)
+        return "the file belongs to another user";
+    Error error;
+    const GFileSetContentsFlags safely = static_cast<GFileSetContentsFlags>(
+        G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
+    if (!g_file_set_contents_full(target.constData(), content.constData(), content.size(), safely,
+                                  0600, error.out()))
+        return error.message();
+    // Owner first: changing it clears some bits of the mode.
+    if (exists
+        && (chown(target.constData(), status.st_uid, status.st_gid) != 0
+            || chmod(target.constData(), status.st_mode & 07777) != 0))
+        return QString("cannot keep its owner and mode: ") + g_strerror(errno);
+    return QString();
 }
 } // namespace
 
@@ -159,14 +175,14 @@ struct Configuration::Private
         QString reason;
         KeyFile read = readKeyFile(path, reason);
         if (!read)
-            log(1, QString::fromLatin1("unusable: ") + reason);
+            log(1, QString("unusable: ") + reason);
         return read;
     }
 
     void log(int level, const QString &text) const
     {
         platformLog(level, objectPath,
-                    QString::fromLatin1("settings file %1 %2").arg(QFile::decodeName(path), text));
+                    QString("settings file %1 %2").arg(QFile::decodeName(path), text));
     }
 };
 
@@ -190,13 +206,13 @@ int Configuration::ReadConfigValue(const QString &section, const QString &key, i
                                    bool *ok, bool)
 {
     const Text value(d->keys ? g_key_file_get_value(d->keys.get(), section.toUtf8().constData(),
-                                                    key.toUtf8().constData(), 0)
-                             : 0);
+                                                    key.toUtf8().constData(), nullptr)
+                             : nullptr);
     bool isInteger = false;
     const int number = QByteArray(value.get()).toInt(&isInteger);
     if (value && !isInteger)
         d->log(2,
-               QString::fromLatin1("[%1] %2: \"%3\" is no integer, the default is used")
+               QString("[%1] %2: \"%3\" is no integer, the default is used")
                    .arg(section, key, QString::fromUtf8(value.get())));
     if (ok)
         *ok = isInteger;
@@ -207,8 +223,8 @@ QString Configuration::ReadConfigValue(const QString &section, const QString &ke
                                        const QString &defaultValue, bool *ok, bool)
 {
     const Text value(d->keys ? g_key_file_get_string(d->keys.get(), section.toUtf8().constData(),
-                                                     key.toUtf8().constData(), 0)
-                             : 0);
+                                                     key.toUtf8().constData(), nullptr)
+                             : nullptr);
     if (ok)
         *ok = value != nullptr;
     return value ? QString::fromUtf8(value.get()) : defaultValue;
@@ -224,11 +240,11 @@ bool Configuration::WriteConfigValue(const QString &section, const QString &key,
     g_key_file_set_string(keys.get(), section.toUtf8().constData(), key.toUtf8().constData(),
                           text.toUtf8().constData());
     gsize length = 0;
-    const Text data(g_key_file_to_data(keys.get(), &length, 0));
+    const Text data(g_key_file_to_data(keys.get(), &length, nullptr));
     const QByteArray content(data.get(), static_cast<int>(length));
     const QString reason = replaceFile(d->path, changedLines(content, withoutMark));
     if (!reason.isEmpty()) {
-        d->log(2, QString::fromLatin1("not written: ") + reason);
+        d->log(2, QString("not written: ") + reason);
         return false;
     }
     d->keys.swap(keys);

@@ -13,70 +13,32 @@ namespace {
 /** Below PIPE_BUF, so that lines of several writers to one pipe do not mix. */
 const size_t LineSize = 2048;
 
-class Line
+/** The length without a character that was cut in its midst: the journal takes such a line for
+ * data. */
+size_t withoutCutCharacter(const char *text, size_t length)
 {
-public:
-    void append(char character)
-    {
-        if (m_length < LineSize - 1)
-            m_text[m_length++] = character;
-    }
+    size_t start = length;
+    while (start && length - start < 3 && (text[start - 1] & 0xc0) == 0x80)
+        --start;
+    if (!start)
+        return length;
+    const unsigned char lead = static_cast<unsigned char>(text[start - 1]);
+    const size_t needed = lead >= 0xf0 ? 3 : lead >= 0xe0 ? 2 : lead >= 0xc0 ? 1 : 0;
+    return length - start < needed ? start - 1 : length;
+}
 
-    /** Text from outside: a control character in it must not begin a line of its own. */
-    void append(const char *text)
-    {
-        for (; text && *text; ++text) {
-            const unsigned char character = static_cast<unsigned char>(*text);
-            append(character < 0x20 || character == 0x7f ? ' ' : *text);
-        }
+/** Standard error that takes nothing must not stop the service. */
+void writeToStandardError(const char *text, size_t length)
+{
+    size_t done = 0;
+    for (int attempt = 0; attempt < 8 && done < length; ++attempt) {
+        const ssize_t written = ::write(STDERR_FILENO, text + done, length - done);
+        if (written > 0)
+            done += static_cast<size_t>(written);
+        else if (written < 0 && errno != EINTR)
+            break;
     }
-
-    void appendNumber(int number, int digits = 1)
-    {
-        char reversed[12];
-        int count = 0;
-        unsigned int rest = number < 0 ? 0u - static_cast<unsigned int>(number) : number;
-        for (; rest || count < digits; rest /= 10)
-            reversed[count++] = static_cast<char>('0' + rest % 10);
-        if (number < 0)
-            append('-');
-        while (count)
-            append(reversed[--count]);
-    }
-
-    /** Drops a character that was cut in its midst: the journal shows such a line as a blob. */
-    void dropCutCharacter()
-    {
-        size_t start = m_length;
-        while (start && m_length - start < 3 && (m_text[start - 1] & 0xc0) == 0x80)
-            --start;
-        if (!start)
-            return;
-        const unsigned char lead = static_cast<unsigned char>(m_text[start - 1]);
-        const size_t needed = lead >= 0xf0 ? 3 : lead >= 0xe0 ? 2 : lead >= 0xc0 ? 1 : 0;
-        if (m_length - start < needed)
-            m_length = start - 1;
-    }
-
-    /** Ends the line and writes it. Standard error that takes nothing must not stop the service. */
-    void write()
-    {
-        dropCutCharacter();
-        m_text[m_length++] = '\n';
-        size_t done = 0;
-        for (int attempt = 0; attempt < 8 && done < m_length; ++attempt) {
-            const ssize_t written = ::write(STDERR_FILENO, m_text + done, m_length - done);
-            if (written > 0)
-                done += static_cast<size_t>(written);
-            else if (written < 0 && errno != EINTR)
-                break;
-        }
-    }
-
-private:
-    char m_text[LineSize];
-    size_t m_length = 0;
-};
+}
 
 /** Whether standard error is the very stream that systemd connected to the journal. */
 bool journalListens()
@@ -92,7 +54,7 @@ bool journalListens()
 /** Seconds east of Greenwich. */
 long utcOffset()
 {
-    const time_t now = time(0);
+    const time_t now = time(nullptr);
     struct tm local;
     return localtime_r(&now, &local) ? local.tm_gmtoff : 0;
 }
@@ -130,31 +92,32 @@ LogInterface::~LogInterface()
 void LogInterface::EmitLogString(int level, const char *text, const char *objectPath)
 {
     const int savedError = errno;
-    Line line;
+    char line[LineSize];
+    int length = 0;
+    // The C library's formatting of texts and integers neither allocates nor takes a lock.
     if (d->toJournal) {
-        line.append('<');
-        line.appendNumber(priority(level));
-        line.append('>');
+        length = snprintf(line, LineSize, "<%d>%d %s %s", priority(level), level, objectPath, text);
     } else {
         struct timespec now;
         clock_gettime(CLOCK_REALTIME, &now);
         // A day is added for a board without a clock, which starts in 1970, west of Greenwich.
         const long day = 24L * 60 * 60;
         const int second = static_cast<int>((now.tv_sec + d->offset + day) % day);
-        line.appendNumber(second / 3600, 2);
-        line.append(':');
-        line.appendNumber(second / 60 % 60, 2);
-        line.append(':');
-        line.appendNumber(second % 60, 2);
-        line.append('.');
-        line.appendNumber(static_cast<int>(now.tv_nsec / 1000000), 3);
-        line.append(' ');
+        length = snprintf(line, LineSize, "%02d:%02d:%02d.%03d %d %s %s", second / 3600,
+                          second / 60 % 60, second % 60, static_cast<int>(now.tv_nsec / 1000000),
+                          level, objectPath, text);
     }
-    line.appendNumber(level);
-    line.append(' ');
-    line.append(objectPath);
-    line.append(' ');
-    line.append(text);
-    line.write();
+    size_t size = length < 0 ? 0 : static_cast<size_t>(length);
+    if (size > LineSize - 1)
+        size = LineSize - 1;
+    // Text from outside: a control character in it must not begin a line of its own.
+    for (size_t i = 0; i < size; ++i) {
+        const unsigned char character = static_cast<unsigned char>(line[i]);
+        if (character < 0x20 || character == 0x7f)
+            line[i] = ' ';
+    }
+    size = withoutCutCharacter(line, size);
+    line[size] = '\n';
+    writeToStandardError(line, size + 1);
     errno = savedError;
 }

@@ -23,20 +23,19 @@ LoginManager::LoginManager(UlmoFeatureBase *feature, const QString &objectPath)
     , m_feature(feature)
     , m_objectPath(objectPath)
     , m_bus(QDBusConnection::systemBus())
-    , m_loginManager(0)
+    , m_loginManager(nullptr)
     , m_inhibitorAsked(false)
     , m_sleeping(false)
     , m_shutdown(NoShutdown)
 {
     if (!m_bus.isConnected())
         return;
-    m_loginManager = new NameOwner(m_bus, QLatin1String(Service), this);
+    m_loginManager = new NameOwner(m_bus, Service, this);
     connect(m_loginManager, SIGNAL(changed()), SLOT(ownerChanged()));
     const char *const names[] = {"PrepareForSleep", "PrepareForShutdown",
                                  "PrepareForShutdownWithMetadata"};
     for (const char *name : names)
-        m_bus.connect(QString(), QLatin1String(Path), QLatin1String(Interface), QLatin1String(name),
-                      this, SLOT(signalReceived(QDBusMessage)));
+        m_bus.connect(QString(), Path, Interface, name, this, SLOT(signalReceived(QDBusMessage)));
 }
 
 void LoginManager::ownerChanged()
@@ -53,23 +52,22 @@ void LoginManager::signalReceived(const QDBusMessage &message)
 {
     if (!m_loginManager->sent(message))
         return;
-    const QString event = message.member() + QLatin1Char(' ') + message.signature();
+    const QString event = message.member() + ' ' + message.signature();
     const QList<QVariant> arguments = message.arguments();
     const bool begins = arguments.value(0).toBool();
-    if (event == QLatin1String("PrepareForSleep b")) {
+    if (event == "PrepareForSleep b") {
         if (begins)
             prepareForSleep();
         else
             m_sleeping = false;
-    } else if (event == QLatin1String("PrepareForShutdown b")) {
+    } else if (event == "PrepareForShutdown b") {
         if (begins)
             prepareForShutdown();
         else
             m_shutdown = NoShutdown;
-    } else if (event == QLatin1String("PrepareForShutdownWithMetadata ba{sv}")) {
+    } else if (event == "PrepareForShutdownWithMetadata ba{sv}") {
         if (begins)
-            prepareForShutdown(
-                qdbus_cast<QVariantMap>(arguments.at(1)).value(QLatin1String("type")).toString());
+            prepareForShutdown(qdbus_cast<QVariantMap>(arguments.at(1)).value("type").toString());
         else
             m_shutdown = NoShutdown;
     }
@@ -82,7 +80,7 @@ void LoginManager::prepareForSleep()
     if (m_sleeping)
         return;
     m_sleeping = true;
-    m_feature->ulmoPowerOnSuspend(QLatin1String("suspend"));
+    m_feature->ulmoPowerOnSuspend("suspend");
     releaseInhibitor();
 }
 
@@ -96,10 +94,9 @@ void LoginManager::prepareForShutdown()
     if (m_shutdown != NoShutdown)
         return;
     m_shutdown = ShutdownOfUnknownKind;
-    QDBusMessage query = QDBusMessage::createMethodCall(
-        m_loginManager->uniqueName(), QLatin1String(Path),
-        QLatin1String("org.freedesktop.DBus.Properties"), QLatin1String("Get"));
-    query << QLatin1String(Interface) << QLatin1String("ScheduledShutdown");
+    QDBusMessage query = QDBusMessage::createMethodCall(m_loginManager->uniqueName(), Path,
+                                                        "org.freedesktop.DBus.Properties", "Get");
+    query << Interface << "ScheduledShutdown";
     m_bus.callWithCallback(query, this, SLOT(scheduleFound(QDBusVariant)), SLOT(scheduleUnknown()),
                            ScheduleTimeout);
 }
@@ -109,11 +106,10 @@ void LoginManager::prepareForShutdown(const QString &kind)
     if (m_shutdown == ShutdownAnnounced)
         return;
     m_shutdown = ShutdownAnnounced;
-    if (kind == QLatin1String("reboot") || kind == QLatin1String("soft-reboot")
-        || kind == QLatin1String("kexec"))
-        m_feature->ulmoPowerOnReboot(QLatin1String("reboot"));
+    if (kind == "reboot" || kind == "soft-reboot" || kind == "kexec")
+        m_feature->ulmoPowerOnReboot("reboot");
     else
-        m_feature->ulmoPowerOnShutdown(QLatin1String("shutdown"));
+        m_feature->ulmoPowerOnShutdown("shutdown");
     releaseInhibitor();
 }
 
@@ -122,7 +118,7 @@ void LoginManager::scheduleFound(const QDBusVariant &schedule)
     QString kind;
     qulonglong time = 0; // microseconds since 1970, 0 for at once
     const QDBusArgument argument = qvariant_cast<QDBusArgument>(schedule.variant());
-    if (argument.currentSignature() == QLatin1String("(st)")) {
+    if (argument.currentSignature() == "(st)") {
         argument.beginStructure();
         argument >> kind >> time;
         argument.endStructure();
@@ -146,11 +142,9 @@ void LoginManager::takeInhibitor()
         return;
     m_inhibitorAsked = true;
     QDBusMessage call =
-        QDBusMessage::createMethodCall(m_loginManager->uniqueName(), QLatin1String(Path),
-                                       QLatin1String(Interface), QLatin1String("Inhibit"));
-    call << QLatin1String("sleep:shutdown") << m_objectPath
-         << QLatin1String("Settings are saved and audio is stopped first")
-         << QLatin1String("delay");
+        QDBusMessage::createMethodCall(m_loginManager->uniqueName(), Path, Interface, "Inhibit");
+    call << "sleep:shutdown" << m_objectPath << "Settings are saved and audio is stopped first"
+         << "delay";
     m_bus.callWithCallback(call, this, SLOT(inhibitorGranted(QDBusUnixFileDescriptor)),
                            SLOT(inhibitorRefused(QDBusError)));
 }
@@ -169,7 +163,7 @@ void LoginManager::inhibitorRefused(const QDBusError &error)
     // A login manager that went away in the meantime is no trouble.
     if (error.type() != QDBusError::ServiceUnknown && error.type() != QDBusError::NoReply)
         platformLog(2, m_objectPath,
-                    QString::fromLatin1("the login manager will not wait at sleep and shutdown: ")
+                    QString("the login manager will not wait at sleep and shutdown: ")
                         + error.message());
 }
 

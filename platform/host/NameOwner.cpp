@@ -8,19 +8,17 @@ const char BusName[] = "org.freedesktop.DBus";
 const char BusPath[] = "/org/freedesktop/DBus";
 } // namespace
 
-NameOwner::NameOwner(QDBusConnection connection, const QString &name, QObject *parent)
+NameOwner::NameOwner(const QDBusConnection &connection, const QString &name, QObject *parent)
     : QObject(parent)
-    , m_followed(connection.connect(QLatin1String(BusName), QLatin1String(BusPath),
-                                    QLatin1String(BusName), QLatin1String("NameOwnerChanged"),
-                                    QStringList(name), QString(), this,
-                                    SLOT(ownerChanged(QString, QString, QString))))
+    , m_connection(connection)
+    , m_followed(m_connection.connect(BusName, BusPath, BusName, "NameOwnerChanged",
+                                      QStringList(name), QString(), this,
+                                      SLOT(ownerChanged(QString, QString, QString))))
 {
     // Asked for after the subscription: the answer can be no older than what the signals told.
-    QDBusMessage query =
-        QDBusMessage::createMethodCall(QLatin1String(BusName), QLatin1String(BusPath),
-                                       QLatin1String(BusName), QLatin1String("GetNameOwner"));
+    QDBusMessage query = QDBusMessage::createMethodCall(BusName, BusPath, BusName, "GetNameOwner");
     query << name;
-    connection.callWithCallback(query, this, SLOT(ownerFound(QString)));
+    m_connection.callWithCallback(query, this, SLOT(ownerFound(QString)));
 }
 
 bool NameOwner::sent(const QDBusMessage &message) const

@@ -14,7 +14,7 @@ class NameOwner : public QObject
 
 public:
     /** What is subscribed to after this arrives after the owner is known. */
-    NameOwner(QDBusConnection connection, const QString &name, QObject *parent);
+    NameOwner(const QDBusConnection &connection, const QString &name, QObject *parent);
 
     /** False when the bus takes no subscription. */
     bool isFollowed() const { return m_followed; }
@@ -34,6 +34,8 @@ private Q_SLOTS:
     void ownerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
 
 private:
+    /** Kept for the answer that is awaited: Qt 4.8 crashes over it at exit when nobody has it. */
+    QDBusConnection m_connection;
     QString m_owner;
     bool m_followed;
 };

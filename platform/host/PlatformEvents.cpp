@@ -9,20 +9,20 @@
 #include <QtDBus/QDBusMessage>
 
 PlatformEvents::PlatformEvents(UlmoFeatureBase *feature, const QString &objectPath)
-    : QObject(feature), m_feature(feature), m_platform(0), m_initialized(false)
+    : QObject(feature), m_feature(feature), m_platform(nullptr), m_initialized(false)
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
-        m_platform = new NameOwner(bus, QLatin1String("com.orbitalis.ulmo.platform"), this);
+        m_platform = new NameOwner(bus, "com.orbitalis.ulmo.platform", this);
         // From any sender: the bus daemon would have to be asked who owns the name otherwise.
         m_initialized = m_platform->isFollowed()
-            && bus.connect(QString(), QLatin1String("/com/orbitalis/ulmo/platform"),
-                           QLatin1String("com.orbitalis.ulmo.platformevents"), QString(), this,
+            && bus.connect(QString(), "/com/orbitalis/ulmo/platform",
+                           "com.orbitalis.ulmo.platformevents", QString(), this,
                            SLOT(eventReceived(QDBusMessage)));
     }
     if (!m_initialized)
         platformLog(1, objectPath,
-                    QString::fromLatin1("no platform events from the session bus: ")
+                    QString("no platform events from the session bus: ")
                         + bus.lastError().message());
 }
 
@@ -30,14 +30,14 @@ void PlatformEvents::eventReceived(const QDBusMessage &message)
 {
     if (!m_platform->sent(message))
         return;
-    const QString event = message.member() + QLatin1Char(' ') + message.signature();
+    const QString event = message.member() + ' ' + message.signature();
     const QString reason = message.arguments().value(0).toString();
-    if (event == QLatin1String("PowerSuspend s"))
+    if (event == "PowerSuspend s")
         m_feature->ulmoPowerOnSuspend(reason);
-    else if (event == QLatin1String("PowerShutdown s"))
+    else if (event == "PowerShutdown s")
         m_feature->ulmoPowerOnShutdown(reason);
-    else if (event == QLatin1String("PowerReboot s"))
+    else if (event == "PowerReboot s")
         m_feature->ulmoPowerOnReboot(reason);
-    else if (event == QLatin1String("SupervisorShutdown "))
+    else if (event == "SupervisorShutdown ")
         m_feature->ulmoSupOnShutdown();
 }

@@ -12,8 +12,7 @@ const int BusTimeout = 1000;
 bool hasOwner(const QDBusConnection &bus, const QString &service)
 {
     QDBusMessage query = QDBusMessage::createMethodCall(
-        QLatin1String("org.freedesktop.DBus"), QLatin1String("/org/freedesktop/DBus"),
-        QLatin1String("org.freedesktop.DBus"), QLatin1String("NameHasOwner"));
+        "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner");
     query << service;
     return QDBusReply<bool>(bus.call(query, QDBus::Block, BusTimeout)).value();
 }
@@ -29,8 +28,7 @@ struct SoundManagerProxy::Private
     /** Names no interface, so that any object with such a method answers. */
     QDBusPendingCall call(const char *method, const QList<QVariant> &arguments) const
     {
-        QDBusMessage message =
-            QDBusMessage::createMethodCall(service, path, QString(), QLatin1String(method));
+        QDBusMessage message = QDBusMessage::createMethodCall(service, path, QString(), method);
         message.setArguments(arguments);
         return bus.asyncCall(message);
     }

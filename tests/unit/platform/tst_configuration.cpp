@@ -116,11 +116,11 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("file");
         QTest::addColumn<QByteArray>("reason");
         QTest::newRow("stray text") << QByteArray("[BLUETOOTH]\nbt-enable=1\n\n# x\nstray\nb=1\n")
-                                    << QByteArray("line 5: ");
+                                    << QByteArray("Key file contains line “stray”");
         QTest::newRow("stray text at the end")
-            << QByteArray("[A]\nb=c\nstray") << QByteArray("line 3: ");
-        QTest::newRow("zeros after a crash") << QByteArray("[BLUETOOTH]\n") + QByteArray(64, '\0')
-                                             << QByteArray("line 2: not UTF-8 text");
+            << QByteArray("[A]\nb=c\nstray") << QByteArray("Key file contains line “stray”");
+        QTest::newRow("zeros after a crash")
+            << QByteArray("[BLUETOOTH]\n") + QByteArray(64, '\0') << QByteArray("not UTF-8 text");
         QTest::newRow("below a file") << QByteArray() << QByteArray();
     }
 

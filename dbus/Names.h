@@ -6,6 +6,7 @@ namespace Names {
 const char Service[] = "com.orbitalis.ulmo.bluetoothmanager";
 /** Object of the service, of most of its log lines and of its platform clients. */
 const char Object[] = "/com/orbitalis/ulmo/bluetoothmanager/bluetoothobj";
+const char Interface[] = "com.orbitalis.ulmo.bluetoothinterface";
 const char LogObject[] = "/com/orbitalis/ulmo/bluetoothmanager/logobj";
 
 const char SoundManagerService[] = "com.orbitalis.ulmo.soundmanager";
