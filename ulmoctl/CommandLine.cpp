@@ -11,10 +11,10 @@ const char HelpText[] =
     "  off                disable Bluetooth\n"
     "  pin PIN            set the pairing PIN, four digits; forgets every device\n"
     "  volume LEVEL       set the volume of the Bluetooth sound, 0 to 100\n"
-    "  mute, unmute       silence the Bluetooth sound, let it be heard again\n"
+    "  mute               silence the Bluetooth sound\n"
+    "  unmute             let the Bluetooth sound be heard again\n"
     "  disconnect         disconnect the connected device\n"
-    "  forget ADDRESS     forget a device, which must then pair again\n"
-    "  forget --all       forget every device\n"
+    "  forget ADDRESS     forget a device, or with --all every one\n"
     "  watch              print the service's signals as they come, until Ctrl-C\n"
     "  help               print this help\n"
     "\n"
@@ -28,97 +28,51 @@ const char HelpText[] =
 
 namespace {
 
-struct Syntax
-{
-    const char *command;
-    const char *argument; // what is missing, when it is; 0 for a command without one
+const char Busy[] = "a start or stop is in progress, try again in a moment";
+
+const Command Commands[] = {
+    {"status", nullptr, nullptr, "GetStatus", "", "the service has no status"},
+    {"on", nullptr, "--wait", "SetEnabled", "", Busy},
+    {"off", nullptr, nullptr, "SetEnabled", "Bluetooth is off.", Busy},
+    {"pin", "the new PIN", nullptr, "SetPid", "The PIN is %1.", "the PIN must be four digits"},
+    {"volume", "a level from 0 to 100", nullptr, "SetVolume", "The volume is set.", nullptr},
+    {"mute", nullptr, nullptr, "SetMute", "The sound is muted.", nullptr},
+    {"unmute", nullptr, nullptr, "SetMute", "The sound is not muted.", nullptr},
+    {"disconnect", nullptr, nullptr, "DisconnectDevice", "The device has been told to disconnect.",
+     "no device is connected"},
+    {"forget", "the address of a device, or --all", "--all", "RemoveDevice",
+     "BlueZ has been told to forget %1.", "BlueZ cannot be asked, is Bluetooth on?"},
+    {"watch", nullptr, nullptr, nullptr, "", ""},
 };
 
-const Syntax Syntaxes[] = {
-    {"status", 0},
-    {"on", 0},
-    {"off", 0},
-    {"pin", "the new PIN"},
-    {"volume", "a level from 0 to 100"},
-    {"mute", 0},
-    {"unmute", 0},
-    {"disconnect", 0},
-    {"forget", "the address of a device, or --all"},
-    {"watch", 0},
-    {"help", 0},
-};
-
-const Syntax *syntaxOf(const QString &command)
+const Command *commandNamed(const QString &name)
 {
-    for (const Syntax &syntax : Syntaxes) {
-        if (command == QLatin1String(syntax.command))
-            return &syntax;
+    for (const Command &command : Commands) {
+        if (name == command.name)
+            return &command;
     }
-    return 0;
+    return nullptr;
 }
 
 // A word such as "-5" is no option, so that the mistake in "volume -5" is told as what it is.
 bool isOption(const QString &word)
 {
-    return word.length() > 1 && word.startsWith(QLatin1Char('-')) && !word.at(1).isDigit();
+    return word.length() > 1 && word.startsWith('-') && !word.at(1).isDigit();
 }
 
-QString takeOption(const QString &option, QStringList *arguments, CommandLine *line)
+QString takeArgument(QString argument, CommandLine *line)
 {
-    const QString name = option.section(QLatin1Char('='), 0, 0);
-    const bool hasValue = name != option;
-    if (name == QLatin1String("--timeout")) {
-        QString value = option.section(QLatin1Char('='), 1);
-        if (!hasValue && !arguments->isEmpty())
-            value = arguments->takeFirst();
-        line->timeout = value.toInt() * 1000;
-        if (value.toInt() < 1 || value.toInt() > 3600)
-            return QLatin1String("--timeout takes seconds, from 1 to 3600");
-    } else if (name == QLatin1String("--json") && !hasValue) {
-        line->json = true;
-    } else if (name == QLatin1String("--wait") && !hasValue) {
-        line->wait = true;
-    } else if (name == QLatin1String("--all") && !hasValue) {
-        line->all = true;
-    } else if (name == QLatin1String("--version") && !hasValue) {
-        line->wish = CommandLine::ShowVersion;
-    } else if (option == QLatin1String("--help") || option == QLatin1String("-h")) {
-        line->wish = CommandLine::ShowHelp;
-    } else {
-        return QString::fromLatin1("unknown option '%1'").arg(option);
-    }
-    return QString();
-}
-
-// Options that go with some commands only.
-QString misplacedOption(const CommandLine &line)
-{
-    if (line.wait && line.command != QLatin1String("on"))
-        return QLatin1String("--wait goes only with 'on'");
-    if (line.all && line.command != QLatin1String("forget"))
-        return QLatin1String("--all goes only with 'forget'");
-    if (line.timeout && line.command == QLatin1String("watch"))
-        return QLatin1String("--timeout does not go with 'watch'");
-    return QString();
-}
-
-QString takeArgument(const QString &argument, CommandLine *line)
-{
-    line->argument = argument;
-    if (line->command == QLatin1String("volume")) {
-        if (argument.endsWith(QLatin1Char('%')))
-            line->argument.chop(1);
+    if (line->is("volume")) {
+        if (argument.endsWith('%'))
+            argument.chop(1);
         bool isNumber;
-        const int volume = line->argument.toInt(&isNumber);
+        const int volume = argument.toInt(&isNumber);
         if (!isNumber || volume < 0 || volume > 100)
-            return QLatin1String("the volume must be a number from 0 to 100");
+            return "the volume must be a number from 0 to 100";
     }
-    if (line->command == QLatin1String("forget")) {
-        const QRegExp address(QLatin1String("[0-9A-Fa-f]{2}(:[0-9A-Fa-f]{2}){5}"));
-        if (!address.exactMatch(argument))
-            return QString::fromLatin1("'%1' is no address such as 00:11:22:AA:BB:CC")
-                .arg(argument);
-    }
+    if (line->is("forget") && !QRegExp("[0-9A-Fa-f]{2}(:[0-9A-Fa-f]{2}){5}").exactMatch(argument))
+        return '\'' + argument + "' is no address such as 00:11:22:AA:BB:CC";
+    line->argument = argument;
     return QString();
 }
 
@@ -128,36 +82,47 @@ QString parseCommandLine(QStringList arguments, CommandLine *line)
 {
     QStringList words;
     while (!arguments.isEmpty()) {
-        const QString argument = arguments.takeFirst();
-        if (argument == QLatin1String("--")) {
+        const QString word = arguments.takeFirst();
+        const QString option = word.section('=', 0, 0);
+        if (word == "--") {
             words << arguments;
             break;
         }
-        if (!isOption(argument)) {
-            words << argument;
-            continue;
+        if (!isOption(word)) {
+            words << word;
+        } else if (option == "--timeout") {
+            line->options << option;
+            const bool isApart = word == option && !arguments.isEmpty();
+            const QString value = isApart ? arguments.takeFirst() : word.section('=', 1);
+            const int seconds = value.toInt();
+            if (seconds < 1 || seconds > 3600)
+                return "--timeout takes seconds, from 1 to 3600";
+            line->timeout = seconds * 1000;
+        } else {
+            line->options << word;
         }
-        const QString mistake = takeOption(argument, &arguments, line);
-        if (!mistake.isEmpty() || line->wish != CommandLine::RunCommand)
-            return mistake;
     }
+    if (line->has("-h") || line->has("--help") || line->has("--version")
+        || words.value(0) == "help")
+        return QString();
     if (words.isEmpty())
-        return QLatin1String("no command");
-    line->command = words.takeFirst();
-    const Syntax *syntax = syntaxOf(line->command);
-    if (!syntax)
-        return QString::fromLatin1("unknown command '%1'").arg(line->command);
-    if (line->command == QLatin1String("help"))
-        line->wish = CommandLine::ShowHelp;
-
-    QString mistake = misplacedOption(*line);
-    if (mistake.isEmpty() && syntax->argument && !line->all) {
+        return "no command";
+    const QString name = words.takeFirst();
+    line->command = commandNamed(name);
+    if (!line->command)
+        return "unknown command '" + name + '\'';
+    for (const QString &option : line->options) {
+        const bool isGeneral = option == "--json" || (option == "--timeout" && !line->is("watch"));
+        if (!isGeneral && option != line->command->option)
+            return '\'' + name + "' does not take " + option;
+    }
+    QString mistake;
+    if (line->command->argument && !line->has("--all")) {
         if (words.isEmpty())
-            return QString::fromLatin1("'%1' needs %2")
-                .arg(line->command, QLatin1String(syntax->argument));
+            return '\'' + name + "' needs " + line->command->argument;
         mistake = takeArgument(words.takeFirst(), line);
     }
     if (mistake.isEmpty() && !words.isEmpty())
-        return QString::fromLatin1("too many arguments: '%1'").arg(words.first());
+        mistake = "too many arguments: '" + words.first() + '\'';
     return mistake;
 }

@@ -1,4 +1,4 @@
-// Every command but "watch": one request to the service and what came of it.
+// What the commands do.
 #ifndef COMMANDS_H
 #define COMMANDS_H
 
@@ -8,7 +8,17 @@
 
 struct CommandLine;
 
-/** Carries out the command and waits for the service's answer. */
+/** Carries out any command but "watch", and waits for the service's answer. */
 Outcome runCommand(const QDBusConnection &bus, const CommandLine &line);
+
+/** Adds which phone is connected and whether it plays, or nothing where BlueZ may not be asked. */
+void addPhone(Outcome *outcome);
+
+/**
+ * Tells whether the service runs and then, line by line, its signals and its coming and going.
+ * Returns the exit status when the bus is gone or nobody reads any more; at SIGINT, SIGTERM, or
+ * when nothing can be written, the process ends.
+ */
+int watch(const QDBusConnection &bus, bool json);
 
 #endif

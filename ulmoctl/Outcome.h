@@ -2,9 +2,8 @@
 #ifndef OUTCOME_H
 #define OUTCOME_H
 
-#include <QtCore/QString>
-
-#include "Json.h"
+#include <QtCore/QStringList>
+#include <QtCore/QVariant>
 
 enum ExitStatus {
     Done = 0,
@@ -16,16 +15,18 @@ enum ExitStatus {
 
 struct Outcome
 {
-    ExitStatus exitStatus;
+    ExitStatus exitStatus = Done;
     QString text; ///< the result when done, otherwise what went wrong
     QString hint; ///< what to do about a failure; empty when there is nothing to say
-    JsonObject details; ///< what the service answered
+    QStringList details; ///< what the service answered, as members of a JSON object
 };
 
-inline Outcome failure(ExitStatus exitStatus, const QString &text, const QString &hint = QString())
-{
-    const Outcome outcome = {exitStatus, text, hint, JsonObject()};
-    return outcome;
-}
+Outcome failure(ExitStatus exitStatus, const QString &text, const QString &hint = QString());
+
+/** The value is a text, a number or a boolean; an invalid one stands for null. */
+QString jsonMember(const char *name, const QVariant &value);
+
+/** On one line, without a line end. */
+QString jsonObject(const QStringList &members);
 
 #endif

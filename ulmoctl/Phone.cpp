@@ -1,9 +1,9 @@
-#include "Phone.h"
-
-#include <QtCore/QVariantMap>
+#include <QtCore/QRegExp>
 #include <QtDBus/QDBusConnection>
 #include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusReply>
+
+#include "Commands.h"
 
 namespace {
 
@@ -11,8 +11,7 @@ const int Timeout = 2000; // milliseconds; the status is worth more than the pho
 
 QDBusMessage ask(const QString &path, const char *interface, const char *method)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(
-        QLatin1String("org.bluez"), path, QLatin1String(interface), QLatin1String(method));
+    QDBusMessage call = QDBusMessage::createMethodCall("org.bluez", path, interface, method);
     call.setAutoStartService(false); // whether BlueZ runs is the service's affair
     return QDBusConnection::systemBus().call(call, QDBus::Block, Timeout);
 }
@@ -24,27 +23,37 @@ QVariantMap propertiesOf(const QString &path, const char *interface)
 
 } // namespace
 
-bool readPhone(Phone *phone)
+void addPhone(Outcome *outcome)
 {
-    const QDBusReply<QDBusObjectPath> adapter =
-        ask(QLatin1String("/"), "org.bluez.Manager", "DefaultAdapter");
+    const QDBusReply<QDBusObjectPath> adapter = ask("/", "org.bluez.Manager", "DefaultAdapter");
     if (!adapter.isValid())
-        return false;
+        return;
     const QDBusReply<QList<QDBusObjectPath>> devices =
         ask(adapter.value().path(), "org.bluez.Adapter", "ListDevices");
     if (!devices.isValid())
-        return false;
+        return;
+    QVariantMap phone;
+    bool playing = false;
     // A second phone is connected for a moment, before the service disconnects it.
-    const QList<QDBusObjectPath> paths = devices.value();
-    for (int i = 0; i < paths.size() && !phone->playing; ++i) {
-        const QVariantMap device = propertiesOf(paths.at(i).path(), "org.bluez.Device");
-        if (!device.value(QLatin1String("Connected")).toBool())
+    for (const QDBusObjectPath &device : devices.value()) {
+        const QVariantMap properties = propertiesOf(device.path(), "org.bluez.Device");
+        if (playing || !properties.value("Connected").toBool())
             continue;
-        const QVariantMap source = propertiesOf(paths.at(i).path(), "org.bluez.AudioSource");
-        phone->address = device.value(QLatin1String("Address")).toString();
-        phone->name = device.value(QLatin1String("Name")).toString();
-        phone->playing =
-            source.value(QLatin1String("State")).toString() == QLatin1String("playing");
+        phone = properties;
+        playing = propertiesOf(device.path(), "org.bluez.AudioSource").value("State") == "playing";
     }
-    return true;
+    if (phone.isEmpty()) {
+        outcome->text += "\nPhone       none";
+        outcome->details << jsonMember("phone", QVariant());
+        return;
+    }
+    const QString address = phone.value("Address").toString();
+    const QString name = phone.value("Name").toString();
+    // It comes from the phone, and may not tell the terminal what to do.
+    const QString printable =
+        QString(name).replace(QRegExp("[\\x0000-\\x001f\\x007f-\\x009f]"), "?");
+    outcome->text += "\nPhone       " + printable + " (" + address + "), "
+        + (playing ? "playing" : "not playing");
+    outcome->details << jsonMember("phone", address) << jsonMember("name", name)
+                     << jsonMember("playing", playing);
 }

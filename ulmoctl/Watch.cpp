@@ -1,97 +1,74 @@
-#include "Watch.h"
-
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDateTime>
 #include <QtCore/QSocketNotifier>
-#include <QtCore/QTimer>
 #include <QtDBus/QDBusConnectionInterface>
 #include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusServiceWatcher>
 
-#include "BluetoothServiceProxy.h"
+#include "Commands.h"
 #include "Names.h"
-#include "Outcome.h"
 
-namespace {
-
-// Every line has been written out by the time the next one comes.
-void endAtOnce(int)
+class Watch : public QObject
 {
-    _exit(Done);
-}
+    Q_OBJECT
 
-// As scripts want it, "2031-05-04T17:02:41.125+02:00", or as people read it, without the zone.
-QString localTime(bool json)
+public:
+    Watch(QDBusConnection bus, bool json);
+
+private Q_SLOTS:
+    void signalCame(const QDBusMessage &signal);
+    void ownerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
+    void busLost();
+    void outputChanged();
+
+private:
+    void tellOwner();
+    void tell(const QString &event, const QString &text, const QStringList &details);
+
+    const bool m_json;
+    QString m_owner; // unique name of the service on the bus; empty while it does not run
+    QDBusServiceWatcher m_watcher;
+    QSocketNotifier m_output;
+};
+
+Watch::Watch(QDBusConnection bus, bool json)
+    : m_json(json)
+    , m_watcher(Names::Service, bus, QDBusServiceWatcher::WatchForOwnerChange)
+    , m_output(STDOUT_FILENO, QSocketNotifier::Read)
 {
-    const QDateTime now = QDateTime::currentDateTime();
-    if (!json)
-        return now.toString(QLatin1String("yyyy-MM-dd hh:mm:ss.zzz"));
-    QDateTime clock = now;
-    clock.setTimeSpec(Qt::UTC);
-    const int offset = int(now.secsTo(clock));
-    return now.toString(QLatin1String("yyyy-MM-dd'T'hh:mm:ss.zzz"))
-        + QLatin1Char(offset < 0 ? '-' : '+')
-        + QTime(0, 0).addSecs(qAbs(offset)).toString(QLatin1String("hh:mm"));
-}
-
-} // namespace
-
-Watch::Watch(const QDBusConnection &bus, bool json)
-    : m_bus(bus)
-    , m_json(json)
-    , m_output(new QSocketNotifier(STDOUT_FILENO, QSocketNotifier::Read, this))
-{
-}
-
-int Watch::run()
-{
-    signal(SIGINT, endAtOnce);
-    signal(SIGTERM, endAtOnce);
-    connect(m_output, SIGNAL(activated(int)), SLOT(outputChanged()));
-
-    const QString name = QLatin1String(Names::Service);
-    QDBusServiceWatcher watcher(name, m_bus, QDBusServiceWatcher::WatchForOwnerChange);
-    connect(&watcher, SIGNAL(serviceOwnerChanged(QString, QString, QString)),
+    connect(&m_output, SIGNAL(activated(int)), SLOT(outputChanged()));
+    connect(&m_watcher, SIGNAL(serviceOwnerChanged(QString, QString, QString)),
             SLOT(ownerChanged(QString, QString, QString)));
-    m_bus.connect(QString(), QLatin1String("/org/freedesktop/DBus/Local"),
-                  QLatin1String("org.freedesktop.DBus.Local"), QLatin1String("Disconnected"), this,
-                  SLOT(busLost()));
+    bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
+                "Disconnected", this, SLOT(busLost()));
     // Without a name: every signal of the interface.
-    m_bus.connect(name, QLatin1String(Names::Object),
-                  QLatin1String(BluetoothServiceProxy::staticInterfaceName()), QString(), this,
-                  SLOT(signalCame(QDBusMessage)));
-
-    QTimer::singleShot(0, this, SLOT(begin())); // in the loop, which it may have to end
-    return QCoreApplication::exec();
-}
-
-void Watch::begin()
-{
-    setOwner(m_bus.interface()->serviceOwner(QLatin1String(Names::Service)));
+    bus.connect(Names::Service, Names::Object, Names::Interface, QString(), this,
+                SLOT(signalCame(QDBusMessage)));
+    m_owner = bus.interface()->serviceOwner(Names::Service);
+    tellOwner();
 }
 
 void Watch::signalCame(const QDBusMessage &signal)
 {
     const QVariant value = signal.arguments().value(0);
-    JsonObject details;
+    QStringList details;
     if (value.isValid())
-        details.add(value.type() == QVariant::Bool ? "on" : "pin", value);
+        details << jsonMember(value.type() == QVariant::Bool ? "on" : "pin", value);
     tell(signal.member(), value.toString(), details);
 }
 
-// A service that gives way to another has gone and come, with all that was known of it.
 void Watch::ownerChanged(const QString &, const QString &, const QString &newOwner)
 {
-    if (newOwner == m_owner) // known since begin() asked
+    if (newOwner == m_owner) // known since the start
         return;
-    if (!m_owner.isEmpty() && !newOwner.isEmpty())
-        setOwner(QString());
-    setOwner(newOwner);
+    m_owner = newOwner;
+    tellOwner();
 }
 
 void Watch::busLost()
@@ -104,37 +81,51 @@ void Watch::busLost()
 void Watch::outputChanged()
 {
     pollfd output = {STDOUT_FILENO, 0, 0};
-    if (poll(&output, 1, 0) == 1 && (output.revents & (POLLERR | POLLHUP)))
+    poll(&output, 1, 0);
+    if (output.revents & (POLLERR | POLLHUP))
         QCoreApplication::exit(Done);
-    else
-        m_output->setEnabled(false);
+    m_output.setEnabled(false);
 }
 
-void Watch::setOwner(const QString &owner)
+void Watch::tellOwner()
 {
-    m_owner = owner;
-    const bool running = !owner.isEmpty();
-    tell(QLatin1String("Service"), QLatin1String(running ? "running" : "not running"),
-         JsonObject().add("running", running));
+    const bool running = !m_owner.isEmpty();
+    tell("Service", running ? "running" : "not running",
+         QStringList(jsonMember("running", running)));
 }
 
-void Watch::tell(const QString &event, const QString &text, const JsonObject &details)
+// The time as scripts want it, "2031-05-04T17:02:41.125+02:00", or as people read it.
+void Watch::tell(const QString &event, const QString &text, const QStringList &details)
 {
-    const QString time = localTime(m_json);
-    QByteArray line;
+    const QDateTime now = QDateTime::currentDateTime();
+    QString line;
     if (m_json) {
-        line = JsonObject().add("time", time).add("event", event).addMembers(details).toUtf8();
+        QDateTime clock = now;
+        clock.setTimeSpec(Qt::UTC);
+        const int offset = int(now.secsTo(clock));
+        const QString time = now.toString("yyyy-MM-dd'T'hh:mm:ss.zzz") + (offset < 0 ? '-' : '+')
+            + QTime(0, 0).addSecs(qAbs(offset)).toString("hh:mm");
+        line = jsonObject(QStringList()
+                          << jsonMember("time", time) << jsonMember("event", event) << details);
     } else {
-        line = QString::fromLatin1("%1  %2  %3")
-                   .arg(time)
-                   .arg(event, -21) // the longest
-                   .arg(text)
-                   .trimmed()
-                   .toUtf8();
+        const QString time = now.toString("yyyy-MM-dd hh:mm:ss.zzz");
+        line = QString("%1  %2  %3").arg(time).arg(event, -21).arg(text).trimmed(); // 21: longest
     }
-    puts(line.constData());
+    puts(line.toUtf8().constData());
     if (fflush(stdout) != 0) {
         perror("ulmoctl: cannot write");
-        QCoreApplication::exit(Refused);
+        exit(Refused);
     }
 }
+
+int watch(const QDBusConnection &bus, bool json)
+{
+    // Every line has been written out by the time the next one comes.
+    const auto endAtOnce = [](int) { _exit(Done); };
+    signal(SIGINT, endAtOnce);
+    signal(SIGTERM, endAtOnce);
+    Watch watch(bus, json);
+    return QCoreApplication::exec();
+}
+
+#include "Watch.moc"

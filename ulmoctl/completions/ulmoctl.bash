@@ -2,35 +2,21 @@
 
 _ulmoctl()
 {
-    local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local command='' words i
+    local words i
 
     # The value of an option, and the value in "--timeout=VALUE", is not for us to guess.
-    [[ $previous == --timeout || $previous == '=' ]] && return
+    [[ ${COMP_WORDS[COMP_CWORD - 1]} == @(--timeout|=) ]] && return
 
+    words="$(ulmoctl help | sed -n 's/^  \([a-z]*\) .*/\1/p') --json --timeout --help --version"
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-        --timeout)
-            [[ ${COMP_WORDS[i + 1]} == '=' ]] && ((++i))
-            ((++i))
-            ;;
-        -*) ;;
-        *)
-            command=${COMP_WORDS[i]}
-            break
-            ;;
+        on) words='--wait --json --timeout' ;;
+        forget) words='--all --json --timeout' ;;
+        watch) words='--json' ;;
+        [a-z]*) words='--json --timeout' ;;
         esac
     done
-
-    case $command in
-    '') words='status on off pin volume mute unmute disconnect forget watch help
-        --json --timeout --help --version' ;;
-    on) words='--wait --json --timeout' ;;
-    forget) words='--all --json --timeout' ;;
-    watch) words='--json' ;;
-    *) words='--json --timeout' ;;
-    esac
-    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")
 }
 
 complete -F _ulmoctl ulmoctl
