@@ -44,15 +44,13 @@ build_package() {
     local folder=$1 architecture=$2 flags
     shift 2
     # Whatever the folder of the sources is called, the packages are the same.
-    flags=$(DEB_BUILD_MAINT_OPTIONS=hardening=+all DEB_CFLAGS_MAINT_APPEND="-ffile-prefix-map=$root=." \
-        DEB_CXXFLAGS_MAINT_APPEND="-ffile-prefix-map=$root=." \
-        dpkg-architecture -f -a "$architecture" -c dpkg-buildflags --export=sh 2> /dev/null)
+    export DEB_CFLAGS_MAINT_APPEND="-ffile-prefix-map=$root=."
+    export DEB_CXXFLAGS_MAINT_APPEND=$DEB_CFLAGS_MAINT_APPEND DEB_BUILD_MAINT_OPTIONS=hardening=+all
+    flags=$(dpkg-architecture -f -a "$architecture" -c dpkg-buildflags --export=sh 2> /dev/null)
     eval "$flags"
-    build "$folder" -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_SYSCONFDIR=/etc \
-        -DULMO_SYSTEMD_UNIT_DIR=/lib/systemd/system \
-        -DCMAKE_C_FLAGS="$CFLAGS $CPPFLAGS" -DCMAKE_CXX_FLAGS="$CXXFLAGS $CPPFLAGS" \
-        -DCMAKE_EXE_LINKER_FLAGS="$LDFLAGS" -DCMAKE_SHARED_LINKER_FLAGS="$LDFLAGS" \
-        -DCMAKE_MODULE_LINKER_FLAGS="$LDFLAGS" "$@" -- virtual-product write-timeline
+    export CFLAGS="$CFLAGS $CPPFLAGS" CXXFLAGS="$CXXFLAGS $CPPFLAGS"
+    build "$folder" -DCMAKE_INSTALL_PREFIX=/usr -DULMO_SYSTEMD_UNIT_DIR=/lib/systemd/system "$@" \
+        -- virtual-product write-timeline
 }
 
 # debian_changelog: the entry of CHANGELOG.md for the version in CMakeLists.txt, as Debian writes it.
