@@ -50,7 +50,7 @@ build_package() {
     eval "$flags"
     export CFLAGS="$CFLAGS $CPPFLAGS" CXXFLAGS="$CXXFLAGS $CPPFLAGS"
     build "$folder" -DCMAKE_INSTALL_PREFIX=/usr -DULMO_SYSTEMD_UNIT_DIR=/lib/systemd/system "$@" \
-        -- virtual-product write-timeline
+        -- virtual-product
 }
 
 # debian_changelog: the entry of CHANGELOG.md for the version in CMakeLists.txt, as Debian writes it.
