@@ -37,4 +37,3 @@ set(ENV{PKG_CONFIG_LIBDIR}
 # For tests. What is loaded into them says why in its source.
 set(CMAKE_CROSSCOMPILING_EMULATOR ${emulator} -L "${ULMO_SYSROOT}"
     -E "LD_PRELOAD=${CMAKE_BINARY_DIR}/tests/unit/emulation/libno-pidfd.so")
-set(ULMO_DEBIAN_ARCHITECTURE ${ULMO_ARCHITECTURE})

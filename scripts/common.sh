@@ -48,13 +48,45 @@ build() {
     fi
 }
 
-# pack FOLDER: makes the Debian packages from a build, and looks at them as Debian does.
+# build_package FOLDER ARCHITECTURE [CMAKE-OPTION...]: builds what is packed, as Debian wants it built.
+build_package() {
+    local folder=$1 architecture=$2 flags
+    shift 2
+    # Whatever the folder of the sources is called, the packages are the same.
+    export DEB_CFLAGS_MAINT_APPEND="-ffile-prefix-map=$root=."
+    export DEB_CXXFLAGS_MAINT_APPEND=$DEB_CFLAGS_MAINT_APPEND DEB_BUILD_MAINT_OPTIONS=hardening=+all
+    flags=$(dpkg-architecture -f -a "$architecture" -c dpkg-buildflags --export=sh 2> /dev/null)
+    eval "$flags"
+    export CFLAGS="$CFLAGS $CPPFLAGS" CXXFLAGS="$CXXFLAGS $CPPFLAGS"
+    build "$folder" -DCMAKE_INSTALL_PREFIX=/usr -DULMO_SYSTEMD_UNIT_DIR=/lib/systemd/system "$@" \
+        -- virtual-product
+}
+
+# debian_changelog: the entry of CHANGELOG.md for the version in CMakeLists.txt, as Debian writes it.
+debian_changelog() {
+    local version date
+    version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
+    date=$(sed -n "s/^## \[$version\] - //p" "$root/CHANGELOG.md")
+    [ -n "$date" ] || fail "CHANGELOG.md has no entry for version $version"
+    printf 'ulmo-bluetoothmanager (%s) bookworm; urgency=medium\n\n' "$version"
+    sed -n "/^## \[$version\]/,/^## /s/^\(- \|  \)/  &/p" "$root/CHANGELOG.md" | sed 's/^  - /  * /'
+    printf '\n -- Maintainers of ulmo-bluetoothmanager <bluetoothmanager@ulmo.example>  %s\n' \
+        "$(date --utc --rfc-email --date "$date")"
+}
+
+# pack FOLDER ARCHITECTURE: makes the packages of what was built, and looks at them as Debian does.
 pack() {
-    local folder=$1
-    (cd "$folder" && rm -f ./*.deb && cpack) > "$folder/pack.log" 2>&1 || {
+    local folder=$1 architecture=$2
+    say "Packing"
+    rm -rf "$folder"/debian "$folder"/*.deb
+    cp -r "$root/packaging/debian" "$folder/debian"
+    debian_changelog > "$folder/debian/changelog"
+    (cd "$folder" && DEB_RULES_REQUIRES_ROOT=no \
+        dpkg-architecture -f -a "$architecture" -c debian/rules binary) > "$folder/pack.log" 2>&1 || {
         tail -n 20 "$folder/pack.log" >&2
         fail "packing failed; the whole output is in $folder/pack.log"
     }
-    lintian --allow-root --fail-on error,warning "$folder"/*.deb || fail "lintian objects to the packages"
+    lintian --allow-root --pedantic --fail-on error,warning,info,pedantic "$folder"/*.deb ||
+        fail "lintian objects to the packages"
     ls "$folder"/*.deb
 }

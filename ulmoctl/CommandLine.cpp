@@ -1,24 +1,22 @@
 #include "CommandLine.h"
 
-#include <getopt.h>
-#include <stdio.h>
-
-#include <QtCore/QStringList>
+#include <QtCore/QRegExp>
 
 const char HelpText[] =
     "Usage: ulmoctl [OPTION]... COMMAND [ARGUMENT]\n"
     "Control the Bluetooth audio service of this board.\n"
     "\n"
-    "  status             tell whether Bluetooth is enabled and on, and the PIN\n"
+    "  status             tell whether Bluetooth is on, the PIN and the phone\n"
     "  on [--wait]        enable Bluetooth; with --wait, return when it is on\n"
     "  off                disable Bluetooth\n"
     "  pin PIN            set the pairing PIN, four digits; forgets every device\n"
     "  volume LEVEL       set the volume of the Bluetooth sound, 0 to 100\n"
-    "  mute, unmute       silence the Bluetooth sound, let it be heard again\n"
+    "  mute               silence the Bluetooth sound\n"
+    "  unmute             let the Bluetooth sound be heard again\n"
     "  disconnect         disconnect the connected device\n"
-    "  forget ADDRESS     forget a device, which must then pair again\n"
-    "  forget --all       forget every device\n"
+    "  forget ADDRESS     forget a device, or with --all every one\n"
     "  watch              print the service's signals as they come, until Ctrl-C\n"
+    "  help               print this help\n"
     "\n"
     "  --json             print JSON, one object per line\n"
     "  --timeout SECONDS  wait this long for an answer, 1 to 3600\n"
@@ -30,143 +28,101 @@ const char HelpText[] =
 
 namespace {
 
-struct Syntax
-{
-    const char *command;
-    const char *argument; // what is missing, when it is; 0 for a command without one
+const char Busy[] = "a start or stop is in progress, try again in a moment";
+
+const Command Commands[] = {
+    {"status", nullptr, nullptr, "GetStatus", "", "the service has no status"},
+    {"on", nullptr, "--wait", "SetEnabled", "", Busy},
+    {"off", nullptr, nullptr, "SetEnabled", "Bluetooth is off.", Busy},
+    {"pin", "the new PIN", nullptr, "SetPid", "The PIN is %1.", "the PIN must be four digits"},
+    {"volume", "a level from 0 to 100", nullptr, "SetVolume", "The volume is set.", nullptr},
+    {"mute", nullptr, nullptr, "SetMute", "The sound is muted.", nullptr},
+    {"unmute", nullptr, nullptr, "SetMute", "The sound is not muted.", nullptr},
+    {"disconnect", nullptr, nullptr, "DisconnectDevice", "The device has been told to disconnect.",
+     "no device is connected"},
+    {"forget", "the address of a device, or --all", "--all", "RemoveDevice",
+     "BlueZ has been told to forget %1.", "BlueZ cannot be asked, is Bluetooth on?"},
+    {"watch", nullptr, nullptr, nullptr, "", ""},
 };
 
-const Syntax Syntaxes[] = {
-    {"status", 0},
-    {"on", 0},
-    {"off", 0},
-    {"pin", "the new PIN"},
-    {"volume", "a level from 0 to 100"},
-    {"mute", 0},
-    {"unmute", 0},
-    {"disconnect", 0},
-    {"forget", "the address of a device, or --all"},
-    {"watch", 0},
-};
-
-const Syntax *syntaxOf(const QString &command)
+const Command *commandNamed(const QString &name)
 {
-    for (const Syntax &syntax : Syntaxes) {
-        if (command == QLatin1String(syntax.command))
-            return &syntax;
+    for (const Command &command : Commands) {
+        if (name == command.name)
+            return &command;
     }
-    return 0;
+    return nullptr;
 }
 
-void hintAtHelp()
+// A word such as "-5" is no option, so that the mistake in "volume -5" is told as what it is.
+bool isOption(const QString &word)
 {
-    fputs("Try 'ulmoctl --help' for more information.\n", stderr);
+    return word.length() > 1 && word.startsWith('-') && !word.at(1).isDigit();
 }
 
-bool mistake(const QString &text)
+QString takeArgument(QString argument, CommandLine *line)
 {
-    fprintf(stderr, "ulmoctl: %s\n", text.toUtf8().constData());
-    hintAtHelp();
-    return false;
-}
-
-bool takeTimeout(const char *text, CommandLine *line)
-{
-    bool ok;
-    const int seconds = QString::fromUtf8(text).toInt(&ok);
-    line->timeout = seconds * 1000;
-    return ok && seconds >= 1 && seconds <= 3600;
-}
-
-// Options may stand anywhere, as the C library has it; what remains begins at optind.
-bool takeOptions(int argc, char **argv, CommandLine *line)
-{
-    enum { Json = 1, Wait, All, Timeout, Version };
-    const option options[] = {
-        {"json", no_argument, 0, Json},
-        {"wait", no_argument, 0, Wait},
-        {"all", no_argument, 0, All},
-        {"timeout", required_argument, 0, Timeout},
-        {"help", no_argument, 0, 'h'},
-        {"version", no_argument, 0, Version},
-        {0, 0, 0, 0},
-    };
-    line->wish = CommandLine::RunCommand;
-    for (;;) {
-        switch (getopt_long(argc, argv, "h", options, 0)) {
-        case -1:
-            return true;
-        case Json:
-            line->json = true;
-            break;
-        case Wait:
-            line->wait = true;
-            break;
-        case All:
-            line->all = true;
-            break;
-        case Timeout:
-            if (!takeTimeout(optarg, line))
-                return mistake(QLatin1String("--timeout takes seconds, from 1 to 3600"));
-            break;
-        case 'h':
-            line->wish = CommandLine::ShowHelp;
-            return true;
-        case Version:
-            line->wish = CommandLine::ShowVersion;
-            return true;
-        default: // getopt_long has told it
-            hintAtHelp();
-            return false;
-        }
+    if (line->is("volume")) {
+        if (argument.endsWith('%'))
+            argument.chop(1);
+        bool isNumber;
+        const int volume = argument.toInt(&isNumber);
+        if (!isNumber || volume < 0 || volume > 100)
+            return "the volume must be a number from 0 to 100";
     }
-}
-
-bool takeVolume(CommandLine *line)
-{
-    if (line->argument.endsWith(QLatin1Char('%')))
-        line->argument.chop(1);
-    bool ok;
-    line->argument.toInt(&ok);
-    return ok;
+    if (line->is("forget") && !QRegExp("[0-9A-Fa-f]{2}(:[0-9A-Fa-f]{2}){5}").exactMatch(argument))
+        return '\'' + argument + "' is no address such as 00:11:22:AA:BB:CC";
+    line->argument = argument;
+    return QString();
 }
 
 } // namespace
 
-bool parseCommandLine(int argc, char **argv, CommandLine *line)
+QString parseCommandLine(QStringList arguments, CommandLine *line)
 {
-    if (!takeOptions(argc, argv, line))
-        return false;
-    if (line->wish != CommandLine::RunCommand)
-        return true;
-
     QStringList words;
-    for (int i = optind; i < argc; ++i)
-        words << QString::fromUtf8(argv[i]);
-    if (words.isEmpty())
-        return mistake(QLatin1String("no command"));
-    line->command = words.takeFirst();
-    const Syntax *syntax = syntaxOf(line->command);
-    if (!syntax)
-        return mistake(QString::fromLatin1("unknown command '%1'").arg(line->command));
-
-    if (line->wait && line->command != QLatin1String("on"))
-        return mistake(QLatin1String("--wait goes only with 'on'"));
-    if (line->all && line->command != QLatin1String("forget"))
-        return mistake(QLatin1String("--all goes only with 'forget'"));
-    if (line->timeout && line->command == QLatin1String("watch"))
-        return mistake(QLatin1String("--timeout does not go with 'watch'"));
-
-    if (syntax->argument && !line->all) {
-        if (words.isEmpty()) {
-            return mistake(QString::fromLatin1("'%1' needs %2")
-                               .arg(line->command, QLatin1String(syntax->argument)));
+    while (!arguments.isEmpty()) {
+        const QString word = arguments.takeFirst();
+        const QString option = word.section('=', 0, 0);
+        if (word == "--") {
+            words << arguments;
+            break;
         }
-        line->argument = words.takeFirst();
+        if (!isOption(word)) {
+            words << word;
+        } else if (option == "--timeout") {
+            line->options << option;
+            const bool isApart = word == option && !arguments.isEmpty();
+            const QString value = isApart ? arguments.takeFirst() : word.section('=', 1);
+            const int seconds = value.toInt();
+            if (seconds < 1 || seconds > 3600)
+                return "--timeout takes seconds, from 1 to 3600";
+            line->timeout = seconds * 1000;
+        } else {
+            line->options << word;
+        }
     }
-    if (!words.isEmpty())
-        return mistake(QString::fromLatin1("too many arguments: '%1'").arg(words.first()));
-    if (line->command == QLatin1String("volume") && !takeVolume(line))
-        return mistake(QLatin1String("the volume must be a number from 0 to 100"));
-    return true;
+    if (line->has("-h") || line->has("--help") || line->has("--version")
+        || words.value(0) == "help")
+        return QString();
+    if (words.isEmpty())
+        return "no command";
+    const QString name = words.takeFirst();
+    line->command = commandNamed(name);
+    if (!line->command)
+        return "unknown command '" + name + '\'';
+    for (const QString &option : line->options) {
+        const bool isGeneral = option == "--json" || (option == "--timeout" && !line->is("watch"));
+        if (!isGeneral && option != line->command->option)
+            return '\'' + name + "' does not take " + option;
+    }
+    QString mistake;
+    if (line->command->argument && !line->has("--all")) {
+        if (words.isEmpty())
+            return '\'' + name + "' needs " + line->command->argument;
+        mistake = takeArgument(words.takeFirst(), line);
+    }
+    if (mistake.isEmpty() && !words.isEmpty())
+        mistake = "too many arguments: '" + words.first() + '\'';
+    return mistake;
 }

@@ -2,28 +2,37 @@
 #ifndef COMMANDLINE_H
 #define COMMANDLINE_H
 
-#include <QtCore/QString>
+#include <QtCore/QStringList>
+
+struct Command
+{
+    const char *name;
+    const char *argument; ///< what is missing, when it is; null for a command without one
+    const char *option; ///< goes with this one only; null without one
+    const char *method; ///< of the service; null for a command that asks it nothing
+    const char *done; ///< what to tell; %1 is the argument
+    const char *refused; ///< the same; null: the status is not the service's own, but that of pactl
+};
 
 struct CommandLine
 {
-    enum Wish { RunCommand, ShowHelp, ShowVersion };
-
-    Wish wish = ShowHelp;
-    QString command; ///< as it was typed, one of those in the help text
+    const Command *command = nullptr; ///< null: only print the help, or the version
     QString argument; ///< the PIN, the volume without its "%", the address; else empty
-    bool json = false;
-    bool wait = false; ///< only with "on"
-    bool all = false; ///< only with "forget"
+    QStringList options;
     int timeout = 0; ///< milliseconds to wait for an answer; 0: what suits the command
+
+    bool is(const char *name) const { return command && qstrcmp(command->name, name) == 0; }
+    bool has(const char *option) const { return options.contains(option); }
 };
 
 /**
- * Fills in what the arguments ask for. Returns false after telling the mistake on standard error.
+ * Fills in what the arguments ask for, and returns the mistake in them, or an empty text.
  *
- * Only what can never make sense is a mistake: a command, option or argument that is missing, too
- * many or not the number it must be. Whether a value is acceptable is for the service to say.
+ * Only what can never make sense is a mistake: a command, option or argument that is unknown,
+ * missing or too many, a volume out of bounds, an address that is none. All else is for the service
+ * to say.
  */
-bool parseCommandLine(int argc, char **argv, CommandLine *line);
+QString parseCommandLine(QStringList arguments, CommandLine *line);
 
 /** The text of --help, which fits a terminal of 80 columns and 24 lines. */
 extern const char HelpText[];

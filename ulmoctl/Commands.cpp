@@ -2,13 +2,71 @@
 
 #include <sys/wait.h>
 
-#include <QtDBus/QDBusConnectionInterface>
-#include <QtDBus/QDBusPendingReply>
+#include <QtCore/QEventLoop>
+#include <QtCore/QTimer>
+#include <QtDBus/QDBusMessage>
+#include <QtDBus/QDBusServiceWatcher>
 
-#include "BluetoothServiceProxy.h"
 #include "CommandLine.h"
 #include "Names.h"
-#include "StartWait.h"
+#include "Service.h"
+
+// Waits for what becomes of a start of Bluetooth.
+class StartWait : public QEventLoop
+{
+    Q_OBJECT
+
+public:
+    enum Result { Undecided, CameOn, Failed, ServiceGone };
+
+    // Listens from now on, so that a signal sent before wait() counts as well.
+    explicit StartWait(QDBusConnection bus);
+    Result wait(int milliseconds);
+
+private Q_SLOTS:
+    void signalCame(const QDBusMessage &signal);
+    void decide();
+    void serviceGone() { exit(ServiceGone); }
+
+private:
+    bool m_takenDown = false;
+};
+
+StartWait::StartWait(QDBusConnection bus)
+{
+    bus.connect(Names::Service, Names::Object, Names::Interface, QString(), this,
+                SLOT(signalCame(QDBusMessage)));
+    QDBusServiceWatcher *watcher = new QDBusServiceWatcher(
+        Names::Service, bus, QDBusServiceWatcher::WatchForUnregistration, this);
+    connect(watcher, SIGNAL(serviceUnregistered(QString)), SLOT(serviceGone()));
+}
+
+StartWait::Result StartWait::wait(int milliseconds)
+{
+    QTimer::singleShot(milliseconds, this, SLOT(quit()));
+    return Result(exec());
+}
+
+// The service has no signal for a start that failed, but whatever ends one takes down the sound's
+// path, and that has a signal. A switch-off before the start has it too, with BluetoothOn after it:
+// both have arrived by now, so the failure is not decided before all that has come is seen.
+void StartWait::signalCame(const QDBusMessage &signal)
+{
+    if (signal.member() == "BluetoothOn") {
+        m_takenDown = false;
+        if (signal.arguments().value(0).toBool())
+            exit(CameOn);
+    } else if (signal.member() == "DisconnectAudioDevice") {
+        m_takenDown = true;
+        QTimer::singleShot(0, this, SLOT(decide()));
+    }
+}
+
+void StartWait::decide()
+{
+    if (m_takenDown)
+        exit(Failed);
+}
 
 namespace {
 
@@ -21,209 +79,123 @@ namespace {
 // changes nothing and can be asked again; it gets what D-Bus itself allows.
 const int ChangeTimeout = 120000;
 const int StatusTimeout = 25000;
-// After the answer the service gives BlueZ 15 s to appear and then configures it.
+// After the answer the service gives BlueZ 15 s to appear and then configures it. What keeps it
+// from starting mostly shows at once.
 const int StartTimeout = 30000;
+const int BriefStartTimeout = 1000;
 
-const char StartOrStopInProgress[] = "a start or stop is in progress, try again in a moment";
-
-struct Request
-{
-    const char *command;
-    QDBusPendingReply<int> (*send)(BluetoothServiceProxy &service, const CommandLine &line);
-    const char *done; // %1 is the argument
-    const char *refused; // 0: the status is not the service's own, but that of pactl
-};
-
-const Request Requests[] = {
-    {"off",
-     [](BluetoothServiceProxy &service, const CommandLine &) { return service.SetEnabled(false); },
-     "Bluetooth is off.", StartOrStopInProgress},
-    {"pin",
-     [](BluetoothServiceProxy &service, const CommandLine &line) {
-         return service.SetPid(line.argument);
-     },
-     "The PIN is %1.", "the PIN must be four digits"},
-    {"volume",
-     [](BluetoothServiceProxy &service, const CommandLine &line) {
-         return service.SetVolume(line.argument.toInt());
-     },
-     "The volume is set.", 0},
-    {"mute", [](BluetoothServiceProxy &service, const CommandLine &) { return service.SetMute(1); },
-     "The sound is muted.", 0},
-    {"unmute",
-     [](BluetoothServiceProxy &service, const CommandLine &) { return service.SetMute(0); },
-     "The sound is not muted.", 0},
-    {"disconnect",
-     [](BluetoothServiceProxy &service, const CommandLine &) { return service.DisconnectDevice(); },
-     "The device has been told to disconnect.", "no device is connected"},
-    // BlueZ knows its devices by upper-case addresses, and the service passes them on as they are.
-    {"forget",
-     [](BluetoothServiceProxy &service, const CommandLine &line) {
-         return line.all ? service.RemoveAllDevices()
-                         : service.RemoveDevice(line.argument.toUpper());
-     },
-     "BlueZ has been told to forget %1.", "BlueZ cannot be asked, is Bluetooth on?"},
-};
+const char LogHint[] = "The service's log tells why: journalctl -t bluetoothmanager";
 
 // What system() returned for the program that the service ran.
 QString wordsForWaitStatus(int status)
 {
     if (WIFEXITED(status))
-        return QString::fromLatin1("exit status %1").arg(WEXITSTATUS(status));
+        return QString("exit status %1").arg(WEXITSTATUS(status));
     if (WIFSIGNALED(status))
-        return QString::fromLatin1("signal %1").arg(WTERMSIG(status));
-    return QString::fromLatin1("it could not be run (%1)").arg(status);
+        return QString("signal %1").arg(WTERMSIG(status));
+    return QString("it could not be run (%1)").arg(status);
 }
 
-const char MissingServiceHint[] =
-    "See whether bluetoothmanager runs, and its log: journalctl -t bluetoothmanager";
-
-Outcome failure(ExitStatus exitStatus, const QString &text, const char *hint = 0)
+QVariantList argumentsOf(const CommandLine &line)
 {
-    Outcome outcome = {exitStatus, text, hint, JsonObject()};
-    return outcome;
+    QVariantList arguments;
+    if (line.is("on") || line.is("off"))
+        arguments << line.is("on");
+    else if (line.is("mute") || line.is("unmute"))
+        arguments << int(line.is("mute"));
+    else if (line.is("volume"))
+        arguments << line.argument.toInt();
+    else if (line.is("pin"))
+        arguments << line.argument;
+    else if (line.is("forget") && !line.has("--all"))
+        // BlueZ knows its devices by upper-case addresses, and the service passes them on.
+        arguments << line.argument.toUpper();
+    return arguments;
 }
 
-bool isRunning(const BluetoothServiceProxy &service)
+int timeoutOf(const CommandLine &line)
 {
-    const QDBusConnection bus = service.connection();
-    return bus.isConnected() && bus.interface()->isServiceRegistered(service.service());
+    return line.timeout ? line.timeout : line.is("status") ? StatusTimeout : ChangeTimeout;
 }
 
-// The bus reports a service that ended before it answered like one that is late.
-Outcome errorOutcome(const QDBusError &error, const BluetoothServiceProxy &service)
+// Fills in what the service answers.
+Outcome request(const QDBusConnection &bus, const CommandLine &line, QVariantList *values)
 {
-    const QString detail = error.name() + QLatin1String(": ") + error.message();
-    switch (error.type()) {
-    case QDBusError::ServiceUnknown:
-        return failure(Unreachable,
-                       QString::fromLatin1("the service is not running: %1 is not on the bus")
-                           .arg(service.service()),
-                       MissingServiceHint);
-    case QDBusError::Disconnected:
-    case QDBusError::AccessDenied:
-        return failure(
-            Unreachable,
-            QString::fromLatin1("the bus does not let the service be reached (%1)").arg(detail));
-    case QDBusError::NoReply:
-    case QDBusError::Timeout:
-    case QDBusError::TimedOut:
-        if (!isRunning(service))
-            return failure(Unreachable, QLatin1String("the service ended before it answered"),
-                           MissingServiceHint);
-        return failure(
-            NoAnswer,
-            QString::fromLatin1("no answer within %1 seconds").arg(service.timeout() / 1000),
-            "The service may be busy, and may yet do what was asked.");
-    default:
-        return failure(Refused,
-                       QString::fromLatin1("the service answered with an error (%1)").arg(detail));
-    }
-}
-
-Outcome answerOutcome(int status, const char *refused)
-{
-    Outcome outcome = {status == 0 ? Done : Refused, QString(), 0, JsonObject()};
-    outcome.details.addNumber("status", status);
-    if (status != 0) {
-        outcome.text = refused ? QString::fromLatin1(refused)
-                               : QLatin1String("pactl failed: ") + wordsForWaitStatus(status);
-    }
-    return outcome;
-}
-
-Outcome runRequest(const Request &request, BluetoothServiceProxy &service, const CommandLine &line)
-{
-    QDBusPendingReply<int> reply = request.send(service, line);
-    reply.waitForFinished();
-    if (reply.isError())
-        return errorOutcome(reply.error(), service);
-    Outcome outcome = answerOutcome(reply.value(), request.refused);
-    if (outcome.exitStatus == Done) {
-        const QString argument = line.all ? QLatin1String("every device") : line.argument;
-        outcome.text = QString::fromLatin1(request.done).replace(QLatin1String("%1"), argument);
-    }
-    return outcome;
-}
-
-Outcome status(BluetoothServiceProxy &service)
-{
-    QDBusPendingReply<int, bool, bool, QString> reply = service.GetStatus();
-    reply.waitForFinished();
-    if (reply.isError())
-        return errorOutcome(reply.error(), service);
-    const bool enabled = reply.argumentAt<1>();
-    const bool on = reply.argumentAt<2>();
-    const QString pin = reply.argumentAt<3>();
-    Outcome outcome = answerOutcome(reply.argumentAt<0>(), "the service has no status");
-    outcome.details.addFlag("enabled", enabled).addFlag("on", on).addText("pin", pin);
-    if (outcome.exitStatus == Done) {
-        outcome.text = QString::fromLatin1("Bluetooth   %1, %2\nPIN         %3")
-                           .arg(QLatin1String(enabled ? "enabled" : "disabled"),
-                                QLatin1String(on ? "on" : "off"), pin);
-    }
-    return outcome;
-}
-
-// The service answers when the start has begun, or had nothing to do, without telling which.
-Outcome switchOn(BluetoothServiceProxy &service, const CommandLine &line)
-{
-    StartWait start(&service);
-    const Request request = {
-        "on",
-        [](BluetoothServiceProxy &proxy, const CommandLine &) { return proxy.SetEnabled(true); },
-        "", StartOrStopInProgress};
-    Outcome outcome = runRequest(request, service, line);
+    const char *method = line.has("--all") ? "RemoveAllDevices" : line.command->method;
+    Outcome outcome = callService(bus, method, argumentsOf(line), timeoutOf(line), values);
     if (outcome.exitStatus != Done)
         return outcome;
-
-    QDBusPendingReply<int, bool, bool, QString> reply = service.GetStatus();
-    reply.waitForFinished();
-    if (reply.isError())
-        return errorOutcome(reply.error(), service);
-    bool on = reply.argumentAt<2>();
-    if (!on && line.wait) {
-        const int milliseconds = line.timeout ? line.timeout : StartTimeout;
-        switch (start.wait(milliseconds)) {
-        case StartWait::CameOn:
-            on = true;
-            break;
-        case StartWait::ServiceGone:
-            return failure(Unreachable, QLatin1String("the service ended before Bluetooth was on"),
-                           MissingServiceHint);
-        case StartWait::TimedOut:
-            return failure(NoAnswer,
-                           QString::fromLatin1("Bluetooth is not on after %1 seconds")
-                               .arg(milliseconds / 1000),
-                           "The service's log tells why: journalctl -t bluetoothmanager");
-        }
+    const int status = values->value(0).toInt();
+    outcome.details << jsonMember("status", status);
+    if (status == 0) {
+        const QString argument = line.has("--all") ? "every device" : line.argument;
+        outcome.text = QString(line.command->done).replace("%1", argument);
+        return outcome;
     }
-    outcome.details.addFlag("on", on);
-    outcome.text = QLatin1String(on ? "Bluetooth is on." : "Bluetooth is starting.");
+    outcome.exitStatus = Refused;
+    outcome.text = line.command->refused ? QString(line.command->refused)
+                                         : "pactl failed: " + wordsForWaitStatus(status);
+    return outcome;
+}
+
+Outcome status(const QDBusConnection &bus, const CommandLine &line)
+{
+    QVariantList values;
+    Outcome outcome = request(bus, line, &values);
+    if (outcome.exitStatus != Done)
+        return outcome;
+    const bool enabled = values.value(1).toBool();
+    const bool on = values.value(2).toBool();
+    const QString pin = values.value(3).toString();
+    outcome.text = QString("Bluetooth   %1, %2\nPIN         %3")
+                       .arg(enabled ? "enabled" : "disabled", on ? "on" : "off", pin);
+    outcome.details << jsonMember("enabled", enabled) << jsonMember("on", on)
+                    << jsonMember("pin", pin);
+    if (on)
+        addPhone(&outcome);
+    return outcome;
+}
+
+// The service answers when the start has begun, has failed or had nothing to do, without telling
+// which.
+Outcome switchOn(const QDBusConnection &bus, const CommandLine &line)
+{
+    StartWait start(bus);
+    QVariantList values;
+    Outcome outcome = request(bus, line, &values);
+    if (outcome.exitStatus != Done)
+        return outcome;
+    const Outcome after = callService(bus, "GetStatus", QVariantList(), timeoutOf(line), &values);
+    if (after.exitStatus != Done)
+        return after;
+    const bool wasOn = values.value(2).toBool();
+    const bool wait = line.has("--wait");
+    const int patience = !wait ? BriefStartTimeout : line.timeout ? line.timeout : StartTimeout;
+    const StartWait::Result result = wasOn ? StartWait::CameOn : start.wait(patience);
+    if (result == StartWait::Failed)
+        return failure(Refused, "Bluetooth did not come on", LogHint);
+    if (result == StartWait::ServiceGone)
+        return failure(Unreachable, "the service ended before Bluetooth was on", LogHint);
+    if (result == StartWait::Undecided && wait)
+        return failure(NoAnswer,
+                       QString("Bluetooth is not on after %1 seconds").arg(patience / 1000),
+                       LogHint);
+    const bool on = result == StartWait::CameOn;
+    outcome.text = on ? "Bluetooth is on." : "Bluetooth is starting.";
+    outcome.details << jsonMember("on", on);
     return outcome;
 }
 
 } // namespace
 
-Outcome withoutBus(const QDBusConnection &bus)
-{
-    return failure(
-        Unreachable, QString::fromLatin1("no session bus (%1)").arg(bus.lastError().message()),
-        "DBUS_SESSION_BUS_ADDRESS must hold the address of the service's bus; sudo drops "
-        "it.");
-}
-
 Outcome runCommand(const QDBusConnection &bus, const CommandLine &line)
 {
-    BluetoothServiceProxy service(QLatin1String(Names::Service), QLatin1String(Names::Object), bus);
-    const bool isStatus = line.command == QLatin1String("status");
-    service.setTimeout(line.timeout ? line.timeout : isStatus ? StatusTimeout : ChangeTimeout);
-    if (isStatus)
-        return status(service);
-    if (line.command == QLatin1String("on"))
-        return switchOn(service, line);
-    const Request *request = Requests;
-    while (line.command != QLatin1String(request->command))
-        ++request;
-    return runRequest(*request, service, line);
+    if (line.is("status"))
+        return status(bus, line);
+    if (line.is("on"))
+        return switchOn(bus, line);
+    QVariantList values;
+    return request(bus, line, &values);
 }
+
+#include "Commands.moc"

@@ -1,27 +1,24 @@
-// Every command but "watch": one request to the service and what came of it.
+// What the commands do.
 #ifndef COMMANDS_H
 #define COMMANDS_H
 
-#include <QtCore/QString>
 #include <QtDBus/QDBusConnection>
 
-#include "ExitStatus.h"
-#include "JsonObject.h"
+#include "Outcome.h"
 
 struct CommandLine;
 
-struct Outcome
-{
-    ExitStatus exitStatus;
-    QString text; ///< for people: the result when done, otherwise what went wrong
-    const char *hint; ///< for people: what to do about a failure; 0 when there is nothing to say
-    JsonObject details; ///< for scripts: what the service answered
-};
-
-/** What to tell when there is no session bus. */
-Outcome withoutBus(const QDBusConnection &bus);
-
-/** Carries out the command and waits for the service's answer. */
+/** Carries out any command but "watch", and waits for the service's answer. */
 Outcome runCommand(const QDBusConnection &bus, const CommandLine &line);
+
+/** Adds which phone is connected and whether it plays, or nothing where BlueZ may not be asked. */
+void addPhone(Outcome *outcome);
+
+/**
+ * Tells whether the service runs and then, line by line, its signals and its coming and going.
+ * Returns the exit status when the bus is gone or nobody reads any more; at SIGINT, SIGTERM, or
+ * when nothing can be written, the process ends.
+ */
+int watch(const QDBusConnection &bus, bool json);
 
 #endif

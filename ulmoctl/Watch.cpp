@@ -1,186 +1,131 @@
-#include "Watch.h"
-
-#include <errno.h>
-#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
-#include <string.h>
-#include <sys/time.h>
-#include <time.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDateTime>
 #include <QtCore/QSocketNotifier>
-#include <QtCore/QTimer>
 #include <QtDBus/QDBusConnectionInterface>
+#include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusServiceWatcher>
 
-#include "BluetoothServiceProxy.h"
-#include "ExitStatus.h"
+#include "Commands.h"
 #include "Names.h"
 
-namespace {
-
-// From the signal handler, in which nothing else is safe, to the event loop.
-int interruptPipe[2] = {-1, -1};
-
-void interrupt(int)
+class Watch : public QObject
 {
-    const int savedErrno = errno;
-    const ssize_t written = write(interruptPipe[1], "", 1);
-    (void)written; // a full pipe wakes the loop as well
-    errno = savedErrno;
-}
+    Q_OBJECT
 
-bool catchInterrupts()
+public:
+    Watch(QDBusConnection bus, bool json);
+
+private Q_SLOTS:
+    void signalCame(const QDBusMessage &signal);
+    void ownerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
+    void busLost();
+    void outputChanged();
+
+private:
+    void tellOwner();
+    void tell(const QString &event, const QString &text, const QStringList &details);
+
+    const bool m_json;
+    QString m_owner; // unique name of the service on the bus; empty while it does not run
+    QDBusServiceWatcher m_watcher;
+    QSocketNotifier m_output;
+};
+
+Watch::Watch(QDBusConnection bus, bool json)
+    : m_json(json)
+    , m_watcher(Names::Service, bus, QDBusServiceWatcher::WatchForOwnerChange)
+    , m_output(STDOUT_FILENO, QSocketNotifier::Read)
 {
-    if (pipe2(interruptPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        return false;
-    struct sigaction action;
-    memset(&action, 0, sizeof action);
-    action.sa_handler = interrupt;
-    action.sa_flags = SA_RESTART;
-    return sigaction(SIGINT, &action, 0) == 0 && sigaction(SIGTERM, &action, 0) == 0;
-}
-
-// As scripts want it, "2031-05-04T17:02:41.125+02:00", or as people read it, without the zone.
-QString localTime(bool json)
-{
-    timeval now;
-    gettimeofday(&now, 0);
-    tm local;
-    localtime_r(&now.tv_sec, &local);
-    char date[32];
-    strftime(date, sizeof date, json ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &local);
-    QString result = QString::fromLatin1("%1.%2")
-                         .arg(QLatin1String(date))
-                         .arg(int(now.tv_usec / 1000), 3, 10, QLatin1Char('0'));
-    if (json) {
-        char zone[8];
-        strftime(zone, sizeof zone, "%z", &local); // "+0200"
-        result += QString::fromLatin1(zone).insert(3, QLatin1Char(':'));
-    }
-    return result;
-}
-
-} // namespace
-
-Watch::Watch(const QDBusConnection &bus, bool json) : m_bus(bus), m_json(json) { }
-
-int Watch::run()
-{
-    if (!catchInterrupts()) {
-        perror("ulmoctl: cannot catch signals");
-        return Refused;
-    }
-    QSocketNotifier notifier(interruptPipe[0], QSocketNotifier::Read);
-    connect(&notifier, SIGNAL(activated(int)), SLOT(interrupted()));
-
-    const QString name = QLatin1String(Names::Service);
-    QDBusServiceWatcher watcher(name, m_bus, QDBusServiceWatcher::WatchForOwnerChange);
-    connect(&watcher, SIGNAL(serviceOwnerChanged(QString, QString, QString)),
+    connect(&m_output, SIGNAL(activated(int)), SLOT(outputChanged()));
+    connect(&m_watcher, SIGNAL(serviceOwnerChanged(QString, QString, QString)),
             SLOT(ownerChanged(QString, QString, QString)));
-    m_bus.connect(QString(), QLatin1String("/org/freedesktop/DBus/Local"),
-                  QLatin1String("org.freedesktop.DBus.Local"), QLatin1String("Disconnected"), this,
-                  SLOT(busLost()));
-
-    BluetoothServiceProxy service(name, QLatin1String(Names::Object), m_bus);
-    connect(&service, SIGNAL(BluetoothOn(bool)), SLOT(bluetoothOn(bool)));
-    connect(&service, SIGNAL(BluetoothPidChanged(QString)), SLOT(pinChanged(QString)));
-    connect(&service, SIGNAL(ConnectAudioDevice()), SLOT(audioDeviceConnected()));
-    connect(&service, SIGNAL(DisconnectAudioDevice()), SLOT(audioDeviceDisconnected()));
-    connect(&service, SIGNAL(NoPlayConnectedDevive()), SLOT(connectedDeviceSilent()));
-
-    QTimer::singleShot(0, this, SLOT(begin())); // in the loop, which it may have to end
-    return QCoreApplication::exec();
+    bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
+                "Disconnected", this, SLOT(busLost()));
+    // Without a name: every signal of the interface.
+    bus.connect(Names::Service, Names::Object, Names::Interface, QString(), this,
+                SLOT(signalCame(QDBusMessage)));
+    m_owner = bus.interface()->serviceOwner(Names::Service);
+    tellOwner();
 }
 
-void Watch::begin()
+void Watch::signalCame(const QDBusMessage &signal)
 {
-    m_owner = m_bus.interface()->serviceOwner(QLatin1String(Names::Service));
-    tellRunning();
+    const QVariant value = signal.arguments().value(0);
+    QStringList details;
+    if (value.isValid())
+        details << jsonMember(value.type() == QVariant::Bool ? "on" : "pin", value);
+    tell(signal.member(), value.toString(), details);
 }
 
-void Watch::bluetoothOn(bool on)
-{
-    tell("BluetoothOn", QLatin1String(on ? "true" : "false"), JsonObject().addFlag("on", on));
-}
-
-void Watch::pinChanged(const QString &pin)
-{
-    tell("BluetoothPidChanged", pin, JsonObject().addText("pin", pin));
-}
-
-void Watch::audioDeviceConnected()
-{
-    tell("ConnectAudioDevice", QString(), JsonObject());
-}
-
-void Watch::audioDeviceDisconnected()
-{
-    tell("DisconnectAudioDevice", QString(), JsonObject());
-}
-
-void Watch::connectedDeviceSilent()
-{
-    tell("NoPlayConnectedDevive", QString(), JsonObject());
-}
-
-// A service that gives way to another has gone and come, with all that was known of it.
 void Watch::ownerChanged(const QString &, const QString &, const QString &newOwner)
 {
-    if (newOwner == m_owner) // known since begin() asked
+    if (newOwner == m_owner) // known since the start
         return;
-    if (!m_owner.isEmpty() && !newOwner.isEmpty())
-        setOwner(QString());
-    setOwner(newOwner);
+    m_owner = newOwner;
+    tellOwner();
 }
 
 void Watch::busLost()
 {
-    fputs("ulmoctl: the session bus is gone\n", stderr);
+    fputs("ulmoctl: the bus is gone\n", stderr);
     QCoreApplication::exit(Unreachable);
 }
 
-void Watch::interrupted()
+// Whoever read the output has closed it; or there is something to read from it, as from a terminal.
+void Watch::outputChanged()
 {
-    QCoreApplication::exit(Done);
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    poll(&output, 1, 0);
+    if (output.revents & (POLLERR | POLLHUP))
+        QCoreApplication::exit(Done);
+    m_output.setEnabled(false);
 }
 
-void Watch::setOwner(const QString &owner)
-{
-    m_owner = owner;
-    tellRunning();
-}
-
-void Watch::tellRunning()
+void Watch::tellOwner()
 {
     const bool running = !m_owner.isEmpty();
-    tell("Service", QLatin1String(running ? "running" : "not running"),
-         JsonObject().addFlag("running", running));
+    tell("Service", running ? "running" : "not running",
+         QStringList(jsonMember("running", running)));
 }
 
-void Watch::tell(const char *event, const QString &text, const JsonObject &details)
+// The time as scripts want it, "2031-05-04T17:02:41.125+02:00", or as people read it.
+void Watch::tell(const QString &event, const QString &text, const QStringList &details)
 {
-    const QString time = localTime(m_json);
-    QByteArray line;
+    const QDateTime now = QDateTime::currentDateTime();
+    QString line;
     if (m_json) {
-        line = JsonObject()
-                   .addText("time", time)
-                   .addText("event", QLatin1String(event))
-                   .addMembers(details)
-                   .toUtf8();
+        QDateTime clock = now;
+        clock.setTimeSpec(Qt::UTC);
+        const int offset = int(now.secsTo(clock));
+        const QString time = now.toString("yyyy-MM-dd'T'hh:mm:ss.zzz") + (offset < 0 ? '-' : '+')
+            + QTime(0, 0).addSecs(qAbs(offset)).toString("hh:mm");
+        line = jsonObject(QStringList()
+                          << jsonMember("time", time) << jsonMember("event", event) << details);
     } else {
-        line = QString::fromLatin1("%1  %2  %3")
-                   .arg(time)
-                   .arg(QLatin1String(event), -21) // the longest
-                   .arg(text)
-                   .trimmed()
-                   .toUtf8();
+        const QString time = now.toString("yyyy-MM-dd hh:mm:ss.zzz");
+        line = QString("%1  %2  %3").arg(time).arg(event, -21).arg(text).trimmed(); // 21: longest
     }
-    puts(line.constData());
+    puts(line.toUtf8().constData());
     if (fflush(stdout) != 0) {
         perror("ulmoctl: cannot write");
-        QCoreApplication::exit(Refused);
+        exit(Refused);
     }
 }
+
+int watch(const QDBusConnection &bus, bool json)
+{
+    // Every line has been written out by the time the next one comes.
+    const auto endAtOnce = [](int) { _exit(Done); };
+    signal(SIGINT, endAtOnce);
+    signal(SIGTERM, endAtOnce);
+    Watch watch(bus, json);
+    return QCoreApplication::exec();
+}
+
+#include "Watch.moc"

@@ -2,56 +2,54 @@
 #include <stdio.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtDBus/QDBusConnection>
 
 #include "CommandLine.h"
 #include "Commands.h"
-#include "Watch.h"
+#include "Service.h"
 
 namespace {
 
 // Success goes to standard output and failure to standard error; for scripts, both to the former.
 void print(const Outcome &outcome, const CommandLine &line)
 {
-    if (line.json) {
-        JsonObject object;
-        object.addText("command", line.command)
-            .addNumber("exitStatus", outcome.exitStatus)
-            .addMembers(outcome.details);
-        if (outcome.exitStatus != Done)
-            object.addText("error", outcome.text);
-        puts(object.toUtf8().constData());
-    } else if (outcome.exitStatus == Done) {
+    const bool isDone = outcome.exitStatus == Done;
+    if (line.has("--json")) {
+        QStringList members;
+        members << jsonMember("command", line.command->name)
+                << jsonMember("exitStatus", outcome.exitStatus) << outcome.details;
+        if (!isDone)
+            members << jsonMember("error", outcome.text);
+        puts(jsonObject(members).toUtf8().constData());
+    } else if (isDone) {
         puts(outcome.text.toUtf8().constData());
     } else {
         fprintf(stderr, "ulmoctl: %s\n", outcome.text.toUtf8().constData());
-        if (outcome.hint)
-            fprintf(stderr, "%s\n", outcome.hint);
+        if (!outcome.hint.isEmpty())
+            fprintf(stderr, "%s\n", outcome.hint.toUtf8().constData());
     }
 }
 
-int run(int argc, char **argv)
+int run(const QStringList &arguments)
 {
-    if (argc == 1) {
+    if (arguments.isEmpty()) {
         fputs(HelpText, stderr);
         return WrongUsage;
     }
     CommandLine line;
-    if (!parseCommandLine(argc, argv, &line))
+    const QString mistake = parseCommandLine(arguments, &line);
+    if (!mistake.isEmpty()) {
+        fprintf(stderr, "ulmoctl: %s\nTry 'ulmoctl --help' for more information.\n",
+                mistake.toUtf8().constData());
         return WrongUsage;
-    if (line.wish == CommandLine::ShowHelp) {
-        fputs(HelpText, stdout);
-        return Done;
     }
-    if (line.wish == CommandLine::ShowVersion) {
-        puts("ulmoctl " ULMOCTL_VERSION);
+    if (!line.command) {
+        fputs(line.has("--version") ? "ulmoctl " ULMOCTL_VERSION "\n" : HelpText, stdout);
         return Done;
     }
 
-    QCoreApplication application(argc, argv);
-    const QDBusConnection bus = QDBusConnection::sessionBus();
-    if (bus.isConnected() && line.command == QLatin1String("watch"))
-        return Watch(bus, line.json).run();
+    const QDBusConnection bus = connectToBus();
+    if (bus.isConnected() && line.is("watch"))
+        return watch(bus, line.has("--json"));
     const Outcome outcome = bus.isConnected() ? runCommand(bus, line) : withoutBus(bus);
     print(outcome, line);
     return outcome.exitStatus;
@@ -61,7 +59,8 @@ int run(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-    const int status = run(argc, argv);
+    QCoreApplication application(argc, argv);
+    const int status = run(application.arguments().mid(1));
     if (fflush(stdout) != 0) {
         perror("ulmoctl: cannot write");
         return Refused;
