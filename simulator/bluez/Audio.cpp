@@ -52,7 +52,9 @@ bool Audio::handle(const Call &call)
 
 void Audio::connectCalled(const Call &call)
 {
-    if (m_phase == Phase::Dying && m_refusesConnect) {
+    // By the clock, since the timer may be late on a busy machine.
+    const bool isEarly = m_disconnected.isValid() && m_disconnected.elapsed() < DisconnectNoticed;
+    if (m_phase == Phase::Dying && isEarly) {
         m_hasDeadSession = true;
         if (m_device.adapter().backend == Adapter::Backend::RawHci)
             call.fail("AlreadyConnected");
@@ -279,12 +281,14 @@ void Audio::wait(const Timer::Action &then)
 void Audio::linkLost(bool byUnit)
 {
     m_phase = Phase::Dying;
-    m_refusesConnect = byUnit;
     m_device.adapter().releaseSink(&m_device);
-    if (byUnit)
+    if (byUnit) {
+        m_disconnected.start();
         m_next.startReal(DisconnectNoticed, [this] { end(1); });
-    else
+    } else {
+        m_disconnected.invalidate();
         m_next.start(HangUpNoticed, [this] { end(1); });
+    }
 }
 
 void Audio::noticeHangUp()

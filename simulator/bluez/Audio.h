@@ -4,6 +4,8 @@
 #include "Bus.h"
 #include "Timer.h"
 
+#include <QElapsedTimer>
+
 #include <optional>
 
 class Device;
@@ -75,7 +77,7 @@ private:
     QString m_state {"disconnected"};
     Phase m_phase = Phase::Idle;
     bool m_isAuthorised = false; ///< by the agent, for the life of the device
-    bool m_refusesConnect = false; ///< while dying
+    QElapsedTimer m_disconnected; ///< since the unit has ended the link, while dying of that
     bool m_hasDeadSession = false; ///< after a Connect that was refused
     std::optional<Call> m_connect;
     Timer m_next; ///< what happens next by itself

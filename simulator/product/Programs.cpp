@@ -1,12 +1,13 @@
 #include "Programs.h"
 
 #include "Buses.h"
-#include "Stub.h"
 #include "bluez/BlueZ.h"
 #include "core/Faults.h"
+#include "core/Journal.h"
 #include "sound/Sound.h"
 
 #include <QDir>
+#include <QJsonArray>
 #include <QSocketNotifier>
 #include <QTimer>
 
@@ -23,6 +24,7 @@ const char SocketPath[] = "/run/product/stubs";
 const QString ProgramFolder = QStringLiteral("/run/product/bin/");
 const QString RealPrograms = QStringLiteral("/run/product/host/bin/");
 const QString PulseFolder = QStringLiteral("/var/run/pulse/");
+const QStringList Daemons {"bluetoothd", "agent", "pulseaudio"};
 const int EndMs = 20; ///< from SIGTERM to the end of a daemon; the real ones take 10 to 50
 
 /// As a real one answers "browse local". The service cuts the record's number out of it by the
@@ -35,7 +37,59 @@ Service Class ID List:
   "Generic Audio" (0x1203)
 )";
 
+const char *laneOf(const QString &program)
+{
+    if (program == "bluetoothd")
+        return "bluez";
+    if (program == "agent")
+        return "agent";
+    return program == "pulseaudio" || program == "pactl" ? "pulse" : "tool";
+}
+
 } // namespace
+
+/// A program as long as it lives: our end of the socket of its stub.
+struct Programs::Stub : QSocketNotifier
+{
+    Stub(int socket, QObject *parent) : QSocketNotifier(socket, Read, parent)
+    {
+        ucred peer = {};
+        socklen_t size = sizeof peer;
+        getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+        pid = peer.pid;
+    }
+    ~Stub() override
+    {
+        setEnabled(false);
+        ::close(int(socket()));
+    }
+
+    /// Gives an order of stub.c.
+    void order(const QStringList &texts) const
+    {
+        const QByteArray packet = texts.join(QChar('\0')).toUtf8() + '\0';
+        ::send(int(socket()), packet.constData(), size_t(packet.size()), MSG_NOSIGNAL);
+    }
+    void exit(int status)
+    {
+        endsBy = "status";
+        endCode = status;
+        order({"exit", QString::number(status)});
+    }
+    void endBy(int signal)
+    {
+        endCode = signal;
+        order({"signal", QString::number(signal)});
+    }
+
+    qint64 pid = 0;
+    QString name;
+    QString hostName; ///< its environment variable BLUEZHOSTNAME
+    QStringList arguments;
+    bool ignoresTerm = false;
+    QString endsBy = "signal"; ///< or "status"; empty of a real program, which tells nobody
+    int endCode = SIGKILL; ///< of SIGTERM it tells
+};
 
 Programs::Programs(Journal &journal, Faults &faults, BlueZ &bluez, Sound &sound, bool realPulse)
     : m_journal(journal), m_faults(faults), m_bluez(bluez), m_sound(sound), m_realPulse(realPulse)
@@ -79,18 +133,10 @@ void Programs::accept()
 {
     int socket = -1;
     while ((socket = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
-        auto *stub = new Stub(socket, m_journal, this);
+        auto *stub = new Stub(socket, this);
         m_stubs.append(stub);
-        connect(stub, &Stub::aboutToSpeak, this, &Programs::aboutToSpeak);
-        connect(stub, &Stub::started, this, [this, stub] { started(stub); });
-        connect(stub, &Stub::terminationRequested, this, [=] { terminationRequested(stub); });
-        connect(stub, &Stub::ended, this, [this, stub] { ended(stub); });
-        connect(stub, &Stub::programEnded, this, [this, stub](int status) {
-            if (status == 0 && stub->arguments().contains("module-bluetooth-discover"))
-                m_sound.discovered();
-            stub->exit(status);
-        });
-        stub->read();
+        connect(stub, &Stub::activated, this, [this, stub] { read(stub); });
+        read(stub);
     }
 }
 
@@ -99,7 +145,64 @@ void Programs::catchUp()
     accept();
     const QList<Stub *> stubs = m_stubs;
     for (Stub *stub : stubs)
-        stub->read();
+        read(stub);
+}
+
+void Programs::read(Stub *stub)
+{
+    char packet[65536];
+    ssize_t size = 0;
+    while ((size = ::recv(int(stub->socket()), packet, sizeof packet, MSG_DONTWAIT)) > 0) {
+        QStringList texts = QString::fromUtf8(packet, int(size)).split(QChar('\0'));
+        texts.removeLast();
+        if (stub->name.isEmpty()) {
+            stub->name = texts.takeFirst();
+            stub->hostName = texts.takeFirst();
+            stub->arguments = texts;
+            emit aboutToSpeak();
+            recordStart(*stub);
+            started(stub);
+        } else if (texts.value(0) == "term") {
+            emit aboutToSpeak();
+            terminationRequested(stub);
+        } else {
+            const int status = texts.value(1).toInt();
+            if (status == 0 && stub->arguments.contains("module-bluetooth-discover"))
+                m_sound.discovered();
+            stub->exit(status);
+        }
+    }
+    const bool isGone = size == 0 || (errno != EAGAIN && errno != EINTR);
+    if (isGone && m_stubs.removeOne(stub)) {
+        stub->setEnabled(false);
+        stub->deleteLater();
+        ended(stub);
+    }
+}
+
+void Programs::recordStart(const Stub &stub)
+{
+    const QString mark = Daemons.contains(stub.name) ? "& " : "$ ";
+    m_journal.record(laneOf(stub.name), "start",
+                     mark + (QStringList {stub.name} + stub.arguments).join(' '),
+                     {{"program", stub.name},
+                      {"pid", stub.pid},
+                      {"arguments", QJsonArray::fromStringList(stub.arguments)}});
+}
+
+void Programs::recordEnd(const Stub &stub)
+{
+    QStringList words {".", stub.name};
+    if (!Daemons.contains(stub.name))
+        words += stub.arguments;
+    words.append("ended");
+    QJsonObject facts {{"program", stub.name}, {"pid", stub.pid}};
+    if (!stub.endsBy.isEmpty()) {
+        words.append(stub.endsBy == "status" ? "with status" : "by signal");
+        words.append(QString::number(stub.endCode));
+        facts.insert(stub.endsBy, stub.endCode);
+    }
+    m_journal.record(laneOf(stub.name), "end", words.join(' '), facts);
 }
 
 void Programs::updatePresence()
@@ -115,11 +218,16 @@ void Programs::updatePresence()
 
 QString Programs::kill(const QString &program, int signal)
 {
-    for (auto stub = m_stubs.crbegin(); stub != m_stubs.crend(); ++stub) {
-        if ((*stub)->name() == program) {
-            (*stub)->kill(signal);
-            return {};
+    for (auto place = m_stubs.crbegin(); place != m_stubs.crend(); ++place) {
+        Stub *stub = *place;
+        if (stub->name != program)
+            continue;
+        if (signal != SIGTERM && signal != SIGSTOP && signal != SIGCONT) {
+            stub->endsBy = "signal";
+            stub->endCode = signal;
         }
+        ::kill(pid_t(stub->pid), signal);
+        return {};
     }
     return program + " is not running";
 }
@@ -140,7 +248,7 @@ void Programs::systemBusLost()
 
 void Programs::started(Stub *stub)
 {
-    const Faults::Behaviour fault = m_faults.next(stub->name(), stub->arguments().join(' '));
+    const Faults::Behaviour fault = m_faults.next(stub->name, stub->arguments.join(' '));
     if (fault.name == "exit") {
         stub->exit(fault.number());
     } else if (fault.name == "crash") {
@@ -149,14 +257,14 @@ void Programs::started(Stub *stub)
         QTimer::singleShot(fault.number(), stub, [this, stub] { carryOut(stub); });
     } else if (fault.name != "hang") {
         if (fault.name == "ignore-term")
-            m_ignoringTerm.append(stub);
+            stub->ignoresTerm = true;
         carryOut(stub);
     }
 }
 
 void Programs::carryOut(Stub *stub)
 {
-    const QString name = stub->name();
+    const QString name = stub->name;
     if (name == "bluetoothd" || name == "agent") {
         startOnBus(stub);
     } else if (name == "pulseaudio") {
@@ -167,14 +275,14 @@ void Programs::carryOut(Stub *stub)
         runSdptool(stub);
     } else {
         if (name == "hciconfig")
-            m_bluez.hciconfig(stub->arguments());
+            m_bluez.hciconfig(stub->arguments);
         stub->exit(0);
     }
 }
 
 void Programs::startOnBus(Stub *stub)
 {
-    const bool isAgent = stub->name() == "agent";
+    const bool isAgent = stub->name == "agent";
     Stub *&place = isAgent ? m_agent : m_bluetoothd;
     // There can be one at a time, and none without a bus.
     if (place || !Buses::connection("system", "probe").isConnected()) {
@@ -183,44 +291,46 @@ void Programs::startOnBus(Stub *stub)
     }
     place = stub;
     if (isAgent)
-        m_bluez.startAgent(stub->pid(), stub->arguments());
+        m_bluez.startAgent(stub->pid, stub->arguments);
     else
-        m_bluez.start(stub->pid(), stub->hostName());
+        m_bluez.start(stub->pid, stub->hostName);
 }
 
 void Programs::startPulseaudio(Stub *stub)
 {
     m_pulse = stub;
     if (m_realPulse) {
-        stub->become(RealPrograms + stub->name(), qEnvironmentVariable("PRODUCT_ONE_GROUP"));
+        stub->endsBy.clear();
+        stub->order(
+            {"become", RealPrograms + stub->name, qEnvironmentVariable("PRODUCT_ONE_GROUP")});
         return;
     }
     QDir().mkpath(PulseFolder);
     QFile pidFile(PulseFolder + "pid");
     if (pidFile.open(QIODevice::WriteOnly))
-        pidFile.write(QByteArray::number(stub->pid()) + '\n');
+        pidFile.write(QByteArray::number(stub->pid) + '\n');
 }
 
 void Programs::runSdptool(Stub *stub)
 {
-    const QStringList arguments = stub->arguments();
+    const QStringList arguments = stub->arguments;
     if (arguments.value(0) == "browse")
-        stub->print(Browsed);
+        stub->order({"print", Browsed});
     const bool fails = arguments.value(0) == "del" && !arguments.value(1).startsWith("0x");
     stub->exit(fails ? 255 : 0);
 }
 
 void Programs::runPactl(Stub *stub)
 {
-    const QStringList arguments = stub->arguments();
+    const QStringList arguments = stub->arguments;
     const bool isLoad = arguments.value(0) == "load-module";
     if (m_realPulse) {
-        stub->run(RealPrograms + stub->name());
+        stub->order({"run", RealPrograms + stub->name});
     } else if (!m_pulse || (isLoad && !loadModule(arguments))) {
         stub->exit(1);
     } else {
         if (isLoad)
-            stub->print(QString::number(m_nextModule++) + '\n');
+            stub->order({"print", QString::number(m_nextModule++) + '\n'});
         const bool needsLoopback = arguments.value(0).startsWith("set-source-output-");
         stub->exit(needsLoopback && m_loopback.isEmpty() ? 1 : 0);
     }
@@ -251,7 +361,7 @@ void Programs::setLoopback(const QString &source)
 
 void Programs::terminationRequested(Stub *stub)
 {
-    if (m_ignoringTerm.contains(stub))
+    if (stub->ignoresTerm)
         return;
     if (stub == m_bluetoothd) {
         m_bluez.stop(true);
@@ -270,8 +380,8 @@ void Programs::terminationRequested(Stub *stub)
 
 void Programs::ended(Stub *stub)
 {
-    m_stubs.removeOne(stub);
-    m_ignoringTerm.removeOne(stub);
+    if (!stub->name.isEmpty())
+        recordEnd(*stub);
     if (stub == m_bluetoothd) {
         m_bluetoothd = nullptr;
         m_bluez.stop(false);

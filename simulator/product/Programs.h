@@ -9,7 +9,6 @@ class BlueZ;
 class Faults;
 class Journal;
 class Sound;
-class Stub;
 
 /// The programs of the board that the service starts. Each does what it has to do by its name, or
 /// does wrong as the faults say.
@@ -34,13 +33,19 @@ public:
     void systemBusLost();
 
 signals:
-    /// See Stub.
+    /// A program has just started, or is told to end: what the service has said before that goes
+    /// to the journal first.
     void aboutToSpeak();
     /// The scripted PulseAudio has taken the phone's stream, or has left it.
     void streamTaken(bool taken);
 
 private:
+    struct Stub;
+
     void accept();
+    void read(Stub *stub);
+    void recordStart(const Stub &stub);
+    void recordEnd(const Stub &stub);
     void started(Stub *stub);
     void carryOut(Stub *stub);
     void startOnBus(Stub *stub);
@@ -60,7 +65,6 @@ private:
     int m_socket = -1;
     QMap<QString, QString> m_files; ///< program -> what its file links to
     QList<Stub *> m_stubs; ///< in the order of their start
-    QList<Stub *> m_ignoringTerm;
     Stub *m_bluetoothd = nullptr; ///< the one that serves, and so on
     Stub *m_agent = nullptr;
     Stub *m_pulse = nullptr;
