@@ -69,8 +69,8 @@ debian_changelog() {
     date=$(sed -n "s/^## \[$version\] - //p" "$root/CHANGELOG.md")
     [ -n "$date" ] || fail "CHANGELOG.md has no entry for version $version"
     printf 'ulmo-bluetoothmanager (%s) bookworm; urgency=medium\n\n' "$version"
-    sed -n "/^## \[$version\]/,/^## /s/^\(- \|  \)/  &/p" "$root/CHANGELOG.md" | sed 's/^  - /  * /'
-    printf '\n -- Maintainers of ulmo-bluetoothmanager <bluetoothmanager@ulmo.example>  %s\n' \
+    sed -nE "/^## \[$version\]/,/^## /{s/^  /    /p; s/^- /  * /p}" "$root/CHANGELOG.md"
+    printf '\n -- %s  %s\n' "$(sed -n 's/^Maintainer: //p' "$root/packaging/debian/control")" \
         "$(date --utc --rfc-email --date "$date")"
 }
 

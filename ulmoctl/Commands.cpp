@@ -127,14 +127,14 @@ Outcome request(const QDBusConnection &bus, const CommandLine &line, QVariantLis
         return outcome;
     const int status = values->value(0).toInt();
     outcome.details << jsonMember("status", status);
-    if (status == 0) {
-        const QString argument = line.has("--all") ? "every device" : line.argument;
-        outcome.text = QString(line.command->done).replace("%1", argument);
-        return outcome;
-    }
-    outcome.exitStatus = Refused;
-    outcome.text = line.command->refused ? QString(line.command->refused)
-                                         : "pactl failed: " + wordsForWaitStatus(status);
+    outcome.exitStatus = status == 0 ? Done : Refused;
+    if (status != 0 && line.command->refused)
+        outcome.text = line.command->refused;
+    else if (status != 0)
+        outcome.text = "pactl failed: " + wordsForWaitStatus(status);
+    else
+        outcome.text = QString(line.command->done)
+                           .replace("%1", line.has("--all") ? "every device" : line.argument);
     return outcome;
 }
 

@@ -21,10 +21,7 @@ QString quoted(const QString &text)
 
 Outcome failure(ExitStatus exitStatus, const QString &text, const QString &hint)
 {
-    Outcome outcome;
-    outcome.exitStatus = exitStatus;
-    outcome.text = text;
-    outcome.hint = hint;
+    const Outcome outcome = {exitStatus, text, hint, QStringList()};
     return outcome;
 }
 

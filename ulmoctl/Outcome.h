@@ -15,7 +15,7 @@ enum ExitStatus {
 
 struct Outcome
 {
-    ExitStatus exitStatus = Done;
+    ExitStatus exitStatus;
     QString text; ///< the result when done, otherwise what went wrong
     QString hint; ///< what to do about a failure; empty when there is nothing to say
     QStringList details; ///< what the service answered, as members of a JSON object

@@ -141,7 +141,7 @@ void TestUlmoctl::session()
 void TestUlmoctl::play(const QString &line)
 {
     const QString rest = line.mid(2);
-    switch (line.at(0).unicode()) {
+    switch (line.mid(1, 1) == "-" ? 0 : line.at(0).unicode()) { // "--json" is read
     case '$':
         return start(rest);
     case '>':
