@@ -49,7 +49,7 @@ void Call::fail(const QString &error, const QString &text) const
 void Call::failUnknown(bool hasObject) const
 {
     const QString error = hasObject ? "UnknownMethod" : "UnknownObject";
-    const QString text = "Method \"%1\" with signature \"%2\" on interface \"%3\" doesn't exist\n";
+    const QString text = "Method \"%1\" with signature \"%2\" on interface \"%3\" doesn't exist";
     fail("org.freedesktop.DBus.Error." + error,
          text.arg(m_message.member(), m_message.signature(), m_message.interface()));
 }
