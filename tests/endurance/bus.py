@@ -139,8 +139,9 @@ class StandIn(threading.Thread):
             at = call.index(SENDER) + len(SENDER)
             right = next((answer for member, answer in self._answers.items()
                           if member.encode() in call), ("", []))
+            signature, values = garbage.choice([right, (garbage.types(3), [])])
             error = garbage.choice(["", "", "org.example.Odd"])
-            self.peer.send(ERROR if error else REPLY, *garbage.choice([right, (garbage.types(3), [])]),
-                           error_name=error, destination=call[at + 4:at + 4 + call[at]].decode(),
+            self.peer.send(ERROR if error else REPLY, signature, values, error_name=error,
+                           destination=call[at + 4:at + 4 + call[at]].decode(),
                            reply_serial=int.from_bytes(call[8:12], "little"))
             self.given += 1

@@ -25,7 +25,7 @@ TAIL = 60  # lines of the journal that a failure shows
 # early. SOURCE is the phone whose audio changed last before the beginning.
 PURPOSES = {
     "PulseAudio comes up": (
-        r"try to start pulseaudio for ", r"there is step to start |stop pulseaudio because not used",
+        r"try to start pulseaudio for ", r"there is step to start |stop pulseaudio because",
         r"wait pulseaudio |\S*pactl load-module ", 0),
     "BlueZ comes up": (r"bluez started and wait registration", r"bluez service registered",
                        r"bluez service timeout", 14.2),

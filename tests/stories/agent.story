@@ -36,10 +36,7 @@ after 9.4 to 20 s
 + Bluetooth is switched off
 + the stack goes down
 @ BluetoothOn false
-+ Bluetooth is switched on
-4 Enable SAVED (true)
-+ the stack comes up
-nothing else
++ Bluetooth is switched on anew
 
 == Switching off does not end the attempts to start the agent
 + the agent is taken away

@@ -53,7 +53,7 @@ after 0.09 to 5 s
 + anna is linked
 @ ConnectAudioDevice
 @ PlayBluetooth
-nothing else of 1 2 @
+nothing else of 1 2
 
 == Modules that do not load are told, and not fatal
 + there is anna
@@ -94,7 +94,7 @@ for state, signal, told, ends
 # Stopped with the device, and once more.
 + nobody is played
 + nobody is played
-nothing else
+nothing else of 1 2 $ > @
 + all is well again
 - phone anna connect
 4 try to start pulseaudio for {anna}

@@ -11,7 +11,8 @@ in BluetoothManager.cpp bluetoothobj void BluetoothManager::DevicePropertyChange
 > Device.GetProperties anna
 + anna is made again
 + anna is played
-nothing else
+# What the phone had begun before it was dropped may be told afterwards.
+nothing else of > @ &
 
 == A new phone is trusted, and connected again after a while ({backend}, {traits})
 for backend, traits
@@ -109,12 +110,13 @@ nothing else
 nothing else
 + anna comes
 
-== A phone that cannot be trusted is played all the same
-+ Bluetooth is on
-- phone add anna known
+== A phone that can neither be asked about its trust nor be trusted is played all the same
++ there is anna
+- fault bluez:Device.GetProperties error
 - fault bluez:Device.SetProperty error
 - phone anna connect
-2 trust for {anna} is false
+4 IsTrustDevice {anna}
+2 error reading trust for {anna}
 4 load timer for reconnect
 4 trust {anna} true
 2 error trusting {anna}
@@ -124,17 +126,6 @@ nothing else
 2 error trusting {anna}
 @ PlayBluetooth
 
-== A phone that cannot be asked whether it is trusted is taken for a new one
-+ there is anna
-- fault bluez:Device.GetProperties error
-- phone anna connect
-4 IsTrustDevice {anna}
-2 error reading trust for {anna}
-4 load timer for reconnect
-4 trust {anna} true
-4 reconnect
-@ PlayBluetooth
-
 == A second phone is refused, and the first is not disturbed ({state}, {backend})
 for state, backend, first, second
 | accepted | mgmt | 4 DevicePropertyChanged but not for me, disconnect !! | 4 disconnect device because there is another
@@ -142,7 +133,7 @@ for state, backend, first, second
 | playing | hci other | 4 disconnect device because there is another | 4 DevicePropertyChanged but not for me, disconnect !!
 + anna is {state}
 - backend {backend}
-- phone add berta
+- phone add berta trusted
 - phone berta connect
 {first}
 4 Disconnect {berta}
@@ -150,8 +141,8 @@ for state, backend, first, second
 {second}
 4 Disconnect {berta}
 > Device.Disconnect berta
+2 disconnectDevice {berta} error disconnectiong*
 * berta link-down
-~ berta AudioSource.State disconnected
 nothing else
 = 0 true true 7351
 - phone anna leave
@@ -177,19 +168,11 @@ nothing else
 nothing else
 + berta comes
 
-== The end of a link that never was is no sign of a phone
-+ there is anna
-- phone add berta trusted
-- signal {anna} org.bluez.Device.PropertyChanged s:Connected v:b:false
-nothing else
-+ berta comes
-
 == A phone goes away, its sound ends, and it can come again ({state}, {backend}, {how})
 for state, backend, how, ends
 | polling | mgmt | leave | the sound that was to come ends
-| linking | hci other | drop | the sound that was to come ends
+| linking | hci | drop | the sound that was to come ends
 | streaming | mgmt | out-of-range | the sound ends
-| playing | hci | leave | the sound ends
 + anna is {state}
 - backend {backend}
 - phone anna {how}

@@ -50,8 +50,6 @@ nothing else
 > Adapter.RemoveDevice hci0 anna
 > Adapter.RemoveDevice hci0 berta
 ! RemoveAllDevices 0
-~ hci0 Adapter.DeviceRemoved carla
-~ hci0 Adapter.DeviceRemoved berta
 never ~ hci0 Adapter.DeviceRemoved anna
 
 == Forgetting phones does not wait for BlueZ
@@ -73,8 +71,9 @@ with timescale 0.15
 - forget 00:1A:7D:DA:71:13
 ! RemoveDevice 0
 4 removeDevice {anna} Remove Device, pair again
+> Adapter.RemoveDevice hci0 anna
 + anna is gone
-nothing else of > @ 2
+nothing else of 2 > @
 - phone anna forget
 + anna comes
 
@@ -109,7 +108,6 @@ never > Adapter.RemoveDevice *
 for state, ends
 | accepted |
 | polling | + the sound that was to come ends
-| playing | + the sound ends
 + anna is {state}
 - disconnect
 4 DisconnectDevice
@@ -119,7 +117,7 @@ for state, ends
 {ends}
 + nobody is played
 ! DisconnectDevice 0
-nothing else
+nothing else of 1 2 9 $ & > @
 - disconnect
 4 DisconnectDevice
 ! DisconnectDevice 1

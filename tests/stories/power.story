@@ -3,10 +3,9 @@
 
 == The phone that is {state} is dropped at {event}, and the stack stays
 for event, state, log, saved, ends
-| suspend | accepted | 2 [!] ULMO IS SUSPENDING | |
 | suspend | polling | 2 [!] ULMO IS SUSPENDING | | + the sound that was to come ends
 | shutdown | playing | 2 [!] ULMO IS SHUTTING DOWN: save status | + all is saved already | + the sound ends
-| reboot | playing | 2 [!] ULMO IS REBOOTING: save status | + all is saved already | + the sound ends
+| reboot | accepted | 2 [!] ULMO IS REBOOTING: save status | + all is saved already |
 + anna is {state}
 - platform {event} power key
 {log}
@@ -17,7 +16,7 @@ for event, state, log, saved, ends
 {ends}
 + nobody is played
 + nobody is played
-nothing else
+nothing else of 1 2 9 $ & > @
 = 0 true true 7351
 
 == Settings are saved at {event}, unless the product restores them
@@ -61,7 +60,7 @@ nothing else
 + the stack goes down
 + the sound that was to come ends
 + the service has stopped
-never > *
+never > Device.*
 everything ends
 
 == A stranger's events are nobody's

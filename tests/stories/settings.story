@@ -36,8 +36,6 @@ with environment ULMO_BT_ENABLE={variable}
 for value, variable, force, pin, saved
 | 0042 | | | 0042 | 4 PID (0042) not saved because already saved
 | 12345 | | | 7351 | 4 PID SAVED (7351)
-| | | | 7351 | 4 PID SAVED (7351)
-| ١٢٣٤ | | | ١٢٣٤ | 4 PID (١٢٣٤) not saved because already saved
 | 1234 | 1234 | 4 force PID for ULMO_BT_PID | 1234 | 4 PID SAVED (1234)
 | 0042 | 12a4 | 4 force PID for ULMO_BT_PID | 7351 | 4 PID SAVED (7351)
 with setting bt-enable 0

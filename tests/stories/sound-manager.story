@@ -2,7 +2,6 @@
 
 == A request to play that is {answer} changes nothing else
 for answer, fault, request, log
-| granted | fault clear soundmanager | @ PlayBluetooth |
 | refused | fault soundmanager refuse | @ PlayBluetooth | 2 error enabling sound manager for bluetooth play
 | not possible | fault soundmanager absent | | 2 error enabling sound manager for bluetooth play
 + anna is linking
@@ -17,7 +16,6 @@ nothing else of 1 2 @ >
 
 == A request to stop that is {answer} changes nothing else when nobody is held
 for answer, fault, request, log
-| granted | fault clear soundmanager | @ StopPlay bluetooth "" |
 | refused | fault soundmanager refuse | @ StopPlay bluetooth "" | 2 error enabling sound manager for bluetooth play so disconnect
 | not possible | fault soundmanager absent | | 2 error enabling sound manager for bluetooth play
 + anna is playing
@@ -66,6 +64,5 @@ after 24 to 40 s
 - phone anna connect
 @ PlayBluetooth
 < StopPlay Failed *
---
-- call DisconnectDevice => 0
 never 2 error enabling sound manager for bluetooth play so disconnect
+- call DisconnectDevice => 0

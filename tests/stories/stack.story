@@ -3,10 +3,7 @@
 == Bluetooth is switched on and off, and nothing is left of it
 + the service runs with Bluetooth off
 = 0 false false 7351
-+ Bluetooth is switched on
-4 Enable SAVED (true)
-+ the stack comes up
-nothing else
++ Bluetooth is switched on anew
 settings bt-enable=1
 + Bluetooth is switched on
 4 Enable (true) not saved because already saved
@@ -44,10 +41,7 @@ nothing else
 - call DisconnectDevice => 1
 4 DisconnectDevice
 nothing else
-+ Bluetooth is switched on
-4 Enable SAVED (true)
-+ the stack comes up
-nothing else
++ Bluetooth is switched on anew
 - phone add berta trusted
 + berta comes
 
@@ -99,10 +93,7 @@ $ hciconfig hci0 down
 nothing else
 = 0 true false 7351
 + all is well again
-+ Bluetooth is switched on
-4 Enable (true) not saved because already saved
-+ the stack comes up
-nothing else
++ Bluetooth is switched on again
 
 == Bluetooth stays off without its agent, and can be switched on later
 + the service runs with Bluetooth off
@@ -119,10 +110,7 @@ nothing else
 nothing else
 = 0 true false 7351
 + all is well again
-+ Bluetooth is switched on
-4 Enable (true) not saved because already saved
-+ the stack comes up
-nothing else
++ Bluetooth is switched on again
 
 == Bluetooth is given up when its daemon does not get onto the bus within 15 s
 with fault bluetoothd no-name
@@ -133,20 +121,17 @@ in BluetoothManager.cpp bluetoothobj void BluetoothManager::timeoutStartBluez()
 + the stack goes down without an agent
 = 0 true false 7351
 + all is well again
-+ Bluetooth is switched on
-4 Enable (true) not saved because already saved
-+ the stack comes up
-nothing else
++ Bluetooth is switched on again
 
-== Switching is refused while Bluetooth is being switched on ({word})
-for command, word
-| enable | true
-| disable | false
+== Switching is refused while Bluetooth is being switched on
 with fault bluetoothd no-name
 + bluetoothd runs
-- {command}
-4 [DBUS|Internal] SetEnabled({word}) requested
-2 [DBUS|Internal] SetEnabled({word}) requested but there is already one in progress action
+- {enable|disable}
+4 [DBUS|Internal] SetEnabled(true) requested
+2 [DBUS|Internal] SetEnabled(true) requested but there is already one in progress action
+! SetEnabled 1
+4 [DBUS|Internal] SetEnabled(false) requested
+2 [DBUS|Internal] SetEnabled(false) requested but there is already one in progress action
 ! SetEnabled 1
 nothing else
 = 0 true false 7351

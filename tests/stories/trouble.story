@@ -16,17 +16,13 @@ never 4 *PropertyChanged (*){*
 4 start/restart timer for no play
 nothing else
 
-== What BlueZ says is taken as a text, and only "true" is connected ({value})
-for value
-| s:false
-| s:True
-| i:1
+== What BlueZ says is taken as a text, and only "true" is connected
 + anna is playing
 - signal {anna} org.bluez.Device.PropertyChanged s:Connected v:s:true
 4 DevicePropertyChanged (org.bluez.Device){anna} Connected=true
 4 Device {anna} CONNECTED AND ACCEPTED
 nothing else
-- signal {anna} org.bluez.Device.PropertyChanged s:Connected v:{value}
+- signal {anna} org.bluez.Device.PropertyChanged s:Connected v:s:True
 + anna is gone
 nothing else
 
@@ -52,20 +48,18 @@ nothing else
 - phone anna connect
 4 Device {anna} CONNECTED AND ACCEPTED
 
-== A call that BlueZ does not live to answer has failed ({call})
-for call, object, line, first, last
-| Device.GetProperties | anna | phone anna connect | 2 error reading trust for {anna} | 2 error trusting {anna}
-| Device.Disconnect | anna | phone anna connect | 2 disconnectDevice {anna} error disconnectiong | 2 connectAudioSource {anna} connected but error on it
-| Adapter.ListDevices | hci0 | forget all | 4 error listing device on {adapter} | ! RemoveAllDevices 0
+== A call that BlueZ does not live to answer has failed, and so has the next one
 + there is anna
-- fault bluez:{call} never
--& {line}
-> {call} {object}
+- fault bluez:Device.Disconnect never
+- phone anna connect
+> Device.Disconnect anna
 # For the next daemon; this call stays unanswered.
 - fault clear bluez
 - kill bluetoothd
-{first}*
-{last}
+2 disconnectDevice {anna} error disconnectiong 
++ anna is let go
+4 connectAudioSource {anna}
+2 connectAudioSource {anna} connected but error on it
 2 bluezDown down 9 crash
 + Bluetooth is on
 + anna comes
@@ -91,4 +85,7 @@ after 24 to 40 s
 ! SetPid 0
 + Bluetooth is on
 never 4 DevicePropertyChanged (org.bluez.Device){berta} *
+# Nor is it a first sign of a phone.
+- phone carla pin 1234
+- phone carla forget
 + carla comes

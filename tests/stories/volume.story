@@ -24,16 +24,6 @@ $ pactl set-source-output-volume 0 100%
 - volume 150 => 0
 nothing else
 
-== A volume out of bounds that cannot be sent when the sound begins is sent with the next
-+ there is anna
-- fault pactl:set-source exit=1 times=1
-- volume 150 => 0
-- phone anna connect
-2 set volume /usr/bin/pactl set-source-output-volume 0 100% <- 256
-@ PlayBluetooth
-- volume 100 => 0
-+ volume 100 is set
-
 == A mute that is set before is remembered, but not sent
 + there is anna
 - mute 1 => 0
