@@ -70,6 +70,7 @@ with timescale 0.15
 + anna is playing
 - forget 00:1A:7D:DA:71:13
 ! RemoveDevice 0
+2 remove device {anna}
 4 removeDevice {anna} Remove Device, pair again
 > Adapter.RemoveDevice hci0 anna
 + anna is gone
