@@ -775,8 +775,9 @@ int BluetoothManager::RemoveAllDevices()
         return 0;
     }
     LOG_LINE(LogInformation, "error listing device on %s", qPrintable(adapterPath));
-    // Reading the value waits for it.
-    const QList<QDBusObjectPath> devices = reply.value();
+    // An error that came late is no list: QtDBus would decode what it carries for ever.
+    const QList<QDBusObjectPath> devices =
+        isFailed(reply) ? QList<QDBusObjectPath>() : reply.value();
     for (int i = 0; i < devices.count(); ++i)
         removeDevice(devices.at(i).path());
     return 0;
