@@ -144,8 +144,11 @@ void Programs::catchUp()
 {
     accept();
     const QList<Stub *> stubs = m_stubs;
-    for (Stub *stub : stubs)
-        read(stub);
+    for (Stub *stub : stubs) {
+        // One that is read may end others.
+        if (m_stubs.contains(stub))
+            read(stub);
+    }
 }
 
 void Programs::read(Stub *stub)
