@@ -175,6 +175,7 @@ nothing else
 + Bluetooth is on
 - kill bluetoothd
 4 restart
++ nobody is played
 - disable
 4 [DBUS|Internal] SetEnabled(false) requested
 4 Saving bluetooth configuration
@@ -189,6 +190,7 @@ nothing else
 + Bluetooth is on
 - kill bluetoothd
 4 restart
++ nobody is played
 + Bluetooth is switched on
 4 Enable (true) not saved because already saved
 + the stack comes up
