@@ -60,7 +60,9 @@ QDBusConnection connectToBus()
 {
     if (qgetenv(AddressVariable).isEmpty())
         qputenv(AddressVariable, ProductAddress);
-    return QDBusConnection::sessionBus();
+    // What Qt's own connection receives before the event loop runs is delivered while it runs, so
+    // that an answer would overtake the signals before it. This one delivers in order.
+    return QDBusConnection::connectToBus(QDBusConnection::SessionBus, "ulmoctl");
 }
 
 Outcome withoutBus(const QDBusConnection &bus)
