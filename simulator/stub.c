@@ -118,11 +118,17 @@ int main(int argc, char **argv)
 {
     const struct sigaction on_term = {.sa_handler = tell_of_term, .sa_flags = SA_RESTART};
     char order[65536];
+    sigset_t term;
     ssize_t size;
 
     connect_to_product();
+    /* A SIGTERM that comes this early is told after the name. */
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    sigprocmask(SIG_BLOCK, &term, NULL);
     sigaction(SIGTERM, &on_term, NULL);
     say_hello(argc, argv);
+    sigprocmask(SIG_UNBLOCK, &term, NULL);
     while ((size = recv(product, order, sizeof order - 2, 0)) > 0) {
         /* The second text may be missing. */
         order[size] = order[size + 1] = '\0';
