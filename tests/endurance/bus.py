@@ -1,17 +1,20 @@
-"""Who sends messages to a bus that no library would write."""
+"""Who sends messages to a bus that no service would send."""
 
+import contextlib
 import random
 import socket
 import threading
 from pathlib import Path
-from typing import Any, Iterator
+from typing import Any
 
-CALL, REPLY, ERROR, SIGNAL = 1, 2, 3, 4
-SIZES = {"y": 1, "n": 2, "q": 2, "b": 4, "i": 4, "u": 4, "x": 8, "t": 8, "d": 8}
-ALIGNMENTS = {**SIZES, "g": 1, "v": 1, "(": 8, "{": 8, "s": 4, "o": 4, "a": 4}
-FIELDS = {"path": (1, "o"), "interface": (2, "s"), "member": (3, "s"), "error_name": (4, "s"),
-          "reply_serial": (5, "u"), "destination": (6, "s"), "signature": (8, "g")}
-SENDER = b"\7\1s\0"  # as this field begins
+from jeepney import HeaderFields, Message, MessageFlag, MessageType
+from jeepney.io.blocking import DBusConnection
+from jeepney.low_level import Endianness, Header
+
+CALL, REPLY, ERROR, SIGNAL = (MessageType.method_call, MessageType.method_return,
+                              MessageType.error, MessageType.signal)
+INTEGERS = {"y": (0, 2**8), "n": (-2**15, 2**15), "q": (0, 2**16), "i": (-2**31, 2**31),
+            "u": (0, 2**32), "x": (-2**63, 2**63), "t": (0, 2**64), "b": (0, 2)}
 
 
 def types_in(signature: str) -> list[str]:
@@ -46,37 +49,22 @@ class Garbage(random.Random):
                                   f"({inner}{basic})"]) if len(inner) < 40 else basic
         return types
 
-    def write(self, data: bytearray, kind: str, value: Any = None) -> None:
-        """Appends a value of one complete type: any, where none is given."""
-        data += bytes(-len(data) % ALIGNMENTS[kind[0]])
-        if kind in SIZES:
-            size = SIZES[kind]
-            if value is None and kind != "b":
-                data += self.choice([bytes(size), b"\xff" * size, self.randbytes(size)])
-            else:
-                data += (self.randrange(2) if value is None else value).to_bytes(size, "little")
-        elif kind in ("s", "o", "g"):
-            text = {"s": self.text, "o": lambda: self.choice(["/", "/org/bluez", "/a/_/9"]),
-                    "g": lambda: self.types(3)}[kind]() if value is None else value
-            data += len(text.encode()).to_bytes(1 if kind == "g" else 4, "little")
-            data += text.encode() + b"\0"
-        elif kind == "v":
-            inner, value = value or (types_in(self.types(1) + "y")[0], None)
-            self.write(data, "g", inner)
-            self.write(data, inner, value)
-        elif kind[0] == "a":
-            length = len(data)
-            data += bytes(4)
-            data += bytes(-len(data) % ALIGNMENTS[kind[1]])
-            begin = len(data)
-            most = 300 if kind[1] in SIZES else 3
-            for item in [None] * self.randrange(most) if value is None else value:
-                self.write(data, kind[1:], item)
-            data[length:length + 4] = (len(data) - begin).to_bytes(4, "little")
-        else:
-            types = types_in(kind[1:-1])
-            for field, item in zip(types, value or [None] * len(types)):
-                self.write(data, field, item)
+    def value(self, kind: str) -> Any:
+        """Any of one complete type."""
+        if kind in INTEGERS:
+            least, end = INTEGERS[kind]
+            return self.choice([least, end - 1, self.randrange(least, end)])
+        if kind == "v":
+            inner = types_in(self.types(1) + "y")[0]
+            return inner, self.value(inner)
+        if kind[0] == "a":
+            most = 300 if kind[1] in INTEGERS else 3
+            items = [self.value(kind[1:]) for _ in range(self.randrange(most))]
+            return dict(items) if kind[1] == "{" else items
+        if kind[0] in "({":
+            return tuple(self.value(inner) for inner in types_in(kind[1:-1]))
+        return {"s": self.text, "o": lambda: self.choice(["/", "/org/bluez", "/a/_/9"]),
+                "g": lambda: self.types(3), "d": self.random}[kind]()
 
 
 class Peer:
@@ -84,42 +72,26 @@ class Peer:
 
     def __init__(self, out: Path, bus: str, seed: int) -> None:
         self.garbage = Garbage(seed)
-        self._socket = socket.socket(socket.AF_UNIX)
-        self._socket.connect(str(out / f"{bus}_bus"))
-        self._socket.sendall(b"\0AUTH ANONYMOUS\r\n")
-        self._socket.recv(1000)
-        self._socket.sendall(b"BEGIN\r\n")
-        self._serial = 0
+        connected = socket.socket(socket.AF_UNIX)
+        connected.connect(str(out / f"{bus}_bus"))
+        connected.sendall(b"\0AUTH ANONYMOUS\r\n")
+        connected.recv(1000)
+        connected.sendall(b"BEGIN\r\n")
+        self.connection = DBusConnection(connected)
         self._lock = threading.Lock()  # a name's owner answers in one thread, and tells in another
-        self.call_bus("Hello", "", [])
 
     def call_bus(self, member: str, signature: str, values: list) -> None:
         self.send(CALL, signature, values, path="/org/freedesktop/DBus", member=member,
                   destination="org.freedesktop.DBus")
 
-    def send(self, kind: int, signature: str, values: list, **fields: Any) -> None:
+    def send(self, kind: MessageType, signature: str, values: list, **fields: Any) -> None:
         """A message with these fields of its header; values that are missing are any."""
-        body = bytearray()
-        types = types_in(signature)
-        for each, value in zip(types, values + [None] * len(types)):
-            self.garbage.write(body, each, value)
-        fields["signature"] = signature
+        body = values + [self.garbage.value(each) for each in types_in(signature)[len(values):]]
+        given = {HeaderFields[name]: value
+                 for name, value in {**fields, "signature": signature}.items() if value}
+        header = Header(Endianness.little, kind, MessageFlag(0), 1, -1, -1, given)
         with self._lock:
-            self._serial += 1
-            data = bytearray(b"l" + bytes([kind, 0, 1]))
-            data += len(body).to_bytes(4, "little") + self._serial.to_bytes(4, "little")
-            self.garbage.write(data, "a(yv)", [(FIELDS[name][0], (FIELDS[name][1], value))
-                                               for name, value in fields.items() if value])
-            self._socket.sendall(data + bytes(-len(data) % 8) + body)
-
-    def calls(self) -> Iterator[bytes]:
-        """Those that come, until the bus ends."""
-        stream = self._socket.makefile("rb")
-        while start := stream.read(16):
-            body, fields = (int.from_bytes(start[at:at + 4], "little") for at in (4, 12))
-            message = start + stream.read(fields + -fields % 8 + body)
-            if message[1] == CALL:
-                yield message
+            self.connection.send(Message(header, tuple(body)))
 
 
 class StandIn(threading.Thread):
@@ -134,14 +106,17 @@ class StandIn(threading.Thread):
         self.start()
 
     def run(self) -> None:
+        with contextlib.suppress(ConnectionResetError):  # the bus has ended
+            while True:
+                message = self.peer.connection.receive().header
+                if message.message_type == CALL:
+                    self._answer(message)
+
+    def _answer(self, call: Header) -> None:
         garbage = self.peer.garbage
-        for call in self.peer.calls():
-            at = call.index(SENDER) + len(SENDER)
-            right = next((answer for member, answer in self._answers.items()
-                          if member.encode() in call), ("", []))
-            signature, values = garbage.choice([right, (garbage.types(3), [])])
-            error = garbage.choice(["", "", "org.example.Odd"])
-            self.peer.send(ERROR if error else REPLY, signature, values, error_name=error,
-                           destination=call[at + 4:at + 4 + call[at]].decode(),
-                           reply_serial=int.from_bytes(call[8:12], "little"))
-            self.given += 1
+        right = self._answers.get(call.fields[HeaderFields.member], ("", []))
+        signature, values = garbage.choice([right, (garbage.types(3), [])])
+        error = garbage.choice(["", "", "org.example.Odd"])
+        self.peer.send(ERROR if error else REPLY, signature, values, error_name=error,
+                       destination=call.fields[HeaderFields.sender], reply_serial=call.serial)
+        self.given += 1
