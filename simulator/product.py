@@ -16,7 +16,7 @@ import subprocess
 import tempfile
 import time
 from pathlib import Path
-from typing import Any, Callable, NamedTuple
+from typing import Any, NamedTuple
 
 LAUNCHER = Path(__file__).resolve().parent / "virtual-product"
 #: Longer than anything takes that is going to happen, in seconds.
@@ -36,10 +36,6 @@ class Answer(NamedTuple):
 
 class ProductError(Exception):
     """The product refused, has ended, or did not do in time what was awaited."""
-
-
-class Refused(ProductError):
-    """The product did not carry out a line."""
 
 
 class Ended(ProductError):
@@ -107,30 +103,18 @@ class Connection:
                 raise ProductError(f"no answer to {request}")
 
 
-def matcher(pattern: str | re.Pattern | Callable[[Entry], bool]) -> Callable[[Entry], bool]:
-    """What tells whether an entry is meant: by its line, as text in which * stands for anything or
-    as a regular expression, or by a function of the entry."""
-    if isinstance(pattern, re.Pattern):
-        return lambda entry: pattern.search(entry["line"]) is not None
-    if isinstance(pattern, str):
-        parts = (re.escape(part) for part in pattern.split("*"))
-        expression = re.compile(".*".join(parts), re.DOTALL)
-        return lambda entry: expression.fullmatch(entry["line"]) is not None
-    return pattern
-
-
 class Product:
     """A virtual product, started by us or, see attach(), by somebody else."""
 
     def __init__(self, *, out: Path | str | None = None, pulse: str = "real",
                  settings: Path | str | None = None, environment: dict[str, str] | None = None,
-                 under: str = "", stopped: bool = False, tell: list[str] | None = None,
-                 launcher: Path = LAUNCHER) -> None:
+                 under: str = "", stopped: bool = False,
+                 tell: list[str] | None = None) -> None:
         """Starts it, as virtual-product's options of these names say; returns when it has done
         every line of tell and has started the service. A folder of our own goes with it."""
         self._own_out = None if out else Path(tempfile.mkdtemp(prefix="virtual-product."))
         self.out = Path(out or self._own_out)
-        command = [str(launcher), "--out", str(self.out), "--pulse", pulse]
+        command = [str(LAUNCHER), "--out", str(self.out), "--pulse", pulse]
         command += ["--settings", str(settings)] if settings else []
         command += ["--under", under] if under else []
         command += ["--stopped"] if stopped else []
@@ -182,10 +166,10 @@ class Product:
         return Answer(**self._control.ask({"tell": line}, timeout))
 
     def tell(self, line: str, timeout: float | None = PATIENCE) -> Answer:
-        """Tells a line; Refused when the product does not carry it out."""
+        """Tells a line; ProductError when the product does not carry it out."""
         answer = self.attempt(line, timeout)
         if not answer.ok:
-            raise Refused(f"{line}: {answer.text}")
+            raise ProductError(f"{line}: {answer.text}")
         return answer
 
     def complete(self, line: str) -> list[str]:
@@ -204,15 +188,14 @@ class Product:
         self._entries += entries
         return entries
 
-    def await_line(self, pattern: str | re.Pattern | Callable[[Entry], bool], *, since: int = 0,
-                   timeout: float = PATIENCE) -> Entry:
-        """The first entry that matches, of those from the journal's number since on. Waits for it;
-        ProductError when it has not come in time. (See matcher() for pattern.)"""
-        matches = matcher(pattern)
+    def await_line(self, pattern: str, *, since: int = 0, timeout: float = PATIENCE) -> Entry:
+        """The first entry with such a line, in which * stands for anything, of those from the
+        journal's number since on. Waits for it; ProductError when it has not come in time."""
+        expression = re.compile(".*".join(map(re.escape, pattern.split("*"))), re.DOTALL)
         deadline = time.monotonic() + timeout
         while True:
             for index in range(since, len(self._entries)):
-                if matches(self._entries[index]):
+                if expression.fullmatch(self._entries[index]["line"]):
                     return self._entries[index]
             since = max(since, len(self._entries))
             rest = deadline - time.monotonic()

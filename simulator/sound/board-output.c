@@ -5,10 +5,11 @@
  *     pcm_type.board { lib "/absolute/path/libboard-output.so" }
  *     pcm.dm-audio { type board file "/absolute/path/board.raw" }
  *
- * The file takes what was heard: s16le, stereo, 44100 Hz. Its first frame was heard when the device
- * was opened for the first time, at the CLOCK_MONOTONIC seconds that FILE.start tells, and frame F
- * is heard F / 44100 seconds later. While the device stands still the file has holes, which read as
- * the silence that was heard, and so do frames that the player hands over too late.
+ * FILE and FILE.start are there already. FILE takes what was heard: s16le, stereo, 44100 Hz. Its
+ * first frame was heard when the device was opened for the first time, at the CLOCK_MONOTONIC
+ * seconds that FILE.start tells, and frame F is heard F / 44100 seconds later. While the device
+ * stands still the file has holes, which read as the silence that was heard, and so do frames that
+ * the player hands over too late.
  */
 #define _GNU_SOURCE
 #include <alsa/asoundlib.h>
@@ -16,7 +17,6 @@
 #include <fcntl.h>
 #include <stdint.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
@@ -162,17 +162,6 @@ static const snd_pcm_ioplug_callback_t callbacks = {
     .close = closeOutput,
 };
 
-/* Readable by everybody: the player may run under its own user and a strict umask. */
-static int openForAll(const char *path)
-{
-    const int file = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (file < 0)
-        SNDERR("%s: %s", path, strerror(errno));
-    else
-        (void)fchmod(file, 0644);
-    return file;
-}
-
 /* Reads when the file began, or writes down that it begins now. */
 static int findFileTime(struct Output *output, const char *path)
 {
@@ -183,7 +172,7 @@ static int findFileTime(struct Output *output, const char *path)
 
     if (snprintf(startPath, sizeof startPath, "%s.start", path) >= (int)sizeof startPath)
         return -ENAMETOOLONG;
-    if ((start = openForAll(startPath)) < 0)
+    if ((start = open(startPath, O_RDWR | O_CLOEXEC)) < 0)
         return -errno;
     if (read(start, text, sizeof text - 1) > 0 && sscanf(text, "%lld.%lld", &seconds, &rest) == 2) {
         output->fileTime = seconds * nanoseconds + rest;
@@ -197,7 +186,7 @@ static int findFileTime(struct Output *output, const char *path)
 
 static int openFiles(struct Output *output, const char *path)
 {
-    if ((output->file = openForAll(path)) < 0)
+    if ((output->file = open(path, O_RDWR | O_CLOEXEC)) < 0)
         return -errno;
     /* Like a card: one player at a time. */
     if (flock(output->file, LOCK_EX | LOCK_NB) < 0)
