@@ -14,6 +14,7 @@
 > Device.SetProperty anna Trusted true
 > Device.Disconnect anna
 nothing else of 1 2 9 > @
+never 4 wait pulseaudio ... 40
 # One whose audio does not show up is forgotten as well.
 - fault clear pactl
 - fault pactl:loopback exit=1
@@ -31,6 +32,7 @@ nothing else of 1 2 9 > @
 > Device.Disconnect anna
 > Adapter.RemoveDevice hci0 anna
 nothing else of 1 2 > @
+never 4 wait pulseaudio bluetooth module ready... 40
 
 == A server and an audio that show up at the 40th poll are in time
 + there is anna
