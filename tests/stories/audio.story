@@ -1,7 +1,7 @@
 # The way of the sound through PulseAudio. With the back-end "hci other" a connection counts as the
 # unit's own at once; without auto-play BlueZ soon closes a stream that never was.
 
-== A sound server that does not answer 40 times is given up, and the phone with it
+== A sound server or an audio that does not show up 40 times is given up, and the phone with it
 + there is anna
 - backend hci other
 - phone anna auto-play on
@@ -14,11 +14,9 @@
 > Device.SetProperty anna Trusted true
 > Device.Disconnect anna
 nothing else of 1 2 9 > @
-
-== A phone whose audio does not show up 40 times is given up and forgotten
-+ there is anna
-- backend hci other
-- phone anna auto-play on
+never 4 wait pulseaudio ... 40
+# One whose audio does not show up is forgotten as well.
+- fault clear pactl
 - fault pactl:loopback exit=1
 - phone anna connect
 + the sound server is ready
@@ -34,6 +32,7 @@ nothing else of 1 2 9 > @
 > Device.Disconnect anna
 > Adapter.RemoveDevice hci0 anna
 nothing else of 1 2 > @
+never 4 wait pulseaudio bluetooth module ready... 40
 
 == A server and an audio that show up at the 40th poll are in time
 + there is anna
@@ -80,16 +79,13 @@ never @ ConnectAudioDevice
 + all is well again
 + anna comes
 
-== A sound server that ends while a phone is {state} ends the connection, and starts again with the next
-for state, signal, told, ends
-| playing | TERM | 0 normal | the sound ends
-| polling | KILL | 9 crash | the sound that was to come ends
-+ anna is {state}
-- kill pulseaudio {signal}
-2 pulseaudio down {told}
+== A sound server that ends while it is waited for ends the connection, and starts again with the next
++ anna is polling
+- kill pulseaudio KILL
+2 pulseaudio down 9 crash
 4 Disconnect {anna}
 + anna is let go
-+ {ends}
++ the sound that was to come ends
 > Device.Disconnect anna
 # Stopped with the device, and once more.
 + nobody is played

@@ -14,14 +14,10 @@ in BluetoothManager.cpp bluetoothobj void BluetoothManager::DevicePropertyChange
 # What the phone had begun before it was dropped may be told afterwards.
 nothing else of > @ &
 
-== A new phone is trusted, and connected again after a while ({backend}, {traits})
-for backend, traits
-| mgmt |
-| hci | known
+== A new phone is trusted, and connected again after a while
 with setting bt-timeout-reconnect-1 900
 + Bluetooth is on
-- backend {backend}
-- phone add anna {traits}
+- phone add anna
 - phone anna auto-play on
 - phone anna connect
 4 Device {anna} CONNECTED AND ACCEPTED
@@ -129,7 +125,6 @@ nothing else
 == A second phone is refused, and the first is not disturbed ({state}, {backend})
 for state, backend, first, second
 | accepted | mgmt | 4 DevicePropertyChanged but not for me, disconnect !! | 4 disconnect device because there is another
-| streaming | mgmt | 4 DevicePropertyChanged but not for me, disconnect !! | 4 disconnect device because there is another
 | playing | hci other | 4 disconnect device because there is another | 4 DevicePropertyChanged but not for me, disconnect !!
 + anna is {state}
 - backend {backend}
@@ -148,13 +143,10 @@ nothing else
 - phone anna leave
 4 Device {anna} DISCONNECTED SO STOP PULSEAUDIO
 
-== Any state of a phone's audio is a first sign of it, after which others are refused ({state})
-for state
-| disconnected
-| connecting
+== Any state of a phone's audio is a first sign of it, after which others are refused
 + there is anna
 - phone add berta trusted
-- signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:{state}
+- signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:disconnected
 --
 - phone berta connect-acl
 4 DevicePropertyChanged but not for me, disconnect !!
@@ -170,8 +162,7 @@ nothing else
 
 == A phone goes away, its sound ends, and it can come again ({state}, {backend}, {how})
 for state, backend, how, ends
-| polling | mgmt | leave | the sound that was to come ends
-| linking | hci | drop | the sound that was to come ends
+| polling | hci | drop | the sound that was to come ends
 | streaming | mgmt | out-of-range | the sound ends
 + anna is {state}
 - backend {backend}
@@ -187,13 +178,10 @@ nothing else
 4 reconnect
 + anna is played
 
-== A phone that goes while it waits to be connected again is called back ({how})
-for how, outcome
-| phone anna leave | + anna is played
-| phone anna out-of-range | + anna cannot be connected
+== A phone that goes while it waits to be connected again is called back
 with setting bt-timeout-reconnect-1 1500
 + anna is accepted for a while
-- {how}
+- phone anna leave
 + anna is let go
 + nobody is played
 4 reconnect
@@ -201,16 +189,15 @@ with setting bt-timeout-reconnect-1 1500
 2 disconnectDevice {anna} error disconnectiong 
 4 connectAudioSource {anna}
 > AudioSource.Connect anna
-{outcome}
++ anna is played
 
 == The last word of a phone that is gone is a first sign of it ({how})
 for how, outcome
-| phone anna leave | 4 Device {berta} CONNECTED AND ACCEPTED
-| phone anna drop | 4 DevicePropertyChanged but not for me, disconnect !!
-| disconnect | 4 DevicePropertyChanged but not for me, disconnect !!
+| leave | 4 Device {berta} CONNECTED AND ACCEPTED
+| drop | 4 DevicePropertyChanged but not for me, disconnect !!
 + anna is streaming
 - phone add berta known
-- {how}
+- phone anna {how}
 + anna is gone
 ~ anna AudioSource.State disconnected
 --

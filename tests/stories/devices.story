@@ -1,23 +1,23 @@
 # Callers forget phones, one or all, and disconnect the one that is connected.
 
-== A phone is forgotten, known or not ({address})
-for address, path, short, answer
-| 00:1A:7D:DA:71:13 | {anna} | anna |
-| 00:1a:7D:DA:71:77 | {adapter}/dev_00_1a_7D_DA_71_77 | *dev_00_1a_7D_DA_71_77 | DoesNotExist *
+== A phone is forgotten, known or not, and an address that is none is told
 + there is anna
-- forget {address}
+- forget 00:1A:7D:DA:71:13
 4 RemoveDevice
 > Manager.DefaultAdapter /
-2 remove device {path}
-4 removeDevice {path}
-4 removeDevice {path} Remove Device, pair again
-> Adapter.RemoveDevice hci0 {short}
-< Adapter.RemoveDevice hci0*{answer}
+2 remove device {anna}
+4 removeDevice {anna}
+4 removeDevice {anna} Remove Device, pair again
+> Adapter.RemoveDevice hci0 anna
+< Adapter.RemoveDevice hci0
 ! RemoveDevice 0
 nothing else
-
-== An address that is none is told, and BlueZ is not asked
-+ there is anna
+- forget 00:1a:7D:DA:71:77
+2 remove device {adapter}/dev_00_1a_7D_DA_71_77
+> Adapter.RemoveDevice hci0 *dev_00_1a_7D_DA_71_77
+< Adapter.RemoveDevice hci0 DoesNotExist *
+! RemoveDevice 0
+# Of these BlueZ is not asked.
 - call RemoveDevice "s:{00-1A-7D-DA-71-13|AA:BB CC}" => 0
 4 RemoveDevice
 2 remove device {adapter}/dev_00-1A-7D-DA-71-13
@@ -52,8 +52,14 @@ nothing else
 ! RemoveAllDevices 0
 never ~ hci0 Adapter.DeviceRemoved anna
 
-== Forgetting phones does not wait for BlueZ
+== Forgetting phones does not wait for BlueZ, and a list that it refuses forgets nobody
 + there is anna
+- fault bluez:Adapter.ListDevices error times=1
+- forget all
+4 RemoveAllDevices
+> Adapter.ListDevices hci0
+! RemoveAllDevices 0
+never > Adapter.RemoveDevice *
 - fault bluez:Adapter.RemoveDevice never
 - forget 00:1A:7D:DA:71:13
 > Adapter.RemoveDevice hci0 anna
@@ -98,26 +104,13 @@ in BluetoothManager.cpp bluetoothobj int BluetoothManager::RemoveAllDevices()
 ! RemoveAllDevices 1
 nothing else
 
-== A list of phones that BlueZ refuses forgets nobody
-+ there is anna
-- fault bluez:Adapter.ListDevices error
-- forget all
-4 RemoveAllDevices
-> Adapter.ListDevices hci0
-! RemoveAllDevices 0
-never > Adapter.RemoveDevice *
-
-== The phone that is {state} is disconnected on demand
-for state, ends
-| accepted |
-| polling | + the sound that was to come ends
-+ anna is {state}
+== The phone that is accepted is disconnected on demand
++ anna is accepted
 - disconnect
 4 DisconnectDevice
 4 Disconnect {anna}
 > Device.Disconnect anna
 + anna is let go
-{ends}
 + nobody is played
 ! DisconnectDevice 0
 nothing else of 1 2 9 $ & > @

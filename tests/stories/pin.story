@@ -10,11 +10,9 @@ nothing else
 nothing else
 = 0 true true 7351
 
-== A new PIN forgets all phones and restarts Bluetooth ({before}, {pin})
-for before, pin, mode
-| 7351 | 4711 | 0
-| 4711 | 7351 | 1
-with setting bt-pid {before}
+== A new PIN forgets all phones and restarts Bluetooth
+for pin
+| 4711
 with setting bt-disable-legacy 1
 + anna is streaming
 - phone add berta known

@@ -57,6 +57,9 @@ nothing else
 + anna is polling
 - platform supervisor-end
 4 BluetoothManager close for supervisor end
+in BluetoothManager.cpp bluetoothobj virtual void BluetoothManager::ulmoSupOnShutdown()
+4 Gracefully stop BluetoothManager Adapter...
+4 Gracefully stop BluetoothManager...
 + the stack goes down
 + the sound that was to come ends
 + the service has stopped

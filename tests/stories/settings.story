@@ -1,82 +1,79 @@
 # What the service makes of its settings and of the variables that override them, and what it saves.
 
-== The time until a phone is connected again is from 100 ms to 10 s ({value})
-for value, warning, used
-| 99 | 2 too low reconnect timeout | 100
-| 100 | | 100
-| 10000 | | 10000
-| 10001 | 2 too big reconnect timeout | 10000
-with setting bt-enable 0
-with setting bt-timeout-reconnect-1 {value}
-4 Starting Bluetooth Manager...
-{warning}
-4 reconnection timeout {used}
-4 legacy mode 0
-+ the settings are told
-nothing else of 1 2 4 9
-
-== Bluetooth is switched on when the setting or the variable says so ({value}, {variable})
-for value, variable, force, enabled, then, saved
-| -7 | | | true | + Bluetooth is asked for | 4 Enable (true) not saved because already saved
-| 0 | 1 | 4 force enable for ULMO_BT_ENABLE | true | + Bluetooth is asked for | 4 Enable SAVED (true)
-| 1 | TRUE | 4 force enable for ULMO_BT_ENABLE | true | + Bluetooth is asked for | 4 Enable SAVED (true)
-| 1 | 0 | | true | + Bluetooth is asked for | 4 Enable (true) not saved because already saved
-| 0 | yes | | false | nothing else of 1 2 4 9 |
-with setting bt-enable {value}
+== Settings are used as far as they are valid ({time}, {enable}, {stored})
+for time, enable, variable, enabled, stored, pin, value, mode, saved, then
+| 100 | -7 | 0 | true | 0042 | 0042 | 1 | 0 | (0042) not saved* | + Bluetooth is asked for
+| 10000 | 0 | yes | false | 12345 | 7351 | 1 | 1 | SAVED (7351) | nothing else of 1 2 4 9
+| 5000 | 1 | | true | 7351 | 7351 | -1 | 0 | (7351) not saved* | + Bluetooth is asked for
+with setting bt-timeout-reconnect-1 {time}
+with setting bt-enable {enable}
 with environment ULMO_BT_ENABLE={variable}
+with setting bt-pid {stored}
+with setting bt-disable-legacy {value}
 4 Starting Bluetooth Manager...
-4 reconnection timeout 100
-{force}
-4 legacy mode 0
+4 reconnection timeout {time}
+4 legacy mode {mode}
 + the settings are told
 {then}
-{saved}
-
-== The PIN is four digits, from the setting or the variable ({value}, {variable})
-for value, variable, force, pin, saved
-| 0042 | | | 0042 | 4 PID (0042) not saved because already saved
-| 12345 | | | 7351 | 4 PID SAVED (7351)
-| 1234 | 1234 | 4 force PID for ULMO_BT_PID | 1234 | 4 PID SAVED (1234)
-| 0042 | 12a4 | 4 force PID for ULMO_BT_PID | 7351 | 4 PID SAVED (7351)
-with setting bt-enable 0
-with setting bt-pid {value}
-with environment ULMO_BT_PID={variable}
-4 Starting Bluetooth Manager...
-4 reconnection timeout 100
-{force}
-4 legacy mode 0
-+ the settings are told
-nothing else of 1 2 4 9
-= 0 false false {pin}
-# What is in the store already is not written, and what was written is known from then on.
 - platform shutdown
-{saved}
+# What is in the store already is not written, and what was written is known from then on.
+4 Enable ({enabled}) not saved because already saved
+4 PID {saved}
 settings bt-pid={pin}
 - platform shutdown
 4 PID ({pin}) not saved because already saved
 
-== Any number is a latency, but only a decimal one is forced ({variable})
-for variable, force, latency, enabled
-| 0x20 | | -5 | true
-| 0 | 4 force ULMO_BT_LATENCY=0 | 0 | true
+== Variables override settings, and a time out of bounds is brought into them ({time})
+for time, limit, used, enable, variable, stored, forced, pin
+| 99 | too low | 100 | 1 | TRUE | 1234 | 1234 | 1234
+| 10001 | too big | 10000 | 0 | 1 | 0042 | 12a4 | 7351
+with setting bt-timeout-reconnect-1 {time}
+with setting bt-enable {enable}
+with environment ULMO_BT_ENABLE={variable}
+with setting bt-pid {stored}
+with environment ULMO_BT_PID={forced}
 with setting bt-latency -5
-with environment ULMO_BT_LATENCY={variable}
+with environment ULMO_BT_LATENCY=0
+4 Starting Bluetooth Manager...
+2 {limit} reconnect timeout
+4 reconnection timeout {used}
+4 force enable for ULMO_BT_ENABLE
+4 force PID for ULMO_BT_PID
 4 legacy mode 0
-{force}
+4 force ULMO_BT_LATENCY=0
+4 BLUETOOTH CONFIGURATION:
+4 > Enable:         true
+4 > Pid:            {pin}
+4 > Latency:        0
++ Bluetooth is asked for
+4 Enable SAVED (true)
+4 startStartupSequence requested
+nothing else of 1 2
+@ BluetoothOn true
+= 0 true true {pin}
+# What is in the store already is not written, and what was written is known from then on.
+- platform shutdown
+4 PID SAVED ({pin})
+settings bt-pid={pin}
+- platform shutdown
+4 PID ({pin}) not saved because already saved
+
+== Any number is a latency, but only a decimal one is forced
+for latency, enabled
+| -5 | true
+with setting bt-latency -5
+with environment ULMO_BT_LATENCY=0x20
+4 legacy mode 0
 + the settings are told
 + there is anna
 - phone anna connect
 + anna is linked
 @ PlayBluetooth
 
-== Legacy pairing is switched off only for the standard PIN ({stored}, {value})
-for stored, pin, value, mode
-| 7351 | 7351 | 3 | 1
-| 7351 | 7351 | -1 | 0
-| 1234 | 1234 | 1 | 0
-| 123 | 7351 | 1 | 1
-with setting bt-disable-legacy {value}
-with setting bt-pid {stored}
+== Legacy pairing is switched off when the setting says so
+for mode
+| 1
+with setting bt-disable-legacy 3
 4 legacy mode {mode}
 + the stack comes up
 

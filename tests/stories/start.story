@@ -63,17 +63,16 @@ in main.cpp soundobj int main(int, char**)
 . service ended with status 255
 nothing else of 1 2 4 9 $ |
 
-== The service stops in order ({event}, {state})
-for event, state, enable, cause, place
-| service kill TERM | off | 0 | 2 signal SIGINT or SIGTERM received | main.cpp bluetoothobj void signals_handler(int)
-| service kill INT | on | 1 | 2 signal SIGINT or SIGTERM received | main.cpp bluetoothobj void signals_handler(int)
-| platform supervisor-end | on | 1 | 4 BluetoothManager close for supervisor end | BluetoothManager.cpp bluetoothobj virtual void BluetoothManager::ulmoSupOnShutdown()
+== The service stops in order ({signal}, {state})
+for signal, state, enable
+| TERM | off | 0
+| INT | on | 1
 with setting bt-enable {enable}
 + Bluetooth is {state}
 --
-- {event}
-{cause}
-in {place}
+- service kill {signal}
+2 signal SIGINT or SIGTERM received
+in main.cpp bluetoothobj void signals_handler(int)
 4 Gracefully stop BluetoothManager Adapter...
 in main.cpp soundobj int main(int, char**)
 4 Gracefully stop BluetoothManager...

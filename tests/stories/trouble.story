@@ -26,18 +26,15 @@ nothing else
 + anna is gone
 nothing else
 
-== A daemon that ends while a phone is {state} takes the phone with it, and both come back
-for state, ends
-| accepted |
-| polling | + the sound that was to come ends
-+ anna is {state}
+== A daemon that ends while a phone's sound is to come takes the phone with it, and both come back
++ anna is polling
 - kill bluetoothd
 2 bluezDown down 9 crash
 4 forceSyncDown
 $ hciconfig hci0 noscan
 4 forceSyncDown terminate agent
 $ hciconfig hci0 down
-{ends}
++ the sound that was to come ends
 + nobody is played
 4 restart
 + the stack comes up

@@ -1,20 +1,23 @@
 # Volume and mute: what a caller gets back, and what PulseAudio is told, before, while and after a
 # phone is played. Before there is a server a value is only remembered.
 
-== A volume that is set before is remembered, but not sent
+== A volume and a mute that are set before are remembered, and only one too big is sent, as 100
 + there is anna
 - volume 40 => 0
+- mute 1 => 0
 nothing else
 - phone anna connect
 @ PlayBluetooth
 never $ pactl set-*
 - volume 40 => 0
+- mute 1 => 0
 nothing else
 - volume 41 => 0
 + volume 41 is set
-
-== A volume that is set too big before is sent as 100 when the sound begins
-+ there is anna
+- mute 0 => 0
++ mute 0 is set
+- phone anna leave
++ anna is gone
 - volume 150 => 0
 - phone anna connect
 + anna is linked
@@ -24,18 +27,7 @@ $ pactl set-source-output-volume 0 100%
 - volume 150 => 0
 nothing else
 
-== A mute that is set before is remembered, but not sent
-+ there is anna
-- mute 1 => 0
-- phone anna connect
-@ PlayBluetooth
-never $ pactl set-*
-- mute 1 => 0
-nothing else
-- mute 0 => 0
-+ mute 0 is set
-
-== A volume out of bounds is brought into them, and a mute is not
+== What failed is told and not remembered, and a volume out of bounds is brought into them
 + anna is streaming
 - volume 101 => 0
 nothing else
@@ -47,18 +39,6 @@ nothing else
 + volume 100 is set
 - mute 2 => 0
 + mute 2 is set
-
-== A server that does not play yet is a server
-+ anna is linking
-- volume 40 => 256
-2 set volume /usr/bin/pactl set-source-output-volume 0 40% <- 256
-- mute 1 => 256
-2 set mute /usr/bin/pactl set-source-output-mute 0 1 <- 256
-- volume 150 => 0
-never $ pactl set-*
-
-== What failed is told and not remembered
-+ anna is streaming
 - fault pactl:set-source exit=1 times=1
 - volume 40 => 256
 2 set volume /usr/bin/pactl set-source-output-volume 0 40% <- 256
@@ -73,6 +53,15 @@ nothing else
 + mute 1 is set
 - mute 1 => 0
 nothing else
+
+== A server that does not play yet is a server
++ anna is linking
+- volume 40 => 256
+2 set volume /usr/bin/pactl set-source-output-volume 0 40% <- 256
+- mute 1 => 256
+2 set mute /usr/bin/pactl set-source-output-mute 0 1 <- 256
+- volume 150 => 0
+never $ pactl set-*
 
 == Volume and mute outlive the server, and the next one begins with its own, whatever they are
 + anna is streaming
