@@ -60,8 +60,7 @@ QDBusConnection connectToBus()
 {
     if (qgetenv(AddressVariable).isEmpty())
         qputenv(AddressVariable, ProductAddress);
-    // What Qt's own connection receives before the event loop runs is delivered while it runs, so
-    // that an answer would overtake the signals before it. This one delivers in order.
+    // On Qt's own one an answer may overtake signals, which it holds back until the loop runs.
     return QDBusConnection::connectToBus(QDBusConnection::SessionBus, "ulmoctl");
 }
 
