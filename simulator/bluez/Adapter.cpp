@@ -69,11 +69,9 @@ void Adapter::handle(const Call &call)
                                      [&](const Device *one) { return one->path() == call.path(); });
     if (call.path() == "/")
         handleManager(call);
-    else if (!isReady())
-        call.failUnknown(false);
-    else if (call.path() == m_path)
+    else if (isReady() && call.path() == m_path)
         handleAdapter(call);
-    else if (device != m_devices.cend())
+    else if (isReady() && device != m_devices.cend())
         (*device)->handle(call);
     else
         call.failUnknown(false);

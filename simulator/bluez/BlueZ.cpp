@@ -52,7 +52,7 @@ void BlueZ::stop(bool orderly)
     m_adapter.vanish();
 }
 
-void BlueZ::startAgent(qint64, const QStringList &arguments)
+void BlueZ::startAgent(const QStringList &arguments)
 {
     m_agent = new Agent(m_busAddress, m_faults, m_clock, arguments, this);
     connect(m_agent, &Agent::exited, this, [this](int status) {

@@ -29,7 +29,7 @@ public:
     /// It ends, in order (SIGTERM) or not.
     void stop(bool orderly);
     /// The agent lives: it registers, or ends.
-    void startAgent(qint64 pid, const QStringList &arguments);
+    void startAgent(const QStringList &arguments);
     /// It ends; in order it unregisters first.
     void stopAgent(bool orderly);
     /// What hciconfig with these \p arguments, "hci0 piscan" and so on, does to the radio.

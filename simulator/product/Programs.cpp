@@ -294,7 +294,7 @@ void Programs::startOnBus(Stub *stub)
     }
     place = stub;
     if (isAgent)
-        m_bluez.startAgent(stub->pid, stub->arguments);
+        m_bluez.startAgent(stub->arguments);
     else
         m_bluez.start(stub->pid, stub->hostName);
 }
