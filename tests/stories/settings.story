@@ -14,6 +14,7 @@ with setting bt-disable-legacy {value}
 4 reconnection timeout {time}
 4 legacy mode {mode}
 + the settings are told
+nothing else of 1 2 9
 {then}
 - platform shutdown
 # What is in the store already is not written, and what was written is known from then on.
