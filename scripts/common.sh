@@ -48,7 +48,7 @@ build() {
     fi
 }
 
-# build_package FOLDER ARCHITECTURE [CMAKE-OPTION...]: builds what is packed, as Debian wants it built.
+# build_package FOLDER ARCHITECTURE [CMAKE-OPTION...]: builds what is packed, as Debian wants it.
 build_package() {
     local folder=$1 architecture=$2 flags
     shift 2
@@ -62,7 +62,7 @@ build_package() {
         -- virtual-product
 }
 
-# debian_changelog: the entry of CHANGELOG.md for the version in CMakeLists.txt, as Debian writes it.
+# debian_changelog: CHANGELOG.md's entry for the version in CMakeLists.txt, as Debian writes it.
 debian_changelog() {
     local version date
     version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
@@ -82,7 +82,8 @@ pack() {
     cp -r "$root/packaging/debian" "$folder/debian"
     debian_changelog > "$folder/debian/changelog"
     (cd "$folder" && DEB_RULES_REQUIRES_ROOT=no \
-        dpkg-architecture -f -a "$architecture" -c debian/rules binary) > "$folder/pack.log" 2>&1 || {
+        dpkg-architecture -f -a "$architecture" -c debian/rules binary) \
+        > "$folder/pack.log" 2>&1 || {
         tail -n 20 "$folder/pack.log" >&2
         fail "packing failed; the whole output is in $folder/pack.log"
     }

@@ -79,7 +79,7 @@ never @ ConnectAudioDevice
 + all is well again
 + anna comes
 
-== A sound server that ends while it is waited for ends the connection, and starts again with the next
+== A sound server that ends while it is awaited ends the connection, and starts with the next
 + anna is polling
 - kill pulseaudio KILL
 2 pulseaudio down 9 crash

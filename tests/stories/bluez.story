@@ -1,4 +1,4 @@
-# The virtual BlueZ does as a real bluetoothd 4.101 did, whose bus was recorded with scripted phones.
+# The virtual BlueZ does as a real bluetoothd 4.101 did, recorded with scripted phones.
 # The service is held meanwhile, and somebody else asks BlueZ what the unit would.
 
 == A phone pairs, plays, is lost, comes back and leaves ({backend})

@@ -1,4 +1,4 @@
-# Bluetooth is switched on and off, and what happens when BlueZ or a command does not do as it should.
+# Bluetooth is switched on and off, also where BlueZ or a command does not do as it should.
 
 == Bluetooth is switched on and off, and nothing is left of it
 + the service runs with Bluetooth off
