@@ -106,7 +106,7 @@ class StandIn(threading.Thread):
         self.start()
 
     def run(self) -> None:
-        with contextlib.suppress(ConnectionResetError):  # the bus has ended
+        with contextlib.suppress(ConnectionError):  # the bus has ended
             while True:
                 message = self.peer.connection.receive().header
                 if message.message_type == CALL:
