@@ -114,7 +114,9 @@ class Product:
         every line of tell and has started the service. A folder of our own goes with it."""
         self._own_out = None if out else Path(tempfile.mkdtemp(prefix="virtual-product."))
         self.out = Path(out or self._own_out)
-        command = [str(LAUNCHER), "--out", str(self.out), "--pulse", pulse]
+        # Whatever way we end, it ends with us.
+        command = ["setpriv", "--pdeathsig", "TERM", str(LAUNCHER)]
+        command += ["--out", str(self.out), "--pulse", pulse]
         command += ["--settings", str(settings)] if settings else []
         command += ["--under", under] if under else []
         command += ["--stopped"] if stopped else []
