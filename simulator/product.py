@@ -124,12 +124,14 @@ class Product:
             command += ["--env", f"{name}={value}"]
         for line in tell or []:
             command += ["--tell", line]
-        self._errors = tempfile.TemporaryFile("w+")
         self._launcher: subprocess.Popen | None = subprocess.Popen(
-            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self._errors)
+            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         try:
             if not self._launcher.stdout.readline():
-                raise self._failure()
+                # It has said why on its standard error, which is ours.
+                status = self._launcher.wait()
+                kind = CannotRun if status == CANNOT_RUN else ProductError
+                raise kind(f"virtual-product has ended with status {status}")
             self._open()
         except BaseException:
             self.stop()
@@ -150,12 +152,6 @@ class Product:
         self._following = connect(self.out)
         self._entries: list[Entry] = []
         self._following.send({"follow": True})
-
-    def _failure(self) -> ProductError:
-        status = self._launcher.wait()
-        self._errors.seek(0)
-        kind = CannotRun if status == CANNOT_RUN else ProductError
-        return kind(self._errors.read().strip() or f"virtual-product ended with status {status}")
 
     def __enter__(self) -> "Product":
         return self
@@ -215,7 +211,6 @@ class Product:
             self._launcher.send_signal(signal.SIGTERM)
             status = self._launcher.wait(PATIENCE)
             self._launcher.stdout.close()
-            self._errors.close()
             self._launcher = None
         if self._own_out:
             shutil.rmtree(self._own_out, ignore_errors=True)
