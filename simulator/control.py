@@ -13,7 +13,7 @@ import re
 import shlex
 import signal
 import socket
-from typing import TYPE_CHECKING, Any, Callable, NamedTuple
+from typing import TYPE_CHECKING, Any, Callable, Iterable, NamedTuple
 
 from bluez.phone import VERBS
 from core import loop
@@ -134,17 +134,19 @@ class Control:
 
     def _place_after(self, words: Words) -> Place:
         first = words[1] if len(words) > 1 else ""
-        lists = {"COMMAND": COMMANDS, "TOPIC": TOPICS, "SIGNAL": SIGNALS,
-                 "PHONE": self._product.bluez.phones, "VERB": () if first == "add" else VERBS,
-                 "PROGRAM": PROGRAMS, "TARGET": TARGETS,
-                 "BEHAVIOUR": TARGETS if first == "clear" else behaviours_of(first),
-                 "EVENT": (*EVENTS, *(f"spoof-{event}" for event in EVENTS))}
+        lists: dict[str, Iterable[str]] = {
+            "COMMAND": COMMANDS, "TOPIC": TOPICS, "SIGNAL": SIGNALS,
+            "PHONE": self._product.bluez.phones, "VERB": () if first == "add" else VERBS,
+            "PROGRAM": PROGRAMS, "TARGET": TARGETS,
+            "BEHAVIOUR": TARGETS if first == "clear" else behaviours_of(first),
+            "EVENT": (*EVENTS, *(f"spoof-{event}" for event in EVENTS))}
         alternatives = "COMMAND"
         if words:
             command = COMMANDS.get(words[0])
             places = command.parameters.split() if command else []
             alternatives = "".join(places[len(words) - 1:len(words)])
-        what, known, is_free = " ".join([*words[:1], "command"]), [], "..." in alternatives
+        what, is_free = " ".join([*words[:1], "command"]), "..." in alternatives
+        known: list[str] = []
         for word in re.sub(r"[][.]", "", alternatives).split("|"):
             if word in lists:
                 what = word.lower()
@@ -281,6 +283,9 @@ class Control:
         entries = map(json.loads, self._product.journal.contents().splitlines()[-int(count):])
         return "\n".join(f"{entry['time']:9.3f} {entry['line']}" for entry in entries)
 
+    def _note(self, words: Words, _: Done) -> str:
+        return ""  # as every line, it stands in the journal already
+
     def _help(self, words: Words, _: Done) -> str:
         wanted = words[1] if words[1:] else "help"
         topic = COMMANDS[wanted].topic if wanted in COMMANDS else wanted
@@ -338,6 +343,7 @@ COMMANDS = {
     "bus": Command("product", "session|system kill|start",
                    "only the product's own services get back to it", Control._bus_command),
     "journal": Command("product", "[N]", "the last N entries", Control._journal),
+    "note": Command("product", "[TEXT...]", "for the journal alone", Control._note),
     "help": Command("product", "[TOPIC|COMMAND]", "", Control._help),
     "quit": Command("product", "", "ends all", Control._quit),
     "follow": Command("product", "", "the journal as it goes on", None),

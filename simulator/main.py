@@ -9,6 +9,7 @@ import sys
 import time
 
 from bluez.bluez import BlueZ
+from board import lay_out
 from control import Answer, Control
 from core import loop
 from core.faults import Faults
@@ -73,6 +74,7 @@ class Product:
             return
         self.service.when_ended.append(lambda how: self._finish())
         self.service.kill(signal.SIGTERM)
+        self.service.kill(signal.SIGCONT)  # it may be held
         loop.later(SERVICE_PATIENCE, self._finish)
 
     def _finish(self) -> None:
@@ -94,9 +96,15 @@ def check(line: str, answer: Answer) -> None:
 def main() -> None:
     # Of this program alone.
     told = {name: os.environ.pop(f"PRODUCT_{name}", "")
-            for name in ("SERVICE", "PULSE", "ENVIRONMENT", "UNDER", "TELL")}
+            for name in ("SERVICE", "PULSE", "ENVIRONMENT", "UNDER", "TELL", "BUILD", "OUT",
+                         "DIRECTORY")}
     if not told["SERVICE"] or os.getppid() != 1:
         sys.exit("this program works inside of its namespaces only; start virtual-product")
+    try:
+        lay_out(told["BUILD"], told["OUT"], told["DIRECTORY"])
+    except OSError as error:
+        print(f"mount {error.filename}: {error.strerror}")
+        return
     try:
         product = Product(told["PULSE"] == "real", told["ENVIRONMENT"].splitlines(), told["UNDER"])
         control = Control(product, f"{OUT}/control")

@@ -68,7 +68,7 @@ class Bus:
         """handle gets the calls to any object. OSError when the bus is not there."""
         self._connection = DBusConnection(prep_socket(address.removeprefix("unix:path=")))
         self._handle = handle
-        self._answers: dict[int, Callable[[Reply], None]] = {}
+        self._answers: dict[int, Callable[[Reply], object]] = {}
         self._gone: dict[str, loop.Action] = {}
         self.is_open = True
         loop.watch(self._connection.sock, self._read)
@@ -82,7 +82,7 @@ class Bus:
         return self.is_open
 
     def call(self, destination: str, path: str, member: str, signature: str = "",
-             values: Iterable[Any] = (), answered: Callable[[Reply], None] = lambda reply: None,
+             values: Iterable[Any] = (), answered: Callable[[Reply], object] = lambda reply: None,
              limit: float = 120) -> int:
         """Calls it; answered gets what has come of that, within limit seconds. Returns a number
         for drop()."""

@@ -5,7 +5,7 @@ import selectors
 import time
 from typing import Any, Callable
 
-Action = Callable[[], None]
+Action = Callable[[], object]
 
 _selector = selectors.DefaultSelector()
 _timers = sched.scheduler(time.monotonic)
@@ -36,7 +36,8 @@ def cancel(event: sched.Event) -> None:
 def run() -> None:
     """Returns after end()."""
     while _runs:
-        for key, events in _selector.select(_timers.run(blocking=False)):
+        wait = _timers.run(blocking=False)
+        for key, events in _selector.select(wait if _runs else 0):
             for event, action in zip((selectors.EVENT_READ, selectors.EVENT_WRITE), key.data):
                 # What was done before may have put an end to this one.
                 if events & event and _selector.get_map().get(key.fd) == key:
@@ -46,7 +47,6 @@ def run() -> None:
 def end() -> None:
     global _runs
     _runs = False
-    later(0, lambda: None)
 
 
 class Clock:

@@ -15,7 +15,8 @@ from core.words import Refused
 
 BUS_NAME = "org.freedesktop.DBus"
 MARK = "product.Monitor"
-MARKS = {"com.orbitalis.ulmo.bluetoothmanager": "?!", "com.orbitalis.ulmo.soundmanager": "@<"}
+MARKS = {"com.orbitalis.ulmo.bluetoothmanager": ("?", "!"),
+         "com.orbitalis.ulmo.soundmanager": ("@", "<")}
 SERVICES_PATH = "/com/orbitalis/ulmo/"
 PATIENCE = 5  # seconds
 NO_REPLY_EXPECTED = 1  # flag of a call
@@ -56,7 +57,7 @@ class BusMonitor:
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         # Nothing may happen on the bus before it listens, which it tells on its standard error.
         listens = select.select([self._busctl.stderr], [], [], PATIENCE)[0]
-        if not listens or b"Monitoring" not in self._busctl.stderr.read1():
+        if not listens or b"Monitoring" not in os.read(self._busctl.stderr.fileno(), 4096):
             raise Refused(f"busctl cannot watch the {self._bus} bus")
         os.set_blocking(self._busctl.stdout.fileno(), False)
         loop.watch(self._busctl.stdout, self._read)
@@ -82,7 +83,7 @@ class BusMonitor:
             self._read()
 
     def _read(self) -> None:
-        data = self._busctl.stdout.read1(1 << 16)
+        data = os.read(self._busctl.stdout.fileno(), 1 << 16)
         if not data:
             # It ends by itself when its bus does.
             self._is_settled = True
@@ -108,11 +109,11 @@ class BusMonitor:
             self._record_answer(message, facts)
 
     def _record_call(self, message: Message, facts: Message) -> None:
-        destination = facts.get("destination")
+        destination = facts.get("destination", "")
         interface, _, name = facts.get("interface", "").rpartition(".")
         if destination == BUS_NAME:
             return
-        asked, answered = MARKS.get(destination, "><")
+        asked, answered = MARKS.get(destination, (">", "<"))
         # The product's services have one object each, and are mostly called by their own interface.
         call = f"{name}.{facts['member']}".lstrip(".")
         if not facts["path"].startswith(SERVICES_PATH):
@@ -120,13 +121,13 @@ class BusMonitor:
         elif interface.startswith("com.orbitalis."):
             call = facts["member"]
         if not message.get("flags", 0) & NO_REPLY_EXPECTED:
-            self._open_calls[facts.get("sender"), message["cookie"]] = f"{answered} {call}", facts
+            self._open_calls[facts["sender"], message["cookie"]] = f"{answered} {call}", facts
         self._write("call", [asked, call, *self._words(facts["arguments"])], facts)
 
     def _record_answer(self, message: Message, facts: Message) -> None:
         serial = message.get("reply_cookie")
         # What nobody has seen asked was asked of the bus itself.
-        beginning, call = self._open_calls.pop((facts.get("destination"), serial), ("", {}))
+        beginning, call = self._open_calls.pop((facts["destination"], serial), ("", {}))
         if not call:
             return
         facts["replySerial"] = serial

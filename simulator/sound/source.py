@@ -106,18 +106,18 @@ class Source:
         self._stop_feeding()
         if self._phone and self._phone.stream == "playing":
             file = self._phone.audio
-            sound = [file, *FORMAT, "repeat", "-", "trim", f"{self._played:.3f}"]
-            music = subprocess.Popen(["sox", "-D", *(sound if file else ["-n", *FORMAT, *TONE])],
-                                     stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+            music = [file, *FORMAT, "repeat", "-", "trim", f"{self._played:.3f}"]
+            sox = subprocess.Popen(["sox", "-D", *(music if file else ["-n", *FORMAT, *TONE])],
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
             self._plays_since = time.monotonic()
-            self._feeders.append(music)
-            sound = music.stdout
+            self._feeders.append(sox)
+            sound = sox.stdout
         else:
             sound = open("/dev/zero", "rb")
         with sound:
             # The shell waits for PulseAudio to read, not we.
             self._feeders.append(subprocess.Popen(
-                ["sh", "-c", 'exec pv -q -L "$0" > "$1"', str(RATE * FRAME), FIFO], stdin=sound))
+                ["sh", "-c", 'exec pv -q -L "$0" > "$1"', str(RATE * FRAME), str(FIFO)], stdin=sound))
 
     def _stop_feeding(self) -> None:
         if self._plays_since:
