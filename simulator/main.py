@@ -10,7 +10,7 @@ import time
 
 from bluez.bluez import BlueZ
 from board import lay_out
-from control import Answer, Control
+from control import Control
 from core import loop
 from core.faults import Faults
 from core.journal import Journal
@@ -88,16 +88,10 @@ class Product:
         self.service.drain()
 
 
-def check(line: str, answer: Answer) -> None:
-    if not answer["ok"]:
-        raise Refused(f"{line}: {answer['text']}")
-
-
 def main() -> None:
     # Of this program alone.
     told = {name: os.environ.pop(f"PRODUCT_{name}", "")
-            for name in ("SERVICE", "PULSE", "ENVIRONMENT", "UNDER", "TELL", "BUILD", "OUT",
-                         "DIRECTORY")}
+            for name in ("SERVICE", "PULSE", "ENVIRONMENT", "UNDER", "BUILD", "OUT", "DIRECTORY")}
     if not told["SERVICE"] or os.getppid() != 1:
         sys.exit("this program works inside of its namespaces only; start virtual-product")
     try:
@@ -107,9 +101,7 @@ def main() -> None:
         return
     try:
         product = Product(told["PULSE"] == "real", told["ENVIRONMENT"].splitlines(), told["UNDER"])
-        control = Control(product, f"{OUT}/control")
-        for line in told["TELL"].splitlines():
-            control.tell(line, lambda answer, line=line: check(line, answer))
+        Control(product, f"{OUT}/control")
         if told["SERVICE"] == "start":
             product.service.start()
     except Refused as error:

@@ -132,8 +132,9 @@ class Audio:
 
     def _open_signalling(self) -> None:
         # Failures before the signalling channel is usable are signalled twice.
-        self._next.start(CHANNEL_SETUP, lambda: self._end(2) if self._phone.refuses_audio
-                         else self._configure(QUESTIONS))
+        self._next.start(CHANNEL_SETUP, lambda: self._configure(QUESTIONS)
+                         if self._phone.is_bonded and self._phone.answer != "refuse"
+                         else self._end(2))
 
     def _configure(self, questions: int) -> None:
         """The unit asks the next of its questions and those that follow."""
@@ -145,7 +146,7 @@ class Audio:
             self._opened()
         elif questions != 2:
             self._configure(questions - 1)
-        elif not self._phone.rejects_configuration and self._adapter.take_sink(self._device):
+        elif self._adapter.take_sink(self._device):
             self._device.add_service(SOURCE)
             self._configure(1)
         else:
@@ -154,15 +155,15 @@ class Audio:
 
     def _ask(self, answered: Action) -> None:
         """Has answered done when the phone answers, or gives the connection up."""
-        if self._phone.ignores_audio or ANSWER + self._phone.late >= ANSWER_LIMIT:
+        if self._phone.answer == "ignore":
             self._next.start(ANSWER_LIMIT, lambda: self._end(1, "the phone does not answer"))
         else:
-            self._next.start(ANSWER + self._phone.late, answered)
+            self._next.start(ANSWER, answered)
 
     # ---- set up by the phone
 
-    def phone_connects(self, quiet: bool = False) -> None:
-        """It opens the signalling channel over a link that is up and, unless quiet, a stream."""
+    def phone_connects(self) -> None:
+        """It opens the signalling channel over a link that is up, and a stream."""
         if self.is_active:
             return  # the unit was faster
         self._phase = Phase.CONNECTING
@@ -172,7 +173,7 @@ class Audio:
         else:
             self._device.add_service(ADVANCED)
         if self._device.is_trusted or self._is_authorised:
-            self._authorised(quiet)
+            self._authorised()
             return
 
         def answered(agreed: bool, _: str) -> None:
@@ -180,20 +181,16 @@ class Audio:
                 return
             self._is_authorised = agreed
             if agreed:
-                self._authorised(quiet)
+                self._authorised()
             else:
                 self._phone.note("refused", "nobody authorises its audio")
                 self._end(1)
         self._adapter.ask_agent(self._device, "Authorize", "s", (ADVANCED,), answered)
 
-    def _authorised(self, quiet: bool) -> None:
+    def _authorised(self) -> None:
         # Raw HCI lets the channel through before it has checked the key of the link.
         if not self._device.is_bonded:
             self._device.start_pairing()
-        # Over signalling alone the daemon takes over and configures the stream itself.
-        if quiet:
-            self._wait(lambda: self._configure(QUESTIONS))
-            return
         self._phase = Phase.CONFIGURING
         self._next.start(PHONE_SETUP, self._phone_configures)
 
@@ -242,11 +239,8 @@ class Audio:
         """Signals nothing: "disconnected" comes with the end of the signalling channel."""
         self._phone.set_stream("", why)
         self._adapter.release_sink(self._device)
-        self._wait(lambda: self._end(1))
-
-    def _wait(self, then: Action) -> None:
         self._phase = Phase.WAITING
-        self._next.start(SESSION_IDLE, then)
+        self._next.start(SESSION_IDLE, self.hang_up)
 
     # ---- the end
 

@@ -30,7 +30,7 @@ class BlueZ:
         self._clock = clock
         self._faults = faults
         self._address = address
-        self._adapter = Adapter(clock)
+        self.adapter = Adapter(clock)
         self._bus: Bus | None = None  # of the daemon
         self._agent: Agent | None = None
 
@@ -40,13 +40,13 @@ class BlueZ:
         """A bluetoothd lives: it takes org.bluez, and its adapter comes a little later. The faults
         name-delay, no-name, adapter-delay (real milliseconds) and no-adapter of "bluetoothd"
         count."""
-        bus = self._bus = Bus(self._address, self._faults.guard(self._adapter.handle))
+        bus = self._bus = Bus(self._address, self._faults.guard(self.adapter.handle))
         if self._faults.standing("bluetoothd", "no-name"):
             return
 
         def appear() -> None:
             if bus.is_open:
-                self._adapter.appear(bus, pid, host_name)
+                self.adapter.appear(bus, pid, host_name)
 
         def take_name() -> None:
             if not bus.is_open:
@@ -61,9 +61,9 @@ class BlueZ:
     def stop(self, orderly: bool) -> None:
         """It ends, in order (SIGTERM) or not."""
         if orderly:
-            self._adapter.release_agent()
+            self.adapter.release_agent()
         self._bus.close()
-        self._adapter.vanish()
+        self.adapter.vanish()
 
     def start_agent(self, arguments: list[str]) -> None:
         """The agent lives: it registers, or ends."""
@@ -79,15 +79,11 @@ class BlueZ:
             agent.stop()
         elif agent:
             agent.leave()
-            self._adapter.forget_agent()
-
-    def hciconfig(self, arguments: list[str]) -> None:
-        """What hciconfig with these arguments does to the radio."""
-        self._adapter.hciconfig(arguments)
+            self.adapter.forget_agent()
 
     def take_stream(self, taken: bool) -> None:
         """PulseAudio takes the phones' streams: BlueZ does not suspend them after 5 s."""
-        self._adapter.stream_taken = taken
+        self.adapter.stream_taken = taken
 
     # ---- control
 
@@ -128,7 +124,7 @@ class BlueZ:
 
         usual = (f"00:1A:7D:DA:71:{last:02X}" for last in range(0x13, 0x100))
         address = next(address for address in usual if not self._handle_of(address))
-        phone = Phone(self._adapter, self._journal, handle, address)
+        phone = Phone(self.adapter, self._journal, handle, address)
         for word in words[1:]:
             field, separator, value = word.partition("=")
             if separator and field in ("address", "name", "pin", "audio"):
@@ -155,8 +151,8 @@ class BlueZ:
     def _set_backend(self, words: list[str]) -> None:
         if words not in (["mgmt"], ["hci"], ["hci", "other"]):
             raise Refused("backend mgmt|hci, or backend hci other")
-        self._adapter.is_raw_hci = words[0] == "hci"
-        self._adapter.audio_first = "other" in words
+        self.adapter.is_raw_hci = words[0] == "hci"
+        self.adapter.audio_first = "other" in words
 
     def _handle_of(self, address: str) -> str:
         """What the phone with this address is called; empty when there is none."""

@@ -35,7 +35,7 @@ class Phone:
         self.audio = ""  # the file that it plays
         self.is_bonded = False  # as far as the phone knows
         self.is_in_range = True
-        self.late = 0  # milliseconds by which it answers
+        self.answer = "accept"  # to the unit's audio requests; or "refuse", "ignore"
         #: Called when its stream has changed.
         self.stream_changed: list[Callable[[Phone], None]] = []
         #: The stream: "" while there is none, "paused" or "playing".
@@ -43,7 +43,6 @@ class Phone:
         self._adapter = adapter
         self._journal = journal
         self._auto_play = False
-        self._answer = "accept"
         self._after_pairing: Action | None = None
         self._step = Timer(adapter.clock)  # between the steps of what a person wants
         #: What the unit knows of it.
@@ -62,7 +61,7 @@ class Phone:
     def describe(self) -> str:
         """A line for people."""
         states = {"paired": self.is_bonded, "out of range": not self.is_in_range,
-                  f"will {self._answer} audio": self._answer != "accept",
+                  f"will {self.answer} audio": self.answer != "accept",
                   "playing": self.stream == "playing", "stream open": self.stream == "paused",
                   "linked": self.device.is_link_up and not self.stream}
         return ", ".join([f'{self.handle}  {self.address}  "{self.name}"  pin {self.pin}',
@@ -156,9 +155,6 @@ class Phone:
             self.note("refused", "the unit has forgotten the bond")
         self._open_link(pair, announced=False)
 
-    def connect_signalling(self) -> None:
-        self._open_link(lambda: self.device.audio.phone_connects(quiet=True))
-
     def _open_link(self, then: Action, announced: bool = True) -> None:
         self._step.stop()
         if self.device.is_link_up:
@@ -226,32 +222,16 @@ class Phone:
     def forget(self) -> None:
         self.is_bonded = False
 
-    def answer_late(self, milliseconds: str) -> None:
-        self.late = int(milliseconds)
-
     def set_auto_play(self, value: str) -> None:
         self._auto_play = value == "on"
+
+    def set_answer(self, answer: str) -> None:
+        self.answer = answer
 
     def set_pin(self, pin: str) -> None:
         self.pin = pin
 
-    def set_answer(self, answer: str) -> None:
-        self._answer = answer
-
     # ---- what the unit finds and does
-
-    @property
-    def refuses_audio(self) -> bool:
-        """It closes the signalling channel at once, as it does without the bond."""
-        return self._answer == "refuse" or not self.is_bonded
-
-    @property
-    def rejects_configuration(self) -> bool:
-        return self._answer == "reject"
-
-    @property
-    def ignores_audio(self) -> bool:
-        return self._answer == "ignore"
 
     def pairing_finished(self, why_not: str = "") -> None:
         """It is paired unless there is a reason why not."""
@@ -301,9 +281,7 @@ class Verb(NamedTuple):
     def takes(self, words: list[str]) -> bool:
         if len(words) != bool(self.argument):
             return False
-        if "|" in self.argument:
-            return words[0] in self.argument.split("|")
-        return self.argument != "MILLISECONDS" or words[0].isdecimal()
+        return "|" not in self.argument or words[0] in self.argument.split("|")
 
 
 VERBS = {
@@ -313,8 +291,6 @@ VERBS = {
     "connect-acl": Verb("opens the radio link only", Phone.connect_link, Phone.needs_unit),
     "connect-a2dp": Verb("connects its audio, with the bond that it has", Phone.connect_audio,
                          Phone.needs_audio),
-    "connect-signalling": Verb("connects its audio, but opens no stream", Phone.connect_signalling,
-                               Phone.needs_audio),
     "play": Verb("starts the stream", Phone.play, Phone.needs_pause),
     "pause": Verb("suspends the stream", Phone.pause, Phone.needs_play),
     "close": Verb("closes the stream", Phone.close, Phone.needs_stream),
@@ -326,11 +302,7 @@ VERBS = {
                    lambda phone: phone.set_answer("ignore")),
     "refuse": Verb("will close the unit's audio connections at once",
                    lambda phone: phone.set_answer("refuse")),
-    "reject": Verb("will reject the unit's stream configuration",
-                   lambda phone: phone.set_answer("reject")),
     "accept": Verb("will accept again", lambda phone: phone.set_answer("accept")),
-    "answer-late": Verb("will answer each audio request that late", Phone.answer_late,
-                        argument="MILLISECONDS"),
     "auto-play": Verb("whether it plays as soon as a stream is open", Phone.set_auto_play,
                       argument="on|off"),
     "forget": Verb("forgets its bond with the unit", Phone.forget),

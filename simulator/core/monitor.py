@@ -24,15 +24,16 @@ NO_REPLY_EXPECTED = 1  # flag of a call
 Message = dict[str, Any]
 
 
-def plain(value: Any) -> Any:
-    """value, or what it holds, without busctl's description of variants."""
+def changed(value: Any, change: Callable[[Any], Any] = lambda value: value) -> Any:
+    """value, or what it holds, without busctl's description of variants, and with change of every
+    text and number in it."""
     if isinstance(value, list):
-        return [plain(item) for item in value]
-    if isinstance(value, dict):
-        if value.keys() == {"type", "data"}:
-            return plain(value["data"])
-        return {key: plain(item) for key, item in value.items()}
-    return value
+        return [changed(item, change) for item in value]
+    if not isinstance(value, dict):
+        return change(value)
+    if value.keys() == {"type", "data"}:
+        return changed(value["data"], change)
+    return {key: changed(item, change) for key, item in value.items()}
 
 
 class BusMonitor:
@@ -95,7 +96,7 @@ class BusMonitor:
     def _record(self, message: Message) -> None:
         payload = message.get("payload", {})
         facts = {"bus": self._bus, "serial": message.get("cookie"),
-                 "signature": payload.get("type", ""), "arguments": plain(payload.get("data", []))}
+                 "signature": payload.get("type", ""), "arguments": changed(payload.get("data", []))}
         for key in ("sender", "destination", "path", "interface", "member"):
             if key in message:
                 facts[key] = message[key]
@@ -162,13 +163,7 @@ class BusMonitor:
         self._journal.record("bus", kind, " ".join(words), **facts)
 
     def _words(self, arguments: list[Any]) -> list[str]:
-        short = [self._shortened(argument) for argument in arguments]
+        def shorten(value: Any) -> Any:
+            return self._short_name(value) if str(value).startswith("/") else value
         return [word if isinstance(word, str) and re.fullmatch(r"[\w.:/@%+-]+", word)
-                else to_json(word) for word in short]
-
-    def _shortened(self, value: Any) -> Any:
-        if isinstance(value, list):
-            return [self._shortened(item) for item in value]
-        if isinstance(value, dict):
-            return {key: self._shortened(item) for key, item in value.items()}
-        return self._short_name(value) if isinstance(value, str) and value[:1] == "/" else value
+                else to_json(word) for word in changed(arguments, shorten)]

@@ -208,7 +208,7 @@ class Programs:
             self._run_sdptool(stub)
         else:
             if stub.name == "hciconfig":
-                self._bluez.hciconfig(stub.arguments)
+                self._bluez.adapter.hciconfig(stub.arguments)
             stub.exit(0)
 
     def _start_on_bus(self, stub: Stub) -> None:
