@@ -1,26 +1,19 @@
-# The one place that knows the Qt version. Everything else links ulmo::core, ulmo::dbus and calls
+# The one place that knows the Qt version. Everything else links ulmo::dbus and calls
 # ulmo_add_dbus_proxy().
 if(ULMO_QT EQUAL 4)
     find_package(Qt4 4.8 REQUIRED QtCore QtDBus)
-    set(ulmo_qt_core Qt4::QtCore)
-    set(ulmo_qt_dbus Qt4::QtDBus)
+    set(ulmo_qt Qt4::QtCore Qt4::QtDBus)
     set(ulmo_qdbusxml2cpp Qt4::qdbusxml2cpp)
 elseif(ULMO_QT EQUAL 5)
     find_package(Qt5 5.15 REQUIRED COMPONENTS Core DBus)
-    set(ulmo_qt_core Qt5::Core)
-    set(ulmo_qt_dbus Qt5::DBus)
+    set(ulmo_qt Qt5::Core Qt5::DBus)
     set(ulmo_qdbusxml2cpp Qt5::qdbusxml2cpp)
 else()
     message(FATAL_ERROR "ULMO_QT must be 4 or 5, not \"${ULMO_QT}\"")
 endif()
 
-add_library(ulmo_core INTERFACE)
-target_link_libraries(ulmo_core INTERFACE ${ulmo_qt_core})
-add_library(ulmo::core ALIAS ulmo_core)
-
-add_library(ulmo_dbus INTERFACE)
-target_link_libraries(ulmo_dbus INTERFACE ulmo_core ${ulmo_qt_dbus})
-add_library(ulmo::dbus ALIAS ulmo_dbus)
+add_library(ulmo::dbus INTERFACE IMPORTED)
+target_link_libraries(ulmo::dbus INTERFACE ${ulmo_qt})
 
 # ulmo_add_dbus_proxy(SOURCES DESCRIPTION CLASS HEADER)
 # Generates CLASS.h and CLASS.cpp, the client proxy of the one interface in DESCRIPTION (an XML file

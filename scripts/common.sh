@@ -2,10 +2,6 @@
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-say() {
-    printf '%s\n' "$*"
-}
-
 # What is wrong, and what to do.
 fail() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
@@ -21,27 +17,22 @@ need_room() {
     [ "$free" -ge "$2" ] || fail "the disk of $1 is full: $free MB are free, $2 are needed"
 }
 
-# build FOLDER [CMAKE-OPTION...] [-- TARGET...]: configures and builds, with progress on a terminal,
-# and with nothing but the outcome elsewhere. The full output lies in FOLDER/build.log.
+# build FOLDER TARGET [CMAKE-OPTION...]: configures and builds, with progress on a terminal, and
+# with nothing but the outcome elsewhere. The full output lies in FOLDER/build.log.
 build() {
-    local folder=$1 options=()
-    shift
-    while [ $# -gt 0 ] && [ "$1" != -- ]; do
-        options+=("$1")
-        shift
-    done
-    [ $# = 0 ] || shift
+    local folder=$1 target=$2
+    shift 2
     mkdir -p "$folder" || fail "cannot write $folder"
-    say "Configuring $folder"
-    cmake -S "$root" -B "$folder" -G Ninja "${options[@]}" > "$folder/build.log" 2>&1 || {
+    echo "Configuring $folder"
+    cmake -S "$root" -B "$folder" -G Ninja "$@" > "$folder/build.log" 2>&1 || {
         tail -n 30 "$folder/build.log" >&2
         fail "configuring failed; the whole output is in $folder/build.log"
     }
-    say "Building $folder"
+    echo "Building $folder"
     if [ -t 1 ]; then
-        ninja -C "$folder" "$@" || fail "the build failed; see above"
+        ninja -C "$folder" "$target" || fail "the build failed; see above"
     else
-        ninja -C "$folder" "$@" >> "$folder/build.log" 2>&1 || {
+        ninja -C "$folder" "$target" >> "$folder/build.log" 2>&1 || {
             grep -B 2 -A 30 -m 3 'FAILED' "$folder/build.log" >&2
             fail "the build failed; the whole output is in $folder/build.log"
         }
@@ -58,8 +49,8 @@ build_package() {
     flags=$(dpkg-architecture -f -a "$architecture" -c dpkg-buildflags --export=sh 2> /dev/null)
     eval "$flags"
     export CFLAGS="$CFLAGS $CPPFLAGS" CXXFLAGS="$CXXFLAGS $CPPFLAGS"
-    build "$folder" -DCMAKE_INSTALL_PREFIX=/usr -DULMO_SYSTEMD_UNIT_DIR=/lib/systemd/system "$@" \
-        -- virtual-product
+    build "$folder" virtual-product -DCMAKE_INSTALL_PREFIX=/usr \
+        -DULMO_SYSTEMD_UNIT_DIR=/lib/systemd/system "$@"
 }
 
 # debian_changelog: CHANGELOG.md's entry for the version in CMakeLists.txt, as Debian writes it.
@@ -77,7 +68,7 @@ debian_changelog() {
 # pack FOLDER ARCHITECTURE: makes the packages of what was built, and looks at them as Debian does.
 pack() {
     local folder=$1 architecture=$2
-    say "Packing"
+    echo "Packing"
     rm -rf "$folder"/debian "$folder"/*.deb
     cp -r "$root/packaging/debian" "$folder/debian"
     debian_changelog > "$folder/debian/changelog"
