@@ -44,27 +44,27 @@ for backend, first, second, third, early
 + BlueZ is left alone
 - backend {backend}
 + anna pairs
-busctl call org.bluez {anna} org.bluez.Device SetProperty sv Trusted b true
+shell busctl call org.bluez {anna} org.bluez.Device SetProperty sv Trusted b true
 > Device.SetProperty anna Trusted true
 ~ anna Device.Trusted true
 < Device.SetProperty anna
-busctl call org.bluez {anna} org.bluez.Device SetProperty sv Trusted b true
+shell busctl call org.bluez {anna} org.bluez.Device SetProperty sv Trusted b true
 > Device.SetProperty anna Trusted true
 < Device.SetProperty anna
 + the unit connects anna
-busctl call org.bluez {anna} org.bluez.AudioSource Connect
+shell busctl call org.bluez {anna} org.bluez.AudioSource Connect
 < AudioSource.Connect anna AlreadyConnected "Already Connected"
-busctl call org.bluez {anna} org.bluez.Device Disconnect
+shell busctl call org.bluez {anna} org.bluez.Device Disconnect
 > Device.Disconnect anna
 ~ anna Device.DisconnectRequested
 {first}
 {second}
 {third}
 nothing else of > < ~
-busctl call org.bluez {anna} org.bluez.Device Disconnect
+shell busctl call org.bluez {anna} org.bluez.Device Disconnect
 < Device.Disconnect anna NotConnected "Not Connected"
 + the unit connects anna
-busctl call org.bluez {adapter} org.bluez.Adapter RemoveDevice o {anna}
+shell busctl call org.bluez {adapter} org.bluez.Adapter RemoveDevice o {anna}
 > Adapter.RemoveDevice hci0 anna
 ~ anna Device.DisconnectRequested
 < Adapter.RemoveDevice hci0
@@ -72,9 +72,9 @@ busctl call org.bluez {adapter} org.bluez.Adapter RemoveDevice o {anna}
 ~ hci0 Adapter.Devices []
 ~ hci0 Adapter.DeviceRemoved anna
 nothing else of > < ~
-busctl call org.bluez {anna} org.bluez.Device Disconnect
+shell busctl call org.bluez {anna} org.bluez.Device Disconnect
 < Device.Disconnect * UnknownObject "Method \"Disconnect\" with signature \"\" on interface \"org.bluez.Device\" doesn't exist"
-busctl call org.bluez {adapter} org.bluez.Adapter RemoveDevice o {anna}
+shell busctl call org.bluez {adapter} org.bluez.Adapter RemoveDevice o {anna}
 < Adapter.RemoveDevice hci0 DoesNotExist "Does Not Exist"
 
 == A phone that opens its audio straight after pairing asks for both at once

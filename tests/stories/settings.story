@@ -87,7 +87,7 @@ with environment BLUEZHOSTNAME=inherited
 with {nickname}
 with {number}
 + Bluetooth is on
-busctl call org.bluez {adapter} org.bluez.Adapter GetProperties => *"Name" s "{name}"*
+shell busctl call org.bluez {adapter} org.bluez.Adapter GetProperties => *"Name" s "{name}"*
 
 == What cannot be saved is told, tried again, and used all the same
 with environment ULMO_BT_ENABLE=1

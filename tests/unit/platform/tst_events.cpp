@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include "LogInterface.h"
-#include "PrivateBus.h"
 #include "UlmoFeatureBase.h"
 
 LogInterface *_logInterface = nullptr;
@@ -131,12 +130,10 @@ private Q_SLOTS:
     void initTestCase()
     {
         _logInterface = new LogInterface("/log");
-        qputenv("DBUS_SESSION_BUS_ADDRESS", m_session.address().toLatin1());
-        qputenv("DBUS_SYSTEM_BUS_ADDRESS", m_system.address().toLatin1());
         for (const char *name : {"platform", "other"})
-            QVERIFY(m_session.connection(name).isConnected());
+            QVERIFY(QDBusConnection::connectToBus(QDBusConnection::SessionBus, name).isConnected());
         for (const char *name : {"login", "other login"})
-            QVERIFY(m_system.connection(name).isConnected());
+            QVERIFY(QDBusConnection::connectToBus(QDBusConnection::SystemBus, name).isConnected());
     }
 
     /// The well-formed ones of whoever owns the name.
@@ -237,10 +234,6 @@ private Q_SLOTS:
         emitSignal("other login", "PrepareForSleep", {false});
         QTRY_VERIFY(login.isInhibited());
     }
-
-private:
-    PrivateBus m_session;
-    PrivateBus m_system;
 };
 
 QTEST_GUILESS_MAIN(TestEvents)
