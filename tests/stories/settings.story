@@ -60,8 +60,8 @@ settings bt-pid={pin}
 4 PID ({pin}) not saved because already saved
 
 == Any number is a latency, but only a decimal one is forced
-for latency, enabled
-| -5 | true
+for latency
+| -5
 with setting bt-latency -5
 with environment ULMO_BT_LATENCY=0x20
 4 legacy mode 0
@@ -71,16 +71,9 @@ with environment ULMO_BT_LATENCY=0x20
 + anna is linked
 @ PlayBluetooth
 
-== Legacy pairing is switched off when the setting says so
-for mode
-| 1
-with setting bt-disable-legacy 3
-4 legacy mode {mode}
-+ the stack comes up
-
 == The unit's Bluetooth name is made of nickname and serial number ({name})
 for nickname, number, name
-| no setting GENERAL/Nickname | no setting GENERAL/SerialNumber | Ulmo_unknown
+| setting OTHER/Nickname x | setting OTHER/SerialNumber x | Ulmo_unknown
 | setting GENERAL/Nickname | setting GENERAL/SerialNumber AB 12-34 | Ulmo_AB_1234
 | setting GENERAL/Nickname My Küche  #2 | setting GENERAL/SerialNumber AB 12-34 | My_Kche__2
 with environment BLUEZHOSTNAME=inherited
@@ -91,9 +84,13 @@ shell busctl call org.bluez {adapter} org.bluez.Adapter GetProperties => *"Name"
 
 == What cannot be saved is told, tried again, and used all the same
 with environment ULMO_BT_ENABLE=1
-with environment ULMO_BT_PID=1234
+# In whatever script.
+with environment ULMO_BT_PID=١٢٣٤
 with environment ULMO_SETTINGS=/proc/nowhere/settings.ini
+4 reconnection timeout 5000
+2 settings file /proc/nowhere/settings.ini not written: *
 2 Error saving Enable
+& agent * ١٢٣٤
 + Bluetooth is on
 - platform shutdown
 2 Error saving Enable
@@ -101,4 +98,4 @@ with environment ULMO_SETTINGS=/proc/nowhere/settings.ini
 - platform shutdown
 2 Error saving Enable
 2 Error saving Pid
-= 0 true true 1234
+= 0 true true ١٢٣٤

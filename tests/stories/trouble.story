@@ -15,9 +15,7 @@ never 4 *PropertyChanged (*){*
 - phone anna pause
 4 start/restart timer for no play
 nothing else
-
-== What BlueZ says is taken as a text, and only "true" is connected
-+ anna is playing
+# What is said is taken as a text, and only "true" is connected.
 - signal {anna} org.bluez.Device.PropertyChanged s:Connected v:s:true
 4 DevicePropertyChanged (org.bluez.Device){anna} Connected=true
 4 Device {anna} CONNECTED AND ACCEPTED
@@ -83,7 +81,7 @@ after 24 to 40 s
 + anna is playing
 - phone add carla trusted
 - fault bluez:Device.Disconnect delay=500
--& pin 1234
+shell& ulmoctl pin 1234
 > Device.Disconnect anna
 - signal {berta} org.bluez.Device.PropertyChanged s:Connected v:b:true
 ! SetPid 0

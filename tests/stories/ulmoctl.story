@@ -43,7 +43,7 @@ shell ulmoctl status => Bluetooth   disabled, off\nPIN         1234
 + the service runs with Bluetooth off
 # A switch-off that was asked for before tells nothing of the start.
 - service kill STOP
--& disable
+shell& ulmoctl off
 ? SetEnabled false
 shell& ulmoctl on --wait
 ? SetEnabled true
