@@ -34,6 +34,5 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} "${ULMO_SYSROOT}")
 set(ENV{PKG_CONFIG_LIBDIR}
     "${ULMO_SYSROOT}/usr/lib/${triplet}/pkgconfig:${ULMO_SYSROOT}/usr/share/pkgconfig")
 
-# For tests. What is loaded into them says why in its source.
-set(CMAKE_CROSSCOMPILING_EMULATOR ${emulator} -L "${ULMO_SYSROOT}"
-    -E "LD_PRELOAD=${CMAKE_BINARY_DIR}/tests/unit/emulation/libno-pidfd.so")
+# For tests.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${emulator} -L "${ULMO_SYSROOT}")

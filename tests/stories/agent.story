@@ -27,6 +27,10 @@ after 9.4 to 20 s
 after 9.4 to 20 s
 + the agent comes back
 = 0 false false 7351
+# Nothing is left of the attempts.
+- enable
+@ BluetoothOn true
+never 4 startStartupSequence programming error*
 - service stop
 everything ends
 

@@ -87,16 +87,3 @@ never @ ConnectAudioDevice
 nothing else of 1 2 $ > @
 + all is well again
 + anna comes
-
-== A sound server that does not obey is killed after 2 s
-with fault pulseaudio ignore-term
-+ anna is streaming
-- phone anna leave
-4 stop pulseaudio because not used any more
-after 1.9 to 8 s
-. pulseaudio ended by signal 9
-+ nobody is played
-never 2 pulseaudio down *
-- phone anna connect
-& pulseaudio --system
-@ PlayBluetooth

@@ -87,7 +87,12 @@ nothing else
 - phone anna refuse
 - phone anna connect
 + anna is made again
-+ anna cannot be connected
+2 connectAudioSource {anna} error Connect
+4 trust {anna} false
+4 removeDevice {anna}
+4 removeDevice {anna} Remove Device, pair again
+> Device.SetProperty anna Trusted false
+> Adapter.RemoveDevice hci0 anna
 ~ hci0 Adapter.DeviceRemoved anna
 never & pulseaudio *
 

@@ -80,11 +80,9 @@ nothing else of 2 > @
 - phone anna forget
 + anna comes
 
-== Nothing is forgotten without {what}
-for what, setup
-| BlueZ | + the service runs with Bluetooth off
-| an adapter | + Bluetooth has no adapter
-{setup}
+== Nothing is forgotten without an adapter
+with fault bluez:Manager.DefaultAdapter error=NoSuchAdapter after=1
++ Bluetooth is on
 - forget 00:1A:7D:DA:71:13
 4 RemoveDevice
 2 error get DefaultAdapter

@@ -25,27 +25,24 @@ settings bt-pid={pin}
 4 PID ({pin}) not saved because already saved
 
 == Variables override settings, and a time out of bounds is brought into them ({time})
-for time, limit, used, enable, variable, stored, forced, pin
-| 99 | too low | 100 | 1 | TRUE | 1234 | 1234 | 1234
-| 10001 | too big | 10000 | 0 | 1 | 0042 | 12a4 | 7351
+for time, limit, used, enable, variable, stored, forced, pin, number, force, latency
+| 99 | too low | 100 | 1 | TRUE | 1234 | 1234 | 1234 | 0 | 4 force ULMO_BT_LATENCY=0 | 0
+| 10001 | too big | 10000 | 0 | 1 | 0042 | 12a4 | 7351 | 0x20 | | -5
 with setting bt-timeout-reconnect-1 {time}
 with setting bt-enable {enable}
 with environment ULMO_BT_ENABLE={variable}
 with setting bt-pid {stored}
 with environment ULMO_BT_PID={forced}
 with setting bt-latency -5
-with environment ULMO_BT_LATENCY=0
+with environment ULMO_BT_LATENCY={number}
 4 Starting Bluetooth Manager...
 2 {limit} reconnect timeout
 4 reconnection timeout {used}
 4 force enable for ULMO_BT_ENABLE
 4 force PID for ULMO_BT_PID
 4 legacy mode 0
-4 force ULMO_BT_LATENCY=0
-4 BLUETOOTH CONFIGURATION:
-4 > Enable:         true
-4 > Pid:            {pin}
-4 > Latency:        0
+{force}
++ the settings are told
 + Bluetooth is asked for
 4 Enable SAVED (true)
 4 startStartupSequence requested
@@ -58,18 +55,9 @@ nothing else of 1 2
 settings bt-pid={pin}
 - platform shutdown
 4 PID ({pin}) not saved because already saved
-
-== Any number is a latency, but only a decimal one is forced
-for latency
-| -5
-with setting bt-latency -5
-with environment ULMO_BT_LATENCY=0x20
-4 legacy mode 0
-+ the settings are told
-+ there is anna
+- phone add anna trusted
 - phone anna connect
 + anna is linked
-@ PlayBluetooth
 
 == The unit's Bluetooth name is made of nickname and serial number ({name})
 for nickname, number, name

@@ -34,17 +34,6 @@ nothing else of 1 2 @ >
 # What is asked here is granted, and the play request's refusal comes later.
 nothing else of > @
 
-== A sound manager that never answers has refused after 25 s
-+ there is anna
-- fault soundmanager never
-- phone anna connect
-@ StopPlay bluetooth ""
-after 24 to 40 s
-2 error enabling sound manager for bluetooth play so disconnect
-4 Disconnect {anna}
-+ anna is gone
-2 error enabling sound manager for bluetooth play
-
 == The refusal of an older request to stop, when a newer one was granted, is of no interest
 + there is anna
 - fault soundmanager refuse=3000

@@ -106,7 +106,10 @@ nothing else
 nothing else
 = 0 true false 7351
 + all is well again
-+ Bluetooth is switched on again
++ Bluetooth is switched on
+4 Enable (true) not saved because already saved
++ the stack comes up
+nothing else
 
 == Bluetooth is given up when its daemon does not get onto the bus within 15 s
 with fault bluetoothd no-name
@@ -117,7 +120,10 @@ after 14.2 to 25 s
 = 0 true false 7351
 # The next start is under way, and cannot be disturbed.
 + Bluetooth is switched on
+4 Enable (true) not saved because already saved
++ the stack is begun
 + bluetoothd runs
+nothing else
 - {enable|disable}
 4 [DBUS|Internal] SetEnabled(true) requested
 2 [DBUS|Internal] SetEnabled(true) requested but there is already one in progress action

@@ -62,12 +62,3 @@ nothing else
 + mute 1 is set
 - mute 1 => 0
 nothing else
-
-== A server that does not play yet is a server
-+ anna is linking
-- volume 40 => 256
-2 set volume /usr/bin/pactl set-source-output-volume 0 40% <- 256
-- mute 1 => 256
-2 set mute /usr/bin/pactl set-source-output-mute 0 1 <- 256
-- volume 150 => 0
-never $ pactl set-*
