@@ -32,7 +32,6 @@ with setting bt-timeout-reconnect-1 900
 4 IsTrustDevice {anna}
 2 trust for {anna} is false
 4 load timer for reconnect
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::AudioSourcePropertyChanged(const QString&, const QDBusVariant&)
 4 trust {anna} true
 > Device.GetProperties anna
 > Device.SetProperty anna Trusted true
@@ -212,7 +211,6 @@ for how, outcome
 4 start/restart timer for no play
 - signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:connected
 4 start/restart timer for no play
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::AudioSourcePropertyChanged(const QString&, const QDBusVariant&)
 after 9.4 to 14 s
 4 CONNECTED BUT NOT PLAYING
 @ NoPlayConnectedDevive

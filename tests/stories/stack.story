@@ -86,9 +86,7 @@ nothing else
 4 Enable SAVED (true)
 + the stack is begun
 1 error starting bluez
-4 forceSyncDown
-$ hciconfig hci0 noscan
-$ hciconfig hci0 down
++ the stack that is off goes down
 + nobody is played
 nothing else
 = 0 true false 7351

@@ -36,15 +36,8 @@ $ hciconfig hci0 down
 + nobody is played
 4 restart
 + the stack comes up
-# There was nobody to call.
+# There was nobody to call, nor does anything wait for the sound any more.
 nothing else
-# Nor does anything wait for the sound any more.
-+ Bluetooth is switched off
-+ the stack goes down
-+ nobody is played
-@ BluetoothOn false
-nothing else
-+ Bluetooth is switched on anew
 + all is well again
 # The phone has another path now.
 - phone anna connect
