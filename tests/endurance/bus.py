@@ -80,10 +80,6 @@ class Peer:
         self.connection = DBusConnection(connected)
         self._lock = threading.Lock()  # a name's owner answers in one thread, and tells in another
 
-    def call_bus(self, member: str, signature: str, values: list) -> None:
-        self.send(CALL, signature, values, path="/org/freedesktop/DBus", member=member,
-                  destination="org.freedesktop.DBus")
-
     def send(self, kind: MessageType, signature: str, values: list, **fields: Any) -> None:
         """A message with these fields of its header; values that are missing are any."""
         body = values + [self.garbage.value(each) for each in types_in(signature)[len(values):]]
@@ -102,7 +98,8 @@ class StandIn(threading.Thread):
         self.peer = peer
         self.given = 0
         self._answers = answers
-        peer.call_bus("RequestName", "su", [name, 0])
+        peer.send(CALL, "su", [name, 0], path="/org/freedesktop/DBus", member="RequestName",
+                  destination="org.freedesktop.DBus")
         self.start()
 
     def run(self) -> None:

@@ -58,7 +58,6 @@ class Watch:
 
     def __init__(self, running: product.Product) -> None:
         self.product = running
-        self.saved: dict[str, str] = {}  # what the service said last that it has saved
         self.is_agent_registered = False  # the one that runs, at the BlueZ that runs
         self._next = 0  # entry of the journal
         self._settled = 0
@@ -152,9 +151,6 @@ class Watch:
         elif kind == "log":
             self._read_holding(entry["message"])
             self._read_timers(entry["message"], entry["time"])
-            if saved := re.match(r"(Enable|PID) SAVED \((.*)\)$", entry["message"]):
-                key = {"Enable": "bt-enable", "PID": "bt-pid"}[saved[1]]
-                self.saved[key] = {"true": "1", "false": "0"}.get(saved[2], saved[2])
         elif kind == "reply" and entry["member"] == "RegisterAgent":
             self.is_agent_registered = True
         elif kind == "output" and re.search(r"Sanitizer|runtime error|==\d+==", entry["line"]):
@@ -212,6 +208,7 @@ class Run:
         says how to repeat it, and keeps the folder."""
         folder = Path(tempfile.mkdtemp(prefix="endurance."))
         folder.chmod(0o755)
+        (folder / "settings.ini").write_text("[BLUETOOTH]\nbt-timeout-reconnect-1=300\n")
         try:
             with product.Product(out=folder, pulse="scripted", **options) as running:
                 course(self, Watch(running))

@@ -1,12 +1,5 @@
 # The pairing agent is started again whenever it has gone.
 
-== The agent gets the PIN, in whatever script
-for pin
-| ١٢٣٤
-with environment ULMO_BT_PID={pin}
-+ the agent starts
-+ Bluetooth is on
-
 == An agent that ends is started again at once, as often as it takes, and Bluetooth stays on
 with fault agent exit=5 times=12
 4 agent down 5 normal
@@ -17,29 +10,16 @@ with fault agent exit=5 times=12
 4 agent down 9 crash
 $ hciconfig hci0 noscan
 + the agent comes back
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::restartAgent()
 < Adapter.RegisterAgent *
 = 0 true true 7351
 
-== An agent that is missing is tried every 10 s, and Bluetooth stays on
+== An agent that is missing is tried every 10 s, also when Bluetooth is switched off meanwhile
 + the agent is taken away
 after 9.4 to 20 s
 4 start agent agent with parameters *
 2 error starting agent
 2 not possible to restart agent
 = 0 true true 7351
-- fault clear agent
-after 9.4 to 20 s
-+ the agent comes back
-< Adapter.RegisterAgent *
-# Nothing is left of the attempts.
-+ Bluetooth is switched off
-+ the stack goes down
-@ BluetoothOn false
-+ Bluetooth is switched on anew
-
-== Switching off does not end the attempts to start the agent
-+ the agent is taken away
 - disable => 0
 - fault clear agent
 - fault agent hang
@@ -47,6 +27,10 @@ after 9.4 to 20 s
 after 9.4 to 20 s
 + the agent comes back
 = 0 false false 7351
+# Nothing is left of the attempts.
+- enable
+@ BluetoothOn true
+never 4 startStartupSequence programming error*
 - service stop
 everything ends
 

@@ -13,6 +13,14 @@ in BluetoothManager.cpp bluetoothobj void BluetoothManager::DevicePropertyChange
 + anna is played
 # What the phone had begun before it was dropped may be told afterwards.
 nothing else of > @ &
+- phone anna leave
++ anna is gone
+--
+# One of which BlueZ tells the audio first counts as the unit's own.
+- backend hci other
+- phone anna connect
++ anna is played
+nothing else
 
 == A new phone is trusted, and connected again after a while
 with setting bt-timeout-reconnect-1 900
@@ -24,7 +32,6 @@ with setting bt-timeout-reconnect-1 900
 4 IsTrustDevice {anna}
 2 trust for {anna} is false
 4 load timer for reconnect
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::AudioSourcePropertyChanged(const QString&, const QDBusVariant&)
 4 trust {anna} true
 > Device.GetProperties anna
 > Device.SetProperty anna Trusted true
@@ -43,14 +50,7 @@ after 0.095 to 5 s
 + anna is the unit's own
 @ PlayBluetooth
 
-== A connection of which BlueZ tells the audio first is the unit's own
-+ there is anna
-- backend hci other
-- phone anna connect
-+ anna is played
-nothing else
-
-== What a phone does while it waits to be connected again makes no difference
+== What a phone does while it waits to be connected again makes no difference, even if it leaves
 with setting bt-timeout-reconnect-1 1500
 + anna is accepted for a while
 - phone anna pause
@@ -58,9 +58,15 @@ with setting bt-timeout-reconnect-1 1500
 - phone anna play
 4 waiting to reconnect
 nothing else
-+ anna is made again
-+ anna is the unit's own
-@ PlayBluetooth
+- phone anna leave
++ anna is let go
++ nobody is played
+4 reconnect
+4 Disconnect {anna}
+2 disconnectDevice {anna} error disconnectiong 
+4 connectAudioSource {anna}
+> AudioSource.Connect anna
++ anna is played
 
 == A phone that only pairs is left alone
 + Bluetooth is on
@@ -80,7 +86,12 @@ nothing else
 - phone anna refuse
 - phone anna connect
 + anna is made again
-+ anna cannot be connected
+2 connectAudioSource {anna} error Connect
+4 trust {anna} false
+4 removeDevice {anna}
+4 removeDevice {anna} Remove Device, pair again
+> Device.SetProperty anna Trusted false
+> Adapter.RemoveDevice hci0 anna
 ~ hci0 Adapter.DeviceRemoved anna
 never & pulseaudio *
 
@@ -178,19 +189,6 @@ nothing else
 4 reconnect
 + anna is played
 
-== A phone that goes while it waits to be connected again is called back
-with setting bt-timeout-reconnect-1 1500
-+ anna is accepted for a while
-- phone anna leave
-+ anna is let go
-+ nobody is played
-4 reconnect
-4 Disconnect {anna}
-2 disconnectDevice {anna} error disconnectiong 
-4 connectAudioSource {anna}
-> AudioSource.Connect anna
-+ anna is played
-
 == The last word of a phone that is gone is a first sign of it ({how})
 for how, outcome
 | leave | 4 Device {berta} CONNECTED AND ACCEPTED
@@ -204,19 +202,7 @@ for how, outcome
 - phone berta connect-acl
 {outcome}
 
-== A phone that is connected but silent is reported every 10 s
-+ there is anna
-- phone anna connect
-4 start/restart timer for no play
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::AudioSourcePropertyChanged(const QString&, const QDBusVariant&)
-after 9.4 to 14 s
-4 CONNECTED BUT NOT PLAYING
-@ NoPlayConnectedDevive
-after 9.4 to 14 s
-4 CONNECTED BUT NOT PLAYING
-@ NoPlayConnectedDevive
-
-== A phone that falls silent again is reported 10 s after that
+== A phone that is connected but silent is reported every 10 s, from when it fell silent
 + anna is linking
 4 wait pulseaudio bluetooth module ready... 12
 - fault clear
@@ -228,12 +214,14 @@ after 9.4 to 14 s
 after 9.4 to 14 s
 4 CONNECTED BUT NOT PLAYING
 @ NoPlayConnectedDevive
+after 9.4 to 14 s
+4 CONNECTED BUT NOT PLAYING
+@ NoPlayConnectedDevive
 never 4 reconnect
 
 == A phone that was silent is not reported any more when {what}
 for what, line, sign
 | it plays | - phone anna play |
-| it is lost | - phone anna drop | @ StopPlay bluetooth ""
 | Bluetooth is switched off | - disable | @ BluetoothOn false
 | another one is refused | - phone berta connect-acl | > Device.Disconnect berta
 + there is anna

@@ -14,6 +14,7 @@ nothing else
 for pin
 | 4711
 with setting bt-disable-legacy 1
+$ hciconfig hci0 sspmode 1
 + anna is streaming
 - phone add berta known
 - pin {pin}
@@ -34,8 +35,7 @@ with setting bt-disable-legacy 1
 4 removeDevice {berta} Remove Device, pair again
 > Adapter.RemoveDevice hci0 anna
 > Adapter.RemoveDevice hci0 berta
-4 legacy mode {mode}
-in BluetoothManager.cpp bluetoothobj int BluetoothManager::SetPid(const QString&)
+4 legacy mode 0
 @ BluetoothPidChanged {pin}
 4 Saving bluetooth configuration
 4 PID SAVED ({pin})
@@ -58,9 +58,9 @@ settings bt-pid={pin}
 - phone anna pin {pin}
 + anna comes
 
-== A new PIN while Bluetooth is off is for its next start
+== A new PIN is saved while Bluetooth is off, and used as well where it cannot be
+with setting bt-disable-legacy 1
 with setting bt-pid 1234
-with setting bt-disable-legacy -1
 + the service runs with Bluetooth off
 - pin 7351
 4 [DBUS|Internal] SetPid(7351) requested
@@ -69,7 +69,7 @@ with setting bt-disable-legacy -1
 4 Remove all device
 4 RemoveAllDevices
 2 error get DefaultAdapter
-4 legacy mode 0
+4 legacy mode 1
 @ BluetoothPidChanged 7351
 4 Saving bluetooth configuration
 4 PID SAVED (7351)
@@ -77,12 +77,6 @@ with setting bt-disable-legacy -1
 nothing else
 settings bt-pid=7351
 = 0 false false 7351
-- enable
-+ the stack comes up
-
-== A new PIN that cannot be saved is used all the same
-with setting bt-disable-legacy 1
-+ the service runs with Bluetooth off
 spoil the settings
 - pin 1234
 4 set legacy mode 1

@@ -47,7 +47,6 @@ settings bt-pid=4711
 - signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:disconnected
 - platform suspend
 2 [!] ULMO IS SUSPENDING
-in BluetoothManager.cpp bluetoothobj virtual void BluetoothManager::ulmoPowerOnSuspend(const QString&)
 + nobody is played
 nothing else
 # What was seen of anna is forgotten.
@@ -57,7 +56,6 @@ nothing else
 + anna is polling
 - platform supervisor-end
 4 BluetoothManager close for supervisor end
-in BluetoothManager.cpp bluetoothobj virtual void BluetoothManager::ulmoSupOnShutdown()
 4 Gracefully stop BluetoothManager Adapter...
 4 Gracefully stop BluetoothManager...
 + the stack goes down

@@ -25,27 +25,24 @@ settings bt-pid={pin}
 4 PID ({pin}) not saved because already saved
 
 == Variables override settings, and a time out of bounds is brought into them ({time})
-for time, limit, used, enable, variable, stored, forced, pin
-| 99 | too low | 100 | 1 | TRUE | 1234 | 1234 | 1234
-| 10001 | too big | 10000 | 0 | 1 | 0042 | 12a4 | 7351
+for time, limit, used, enable, variable, stored, forced, pin, number, force, latency
+| 99 | too low | 100 | 1 | TRUE | 1234 | 1234 | 1234 | 0 | 4 force ULMO_BT_LATENCY=0 | 0
+| 10001 | too big | 10000 | 0 | 1 | 0042 | 12a4 | 7351 | 0x20 | | -5
 with setting bt-timeout-reconnect-1 {time}
 with setting bt-enable {enable}
 with environment ULMO_BT_ENABLE={variable}
 with setting bt-pid {stored}
 with environment ULMO_BT_PID={forced}
 with setting bt-latency -5
-with environment ULMO_BT_LATENCY=0
+with environment ULMO_BT_LATENCY={number}
 4 Starting Bluetooth Manager...
 2 {limit} reconnect timeout
 4 reconnection timeout {used}
 4 force enable for ULMO_BT_ENABLE
 4 force PID for ULMO_BT_PID
 4 legacy mode 0
-4 force ULMO_BT_LATENCY=0
-4 BLUETOOTH CONFIGURATION:
-4 > Enable:         true
-4 > Pid:            {pin}
-4 > Latency:        0
+{force}
++ the settings are told
 + Bluetooth is asked for
 4 Enable SAVED (true)
 4 startStartupSequence requested
@@ -58,42 +55,30 @@ nothing else of 1 2
 settings bt-pid={pin}
 - platform shutdown
 4 PID ({pin}) not saved because already saved
-
-== Any number is a latency, but only a decimal one is forced
-for latency, enabled
-| -5 | true
-with setting bt-latency -5
-with environment ULMO_BT_LATENCY=0x20
-4 legacy mode 0
-+ the settings are told
-+ there is anna
+- phone add anna trusted
 - phone anna connect
 + anna is linked
-@ PlayBluetooth
-
-== Legacy pairing is switched off when the setting says so
-for mode
-| 1
-with setting bt-disable-legacy 3
-4 legacy mode {mode}
-+ the stack comes up
 
 == The unit's Bluetooth name is made of nickname and serial number ({name})
 for nickname, number, name
-| no setting GENERAL/Nickname | no setting GENERAL/SerialNumber | Ulmo_unknown
+| setting OTHER/Nickname x | setting OTHER/SerialNumber x | Ulmo_unknown
 | setting GENERAL/Nickname | setting GENERAL/SerialNumber AB 12-34 | Ulmo_AB_1234
 | setting GENERAL/Nickname My Küche  #2 | setting GENERAL/SerialNumber AB 12-34 | My_Kche__2
 with environment BLUEZHOSTNAME=inherited
 with {nickname}
 with {number}
 + Bluetooth is on
-busctl call org.bluez {adapter} org.bluez.Adapter GetProperties => *"Name" s "{name}"*
+shell busctl call org.bluez {adapter} org.bluez.Adapter GetProperties => *"Name" s "{name}"*
 
 == What cannot be saved is told, tried again, and used all the same
 with environment ULMO_BT_ENABLE=1
-with environment ULMO_BT_PID=1234
+# In whatever script.
+with environment ULMO_BT_PID=١٢٣٤
 with environment ULMO_SETTINGS=/proc/nowhere/settings.ini
+4 reconnection timeout 5000
+2 settings file /proc/nowhere/settings.ini not written: *
 2 Error saving Enable
+& agent * ١٢٣٤
 + Bluetooth is on
 - platform shutdown
 2 Error saving Enable
@@ -101,4 +86,4 @@ with environment ULMO_SETTINGS=/proc/nowhere/settings.ini
 - platform shutdown
 2 Error saving Enable
 2 Error saving Pid
-= 0 true true 1234
+= 0 true true ١٢٣٤

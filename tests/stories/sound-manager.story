@@ -1,29 +1,22 @@
 # The sound manager is asked to play and to stop, and only a refused stop has a consequence.
 
-== A request to play that is {answer} changes nothing else
-for answer, fault, request, log
-| refused | fault soundmanager refuse | @ PlayBluetooth | 2 error enabling sound manager for bluetooth play
-| not possible | fault soundmanager absent | | 2 error enabling sound manager for bluetooth play
+== A request that is {answer} changes nothing else when nobody is held
+for answer, fault, play, stop, log
+| refused | refuse | @ PlayBluetooth | @ StopPlay bluetooth "" | bluetooth play so disconnect
+| not possible | absent | | | bluetooth play
 + anna is linking
-- {fault}
+- fault soundmanager {fault}
 - fault clear pactl
 @ ConnectAudioDevice
-{request}
-{log}
+{play}
+2 error enabling sound manager for bluetooth play
 nothing else of 1 2 @ >
-# What is played goes on.
-- call DisconnectDevice => 0
-
-== A request to stop that is {answer} changes nothing else when nobody is held
-for answer, fault, request, log
-| refused | fault soundmanager refuse | @ StopPlay bluetooth "" | 2 error enabling sound manager for bluetooth play so disconnect
-| not possible | fault soundmanager absent | | 2 error enabling sound manager for bluetooth play
-+ anna is playing
-- {fault}
 - phone anna leave
-{request}
+# What is played went on till then.
+4 Device {anna} DISCONNECTED SO STOP PULSEAUDIO
+{stop}
 @ DisconnectAudioDevice
-{log}
+2 error enabling sound manager for {log}
 nothing else of 1 2 @ >
 - fault clear
 + anna comes
@@ -40,17 +33,6 @@ nothing else of 1 2 @ >
 > Device.Disconnect anna
 # What is asked here is granted, and the play request's refusal comes later.
 nothing else of > @
-
-== A sound manager that never answers has refused after 25 s
-+ there is anna
-- fault soundmanager never
-- phone anna connect
-@ StopPlay bluetooth ""
-after 24 to 40 s
-2 error enabling sound manager for bluetooth play so disconnect
-4 Disconnect {anna}
-+ anna is gone
-2 error enabling sound manager for bluetooth play
 
 == The refusal of an older request to stop, when a newer one was granted, is of no interest
 + there is anna

@@ -79,27 +79,21 @@ in BluetoothManager.cpp bluetoothobj bool BluetoothManager::startAgent()
 @ BluetoothOn true
 nothing else
 
-== Bluetooth stays off without its daemon, and can be switched on later
+== Bluetooth stays off without its daemon or its agent, and can be switched on later
 + the service runs with Bluetooth off
 - fault bluetoothd missing
 + Bluetooth is switched on
 4 Enable SAVED (true)
 + the stack is begun
 1 error starting bluez
-4 forceSyncDown
-$ hciconfig hci0 noscan
-$ hciconfig hci0 down
++ the stack that is off goes down
 + nobody is played
 nothing else
 = 0 true false 7351
 + all is well again
-+ Bluetooth is switched on again
-
-== Bluetooth stays off without its agent, and can be switched on later
-+ the service runs with Bluetooth off
 - fault agent missing
 + Bluetooth is switched on
-4 Enable SAVED (true)
+4 Enable (true) not saved because already saved
 + the stack is begun
 + bluetoothd runs
 + BlueZ has come
@@ -110,22 +104,24 @@ nothing else
 nothing else
 = 0 true false 7351
 + all is well again
-+ Bluetooth is switched on again
++ Bluetooth is switched on
+4 Enable (true) not saved because already saved
++ the stack comes up
+nothing else
 
 == Bluetooth is given up when its daemon does not get onto the bus within 15 s
 with fault bluetoothd no-name
 4 bluez started and wait registration
 after 14.2 to 25 s
 1 bluez service timeout !!!!!!!!!!!!!! 
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::timeoutStartBluez()
 + the stack goes down without an agent
 = 0 true false 7351
-+ all is well again
-+ Bluetooth is switched on again
-
-== Switching is refused while Bluetooth is being switched on
-with fault bluetoothd no-name
+# The next start is under way, and cannot be disturbed.
++ Bluetooth is switched on
+4 Enable (true) not saved because already saved
++ the stack is begun
 + bluetoothd runs
+nothing else
 - {enable|disable}
 4 [DBUS|Internal] SetEnabled(true) requested
 2 [DBUS|Internal] SetEnabled(true) requested but there is already one in progress action
@@ -137,17 +133,36 @@ nothing else
 = 0 true false 7351
 settings bt-enable=
 
-== Bluetooth comes back a second after its daemon ended
+== Bluetooth comes back a second after its daemon ended, or when it is switched on before
 + Bluetooth is on
 - kill bluetoothd SEGV
 2 bluezDown down 11 crash
-4 forceSyncDown
-$ hciconfig hci0 noscan
-$ hciconfig hci0 down
 4 restart
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::forceSyncDown(bool)
 after 0.95 to 5 s
++ the stack is begun
++ Bluetooth is on
+# It comes back though it was switched off meanwhile.
+- kill bluetoothd
+4 restart
++ nobody is played
+- disable
+4 [DBUS|Internal] SetEnabled(false) requested
+4 Saving bluetooth configuration
+4 Enable SAVED (false)
+4 [DBUS|Internal] SetEnabled(false) requested but nothing to do
+! SetEnabled 0
 + the stack comes up
+nothing else
+= 0 false true 7351
+- kill bluetoothd
+4 restart
++ nobody is played
++ Bluetooth is switched on
+4 Enable SAVED (true)
++ the stack comes up
+4 startStartupSequence requested
+2 startStartupSequence bluez already running
+nothing else
 = 0 true true 7351
 
 == A daemon that ends again and again is started again and again
@@ -165,34 +180,6 @@ with fault bluetoothd exit=3 times=3
 + bluetoothd runs
 4 startStartupSequence programming error timer already active
 + BlueZ and the agent have come
-nothing else
-= 0 true true 7351
-
-== Bluetooth comes back after its daemon ended though it was switched off meanwhile
-+ Bluetooth is on
-- kill bluetoothd
-4 restart
-+ nobody is played
-- disable
-4 [DBUS|Internal] SetEnabled(false) requested
-4 Saving bluetooth configuration
-4 Enable SAVED (false)
-4 [DBUS|Internal] SetEnabled(false) requested but nothing to do
-! SetEnabled 0
-+ the stack comes up
-nothing else
-= 0 false true 7351
-
-== Bluetooth that is switched on after its daemon ended does not wait for the second
-+ Bluetooth is on
-- kill bluetoothd
-4 restart
-+ nobody is played
-+ Bluetooth is switched on
-4 Enable (true) not saved because already saved
-+ the stack comes up
-4 startStartupSequence requested
-2 startStartupSequence bluez already running
 nothing else
 = 0 true true 7351
 

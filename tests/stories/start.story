@@ -1,22 +1,15 @@
 # From the start of the process to its end.
 
 == The service tells of its settings, runs, and switches Bluetooth on
-for enabled
-| true
-with no setting bt-timeout-reconnect-1
 & service
 4 Starting Bluetooth Manager...
 in main.cpp bluetoothobj int main(int, char**)
-4 reconnection timeout 5000
-in BluetoothManager.cpp bluetoothobj BluetoothManager::BluetoothManager()
+4 reconnection timeout 100
 4 legacy mode 0
 + the settings are told
 4 Enable
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::Enable()
 4 [DBUS|Internal] SetEnabled(true) requested
-in BluetoothManager.cpp bluetoothobj int BluetoothManager::SetEnabled(bool)
 4 Saving bluetooth configuration
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::SaveStatus(bool, bool)
 4 Enable (true) not saved because already saved
 + the stack comes up
 nothing else
@@ -33,7 +26,6 @@ with service stopped
 - service start
 4 Starting Bluetooth Manager...
 1 DBUS: Can't connect {bus} bus
-in main.cpp bluetoothobj int main(int, char**)
 | DBUS: Can't connect {bus} bus
 . service ended with status 255
 nothing else of 1 2 4 9 $ |
@@ -44,31 +36,30 @@ name taken
 - service start
 4 > Latency:        1000
 1 DBUS: Can't register service [com.orbitalis.ulmo.bluetoothmanager]
-in main.cpp bluetoothobj int main(int, char**)
 . service ended with status 255
 never 4 Bluetooth Manager running
 never $ *
 never | DBUS*
 
 == The service does not run with settings that it cannot read
-with settings [BLUETOOTH]\nbt-pid=1234\n[GENERAL\n
+with service stopped
+spoil the settings
+- service start
 4 Starting Bluetooth Manager...
 # The file and the place in it, by which a person finds the mistake.
 1 settings file /run/product/out/settings.ini unusable: *
 1 Impossible to initialize Configuration proxy
 1 Fatal error while crating the BluetoothManager
-in BluetoothManager.cpp bluetoothobj BluetoothManager::BluetoothManager()
 1 Impossible to crate a valid SoundManager
 in main.cpp soundobj int main(int, char**)
 . service ended with status 255
 nothing else of 1 2 4 9 $ |
 
-== The service stops in order ({signal}, {state})
-for signal, state, enable
-| TERM | off | 0
-| INT | on | 1
-with setting bt-enable {enable}
-+ Bluetooth is {state}
+== The service stops in order ({signal})
+for signal, state, ends
+| TERM | the service runs with Bluetooth off | the stack that is off goes down
+| INT | Bluetooth is on | the stack goes down
++ {state}
 --
 - service kill {signal}
 2 signal SIGINT or SIGTERM received
@@ -76,13 +67,8 @@ in main.cpp bluetoothobj void signals_handler(int)
 4 Gracefully stop BluetoothManager Adapter...
 in main.cpp soundobj int main(int, char**)
 4 Gracefully stop BluetoothManager...
-in main.cpp soundobj int main(int, char**)
-+ the stack that is {state} goes down
-4 BluetoothManager cleaned-up
-in BluetoothManager.cpp bluetoothobj virtual BluetoothManager::~BluetoothManager()
-4 Succesfully terminated
-in main.cpp soundobj int main(int, char**)
-. service ended with status 0
++ {ends}
++ the service has stopped
 # What is seen of it on the bus is gone by then.
 @ StopPlay bluetooth ""
 nothing else
@@ -97,22 +83,9 @@ everything ends
 + the service has stopped
 everything ends
 
-== A second request to stop does not disturb the first
-with fault bluetoothd ignore-term
-+ Bluetooth is on
-- service kill TERM
-4 forceSyncDown terminate bluez
-- service kill INT
-2 signal SIGINT or SIGTERM received
-4 forceSyncDown kill bluez
-$ hciconfig hci0 down
-@ StopPlay bluetooth ""
-+ the service has stopped
-nothing else
-everything ends
-
-== The service stops while Bluetooth is being switched on
+== The service stops while Bluetooth is being switched on, and a second request does not disturb that
 with fault bluetoothd no-name
+with fault bluetoothd ignore-term
 + bluetoothd runs
 - service kill TERM
 2 signal SIGINT or SIGTERM received
@@ -121,6 +94,9 @@ with fault bluetoothd no-name
 4 forceSyncDown
 $ hciconfig hci0 noscan
 4 forceSyncDown terminate bluez
+- service kill INT
+2 signal SIGINT or SIGTERM received
+4 forceSyncDown kill bluez
 $ hciconfig hci0 down
 @ StopPlay bluetooth ""
 + the service has stopped

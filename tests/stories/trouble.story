@@ -15,9 +15,7 @@ never 4 *PropertyChanged (*){*
 - phone anna pause
 4 start/restart timer for no play
 nothing else
-
-== What BlueZ says is taken as a text, and only "true" is connected
-+ anna is playing
+# What is said is taken as a text, and only "true" is connected.
 - signal {anna} org.bluez.Device.PropertyChanged s:Connected v:s:true
 4 DevicePropertyChanged (org.bluez.Device){anna} Connected=true
 4 Device {anna} CONNECTED AND ACCEPTED
@@ -38,15 +36,8 @@ $ hciconfig hci0 down
 + nobody is played
 4 restart
 + the stack comes up
-# There was nobody to call.
+# There was nobody to call, nor does anything wait for the sound any more.
 nothing else
-# Nor does anything wait for the sound any more.
-+ Bluetooth is switched off
-+ the stack goes down
-+ nobody is played
-@ BluetoothOn false
-nothing else
-+ Bluetooth is switched on anew
 + all is well again
 # The phone has another path now.
 - phone anna connect
@@ -83,7 +74,7 @@ after 24 to 40 s
 + anna is playing
 - phone add carla trusted
 - fault bluez:Device.Disconnect delay=500
--& pin 1234
+shell& ulmoctl pin 1234
 > Device.Disconnect anna
 - signal {berta} org.bluez.Device.PropertyChanged s:Connected v:b:true
 ! SetPid 0

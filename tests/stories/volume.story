@@ -18,6 +18,15 @@ nothing else
 + mute 0 is set
 - phone anna leave
 + anna is gone
+# They outlive the server, and the next one begins with its own.
+- phone anna connect
+@ PlayBluetooth
+never $ pactl set-*
+- volume 41 => 0
+- mute 0 => 0
+nothing else
+- phone anna leave
++ anna is gone
 - volume 150 => 0
 - phone anna connect
 + anna is linked
@@ -53,31 +62,3 @@ nothing else
 + mute 1 is set
 - mute 1 => 0
 nothing else
-
-== A server that does not play yet is a server
-+ anna is linking
-- volume 40 => 256
-2 set volume /usr/bin/pactl set-source-output-volume 0 40% <- 256
-- mute 1 => 256
-2 set mute /usr/bin/pactl set-source-output-mute 0 1 <- 256
-- volume 150 => 0
-never $ pactl set-*
-
-== Volume and mute outlive the server, and the next one begins with its own, whatever they are
-+ anna is streaming
-- volume 40 => 0
-+ volume 40 is set
-- mute 1 => 0
-+ mute 1 is set
-- phone anna leave
-+ anna is gone
-- volume 40 => 0
-- mute 1 => 0
-- phone anna connect
-@ PlayBluetooth
-never $ pactl set-*
-- volume 40 => 0
-- mute 1 => 0
-nothing else
-- mute 0 => 0
-+ mute 0 is set

@@ -1,5 +1,4 @@
-// Power and supervisor events: from the product's platform on the session bus and from the login
-// manager on the system bus.
+// Power events from the login manager. Those of the product's platform are told in stories.
 #include <QtTest>
 
 #include <QDBusConnectionInterface>
@@ -13,14 +12,12 @@
 #include <unistd.h>
 
 #include "LogInterface.h"
-#include "PrivateBus.h"
 #include "UlmoFeatureBase.h"
 
 LogInterface *_logInterface = nullptr;
 
 namespace {
 
-const char PlatformName[] = "com.orbitalis.ulmo.platform";
 const char LoginName[] = "org.freedesktop.login1";
 
 /** Returns when the bus has handled all that the connection has sent. */
@@ -29,13 +26,10 @@ void settle(const QDBusConnection &connection)
     QVERIFY(connection.interface()->isServiceRegistered("org.freedesktop.DBus"));
 }
 
-/** Sends a signal as the platform or, on a connection to the system bus, as the login manager. */
-void emitSignal(const char *sender, const QString &name, const QVariantList &arguments = {})
+void emitSignal(const char *sender, const QString &name, const QVariantList &arguments)
 {
-    const bool login = QString(sender).contains("login");
-    QDBusMessage signal = QDBusMessage::createSignal(
-        login ? "/org/freedesktop/login1" : "/com/orbitalis/ulmo/platform",
-        login ? "org.freedesktop.login1.Manager" : "com.orbitalis.ulmo.platformevents", name);
+    QDBusMessage signal = QDBusMessage::createSignal("/org/freedesktop/login1",
+                                                     "org.freedesktop.login1.Manager", name);
     signal.setArguments(arguments);
     QDBusConnection(sender).send(signal);
     settle(QDBusConnection(sender));
@@ -44,16 +38,11 @@ void emitSignal(const char *sender, const QString &name, const QVariantList &arg
 class Feature : public UlmoFeatureBase
 {
 public:
-    Feature() : UlmoFeatureBase("/object")
-    {
-        settle(QDBusConnection::sessionBus());
-        settle(QDBusConnection::systemBus());
-    }
+    Feature() : UlmoFeatureBase("/object") { settle(QDBusConnection::systemBus()); }
 
     void ulmoPowerOnReboot(const QString &reason) override { called("reboot " + reason); }
     void ulmoPowerOnShutdown(const QString &reason) override { called("shutdown " + reason); }
     void ulmoPowerOnSuspend(const QString &reason) override { called("suspend " + reason); }
-    void ulmoSupOnShutdown() override { called("supervisor"); }
 
     QStringList calls;
     std::function<void()> duringCall = [] {};
@@ -131,37 +120,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         _logInterface = new LogInterface("/log");
-        qputenv("DBUS_SESSION_BUS_ADDRESS", m_session.address().toLatin1());
-        qputenv("DBUS_SYSTEM_BUS_ADDRESS", m_system.address().toLatin1());
-        for (const char *name : {"platform", "other"})
-            QVERIFY(m_session.connection(name).isConnected());
         for (const char *name : {"login", "other login"})
-            QVERIFY(m_system.connection(name).isConnected());
-    }
-
-    /// The well-formed ones of whoever owns the name.
-    void platform()
-    {
-        Feature feature;
-        QVERIFY(feature.isInitialized());
-        emitSignal("other", "PowerShutdown", {"nobody owns the name"});
-        QVERIFY(QDBusConnection("platform").registerService(PlatformName));
-        emitSignal("other", "PowerShutdown", {"not the owner"});
-        emitSignal("platform", "PowerSuspend"); // without a reason
-        emitSignal("platform", "PowerReboot", {1}); // with one of another type
-        emitSignal("platform", "PowerNap", {"unknown"});
-        emitSignal("platform", "PowerShutdown", {"restore"});
-        emitSignal("platform", "PowerReboot", {""});
-        emitSignal("platform", "SupervisorShutdown");
-        // Handed over directly, without a moment in which nobody owns the name.
-        QDBusConnection("other").interface()->registerService(
-            PlatformName, QDBusConnectionInterface::QueueService);
-        QVERIFY(QDBusConnection("platform").unregisterService(PlatformName));
-        emitSignal("platform", "PowerSuspend", {"no longer the owner"});
-        emitSignal("other", "PowerSuspend", {"new owner"});
-        QTRY_VERIFY(feature.calls.contains("suspend new owner"));
-        QCOMPARE(feature.calls.join(", "),
-                 "shutdown restore, reboot , supervisor, suspend new owner");
+            QVERIFY(QDBusConnection::connectToBus(QDBusConnection::SystemBus, name).isConnected());
     }
 
     void login_data()
@@ -237,10 +197,6 @@ private Q_SLOTS:
         emitSignal("other login", "PrepareForSleep", {false});
         QTRY_VERIFY(login.isInhibited());
     }
-
-private:
-    PrivateBus m_session;
-    PrivateBus m_system;
 };
 
 QTEST_GUILESS_MAIN(TestEvents)
