@@ -24,7 +24,7 @@ QUESTIONS = 4  # discovery, capabilities, configuration, opening
 PHONE_SETUP = 60  # from a phone's signalling channel to its configuration
 SESSION_IDLE = 1000  # signalling channel without users
 UNUSED_STREAM = 20000  # stream opened by the phone and never started
-AUTO_SUSPEND = 5000  # stream started while no local client has taken it
+AUTO_SUSPEND = 5000  # real ones; stream started while no local client has taken it
 CONNECT_GRACE = 2000  # from a lost connection to the failure of Connect
 HANG_UP_NOTICED = 20  # from a link's end to the dead audio connection's
 
@@ -224,7 +224,8 @@ class Audio:
     def phone_starts(self) -> None:
         self._phase = Phase.PLAYING
         self._set_state("playing")
-        self._next.start(AUTO_SUSPEND, lambda: self._adapter.stream_taken or self._ask(self._suspend))
+        # Whoever takes it does so in real time.
+        self._next.start_real(AUTO_SUSPEND, lambda: self._adapter.stream_taken or self._ask(self._suspend))
 
     def _suspend(self) -> None:
         self._phone.set_stream("paused", "nobody takes it: the unit suspends it")
