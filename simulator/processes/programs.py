@@ -23,7 +23,7 @@ REAL_PROGRAMS = "/run/product/host/bin/"
 PULSE_FOLDER = Path("/var/run/pulse")
 DAEMONS = ("bluetoothd", "agent", "pulseaudio")
 LANES = {"bluetoothd": "bluez", "agent": "agent", "pulseaudio": "pulse", "pactl": "pulse"}
-END_DELAY = 0.02  # seconds from SIGTERM to the end of a daemon; the real ones take 10 to 50 ms
+END_DELAY = 0.02  # seconds it takes a daemon to end; the real ones need 10 to 50 ms
 
 #: As a real one answers "browse local". The service cuts the record's number out of it by the words
 #: "Headset Audio Gateway", which stand there twice, and so deletes nothing.
@@ -135,9 +135,9 @@ class Programs:
         self._bluetoothd = self._agent = None
 
     def _agent_exited(self, status: int) -> None:
-        if self._agent:
-            self._agent.exit(status)
-        self._agent = None
+        agent, self._agent = self._agent, None
+        if agent:
+            loop.later(END_DELAY, lambda: agent.exit(status))
 
     def _accept(self) -> None:
         try:
