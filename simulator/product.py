@@ -110,8 +110,8 @@ class Product:
                  settings: Path | str | None = None, environment: dict[str, str] | None = None,
                  under: str = "", stopped: bool = False,
                  tell: list[str] | None = None) -> None:
-        """Starts it, as virtual-product's options of these names say; returns when it has done
-        every line of tell and has started the service. A folder of our own goes with it."""
+        """Starts it, as virtual-product's options of these names say, and tells it the lines of
+        tell before it starts the service. A folder of our own goes with it."""
         self._own_out = None if out else Path(tempfile.mkdtemp(prefix="virtual-product."))
         self.out = Path(out or self._own_out)
         # Whatever way we end, it ends with us.
@@ -119,18 +119,22 @@ class Product:
         command += ["--out", str(self.out), "--pulse", pulse]
         command += ["--settings", str(settings)] if settings else []
         command += ["--under", under] if under else []
-        command += ["--stopped"] if stopped else []
+        command += ["--stopped"] if stopped or tell else []
         for name, value in (environment or {}).items():
             command += ["--env", f"{name}={value}"]
-        for line in tell or []:
-            command += ["--tell", line]
-        self._errors = tempfile.TemporaryFile("w+")
         self._launcher: subprocess.Popen | None = subprocess.Popen(
-            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self._errors)
+            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         try:
             if not self._launcher.stdout.readline():
-                raise self._failure()
+                # It has said why on its standard error, which is ours.
+                status = self._launcher.wait()
+                kind = CannotRun if status == CANNOT_RUN else ProductError
+                raise kind(f"virtual-product has ended with status {status}")
             self._open()
+            for line in tell or []:
+                self.tell(line)
+            if tell and not stopped:
+                self.tell("service start")
         except BaseException:
             self.stop()
             raise
@@ -150,12 +154,6 @@ class Product:
         self._following = connect(self.out)
         self._entries: list[Entry] = []
         self._following.send({"follow": True})
-
-    def _failure(self) -> ProductError:
-        status = self._launcher.wait()
-        self._errors.seek(0)
-        kind = CannotRun if status == CANNOT_RUN else ProductError
-        return kind(self._errors.read().strip() or f"virtual-product ended with status {status}")
 
     def __enter__(self) -> "Product":
         return self
@@ -207,15 +205,14 @@ class Product:
 
     def stop(self) -> int:
         """Ends it, when it is ours, with all that runs inside; returns its exit status."""
-        for connection in (getattr(self, "_control", None), getattr(self, "_following", None)):
-            if connection:
-                connection.close()
         status = 0
         if self._launcher:
-            self._launcher.send_signal(signal.SIGTERM)
+            try:
+                self.tell("quit")
+            except (ProductError, AttributeError):
+                self._launcher.send_signal(signal.SIGTERM)
             status = self._launcher.wait(PATIENCE)
             self._launcher.stdout.close()
-            self._errors.close()
             self._launcher = None
         if self._own_out:
             shutil.rmtree(self._own_out, ignore_errors=True)

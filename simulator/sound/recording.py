@@ -77,7 +77,7 @@ def _measure_channel(sound: bytes, number: int) -> Channel:
 
 def phone_sound(audio: Path | None, seconds: float) -> bytes:
     """The beginning of what a phone plays: a file, again and again, or else the test tone."""
-    source = ["-n"] if audio is None else [audio]
+    source = ["-n"] if audio is None else [str(audio)]
     effects = list(TONE) if audio is None else ["repeat", "-"]
     effects += ["trim", "0", str(seconds)]
     return subprocess.run(["sox", "-D", "-V1", *source, *FORMAT, *effects],

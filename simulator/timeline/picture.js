@@ -3,72 +3,53 @@
 // The picture of a run. All shapes of an entry carry its number, for clicks and highlights.
 
 const ROW = 14; // of labels
-const BAR = 14;
-const AXIS = 40; // times, and a flag for each trouble
-const GUTTER = 84; // the lanes' titles
-const LONGEST_LABEL = 90;
+const BAR = 18;
+const TALLEST = 10000;
+const TOO_LONG = /(?<=^.{89}).{2,}/;
 const DEVICE_FOLDER = /\/org\/bluez\/\d+\/hci\d\/dev_/g;
-const FLAGS = {
-    "crash": "M-6,-6 6,6 M-6,6 6,-6",
-    "give-up": "M-6,-6 H6 V6 H-6 Z",
-    "error": "M0,-7 7,6 H-7 Z",
-    "warning": "M0,-6 6,0 0,6 -6,0 Z",
-    "failure": "M-6,-6 H6 L0,6 Z",
-};
 const pen = document.createElement("canvas").getContext("2d");
 pen.font = "11px sans-serif";
 
-function shape(parent, name, attributes, text) {
-    const made = document.createElementNS("http://www.w3.org/2000/svg", name);
+/** Adds an element of HTML or SVG, as its parent is. */
+function element(parent, name, attributes, text = "") {
+    const made = document.createElementNS(parent.namespaceURI, name);
     for (const [key, value] of Object.entries(attributes))
         made.setAttribute(key, value);
-    if (text !== undefined)
-        made.textContent = text;
+    made.textContent = text;
     parent.append(made);
     return made;
 }
 
-function shorten(text, length) {
-    return text.length > length ? text.slice(0, length - 1) + "\u2026" : text;
-}
-
 /** Rows of labels: each label stands whole, clear of others and of arrows, or not at all. */
 class Strip {
-    constructor(y, rowCount) {
+    constructor(y, rowCount, width) {
         this.rows = Array.from({length: rowCount}, (unused, row) => (
-            {y: y + (row + 0.8) * ROW, taken: []}));
+            {y: y + (row + 0.8) * ROW, taken: new Uint8Array(width)})); // pixels
         this.labels = [];
-        this.arrows = new Set(); // full pixels
     }
 
-    draw(parent, width) {
+    addArrow(x) {
+        for (const {taken} of this.rows)
+            taken[Math.round(x)] = 1;
+    }
+
+    draw(parent) {
         this.labels.sort((a, b) => b.importance - a.importance);
-        for (const {x, text, number, style} of this.labels) {
-            const size = pen.measureText(text).width;
-            const place = this.place(x + 5, size, width) ?? this.place(x - 5 - size, size, width);
+        for (const {x, text, entry, style} of this.labels) {
+            const size = Math.ceil(pen.measureText(text).width);
+            const place = this.place(x + 5, size) ?? this.place(x - 5 - size, size);
             if (!place)
                 continue;
-            place.row.taken.push({start: place.start, end: place.start + size});
-            shape(parent, "text", {class: `label ${style}`, x: place.start, y: place.row.y,
-                                   "data-entry": number}, text);
+            place.taken.fill(1, place.start - 3, place.start + size + 3);
+            element(parent, "text", {class: `label ${style}`, x: place.start, y: place.y,
+                                     "data-entry": entry.number}, text);
         }
     }
 
-    place(start, size, width) {
-        const end = start + size;
-        if (start < 0 || end > width || this.isCrossed(start, end))
-            return null;
-        const row = this.rows.find(
-            ({taken}) => taken.every(other => other.end + 8 < start || end + 8 < other.start));
-        return row && {row, start};
-    }
-
-    isCrossed(start, end) {
-        for (let x = Math.floor(start) - 2; x < end + 2; ++x) {
-            if (this.arrows.has(x))
-                return true;
-        }
-        return false;
+    place(start, size) {
+        const row = this.rows.find(({taken}) => start > 3 && start + size < taken.length
+            && !taken.subarray(start - 3, start + size + 3).includes(1));
+        return row && {...row, start};
     }
 }
 
@@ -80,196 +61,142 @@ class Picture {
     /** The whole run in so many pixels. */
     draw(width) {
         const {run, titles, svg} = this;
-        const others = run.bars.filter(({program}) => !DAEMONS.includes(program));
         this.width = width;
         this.strips = [];
         titles.replaceChildren();
         svg.replaceChildren();
-        this.back = shape(svg, "g", {});
-        this.front = shape(svg, "g", {});
-        this.y = AXIS;
-        for (const phone of run.phones.values())
-            this.drawBand(phone.name, phone.band, "phone");
-        this.drawMessages();
-        this.drawMarks("log", 3, ({lane, kind}) => lane === "service" && /log|output/.test(kind));
-        this.drawBars("pulseaudio", run.bars.filter(({program}) => program === "pulseaudio"));
-        this.y += 6;
-        this.drawBars("commands", others);
-        const strip = this.strip(3);
-        for (const {number, failed} of others)
-            this.label(strip, number, failed ? 1 : 0);
-        this.drawMarks("control", 2, ({lane}) => lane === "control");
-        this.drawSound();
         this.drawAxis();
+        for (const [name, {lane}] of run.phones)
+            this.drawLane(name, lane);
+        this.rule();
+        this.drawMessages();
+        this.drawMarks("log", 3, run.entries.filter(({line}) => /^[0-9|]/.test(line)));
+        this.drawLane("pulseaudio", run.lanes.pulseaudio);
+        this.drawLane("commands", run.lanes.commands);
+        const strip = this.strip(3);
+        for (const {entry} of run.lanes.commands.filter(({state}) => state === "running"))
+            this.label(strip, entry, entry.partner?.status ? 1 : 0);
+        this.drawMarks("control", 2, run.entries.filter(({lane}) => lane === "control"));
+        this.drawSound();
         for (const strip of this.strips)
-            strip.draw(this.front, width);
-        this.cursor = shape(svg, "path", {class: "cursor"});
-        for (const [element, size] of [[titles, GUTTER], [svg, width]]) {
-            for (const [key, value] of Object.entries({width: size, height: this.y}))
-                element.setAttribute(key, value);
-        }
+            strip.draw(svg);
+        this.cursor = element(svg, "path", {class: "cursor"});
+        svg.setAttribute("height", this.y);
+        svg.setAttribute("width", width);
     }
 
     x(time) {
-        return time / Math.max(this.run.end, 0.1) * (this.width - 12) + 4;
-    }
-
-    xOf(number) {
-        return this.x(this.run.entries[number].time);
+        return time / this.run.end * (this.width - 12) + 4;
     }
 
     title(text, y) {
-        const title = shape(this.titles, "text", {x: 6, y: y + 4}, shorten(text, 12));
-        shape(title, "title", {}, text);
+        element(this.titles, "text", {x: 6, y: y + 4}, text);
     }
 
     strip(rowCount) {
-        const strip = new Strip(this.y, rowCount);
+        const strip = new Strip(this.y, rowCount, this.width);
         this.strips.push(strip);
         this.y += rowCount * ROW;
         return strip;
     }
 
-    label(strip, number, importance, style = "") {
-        const line = this.run.entries[number].line.slice(2).replace(DEVICE_FOLDER, "");
-        const text = shorten(line, LONGEST_LABEL);
-        strip.labels.push({x: this.xOf(number), text, number, importance, style});
+    label(strip, entry, importance, style = "") {
+        const text = entry.line.slice(2).replace(DEVICE_FOLDER, "").replace(TOO_LONG, "\u2026");
+        strip.labels.push({x: this.x(entry.time), text, entry, importance, style});
     }
 
     /** A shape that stands for an entry. */
-    mark(name, number, attributes) {
-        const made = shape(this.front, name, {...attributes, "data-entry": number});
-        shape(made, "title", {}, this.run.entries[number].line);
+    mark(name, entry, attributes, text) {
+        const made = element(this.svg, name, {...attributes, "data-entry": entry.number}, text);
+        element(made, "title", {}, entry.line);
         return made;
     }
 
-    flag(kind, number, y) {
-        return this.mark("path", number, {class: `flag ${kind}`, d: FLAGS[kind],
-                                          transform: `translate(${this.xOf(number)} ${y})`});
+    /** A flag for each trouble and a dot for each other entry. The worst lies on top. */
+    drawFlags(entries, y) {
+        for (const kind of ["dot", ...Object.keys(TROUBLES).reverse()]) {
+            const mark = TROUBLES[kind]?.mark ?? "\u2022";
+            for (const entry of entries.filter(({trouble = "dot"}) => trouble === kind))
+                this.mark("text", entry, {class: `flag ${kind}`, x: this.x(entry.time), y}, mark);
+        }
     }
 
     rule() {
         this.y += 6;
-        shape(this.back, "path", {class: "rule", d: `M0,${this.y - 3} H${this.width}`});
+        element(this.svg, "path", {class: "rule", d: `M0,${this.y - 3} H${this.width}`});
     }
 
+    /** Times, and a flag for each trouble. */
     drawAxis() {
-        const rough = Math.max(this.run.end, 0.1) / this.width * 70;
+        const rough = this.run.end / this.width * 70;
         const power = 10 ** Math.floor(Math.log10(rough));
         const step = [1, 2, 5, 10].map(factor => factor * power).find(length => length >= rough);
-        const digits = Math.max(0, Math.ceil(-Math.log10(step)));
         for (let tick = 0; tick * step <= this.run.end; ++tick) {
             const x = this.x(tick * step);
-            shape(this.back, "path", {class: "grid", d: `M${x},16 V${this.y}`});
+            element(this.svg, "path", {class: "rule", d: `M${x},16 v${TALLEST}`});
             if (x + 40 < this.width)
-                shape(this.back, "text", {class: "tick", x, y: 11},
-                      `${(tick * step).toFixed(digits)} s`);
+                element(this.svg, "text", {class: "tick", x, y: 11},
+                        `${Number((tick * step).toFixed(6))} s`);
         }
-        const kinds = [...TROUBLES.keys()];
-        const order = ({kind}) => kinds.indexOf(kind);
-        // The worst comes last and lies on top.
-        for (const {number, kind} of [...this.run.troubles].sort((a, b) => order(b) - order(a)))
-            this.flag(kind, number, 28);
+        this.drawFlags(this.run.entries.filter(({trouble}) => trouble), 28);
+        this.y = 40;
     }
 
-    drawBand(title, band, style) {
-        this.title(title, this.y + 11);
-        for (const {state, number, start, end} of band.pieces) {
-            const x = this.x(start);
-            const width = Math.max(1, this.x(end) - x);
-            this.mark("rect", number, {class: `piece ${style} ${state}`, x, y: this.y, width,
-                                       height: 22});
-            if (pen.measureText(state).width + 8 < width)
-                shape(this.front, "text", {x: x + 4, y: this.y + 15, "data-entry": number}, state);
-        }
-        this.y += 26;
-    }
-
-    drawBars(title, bars) {
+    drawLane(title, pieces) {
         this.title(title, this.y + BAR / 2);
-        for (const {number, start, end, failed, endNumber} of bars) {
-            const x = this.x(start);
-            const width = Math.max(3, this.x(end) - x);
-            this.mark("rect", number, {class: "bar", x, y: this.y, width, height: BAR});
-            if (failed)
-                this.mark("rect", endNumber, {class: "bar failed", x: x + width - 3, y: this.y,
-                                              width: 3, height: BAR});
+        for (const {state, entry, end} of pieces) {
+            const x = this.x(entry.time);
+            const width = Math.max(3, this.x(end ?? this.run.end) - x);
+            this.mark("rect", entry, {class: `piece ${state}`, x, y: this.y, width, height: BAR});
+            if (pen.measureText(state).width + 8 < width)
+                element(this.svg, "text", {x: x + 4, y: this.y + 13, "data-entry": entry.number},
+                        state);
         }
-        this.y += BAR;
+        this.y += BAR + 3;
     }
 
     /** Those who talk over the bus stand in a row, so that an arrow never passes another lane. */
     drawMessages() {
-        const lanes = {};
         const gaps = {};
-        const lane = (name, draw) => {
-            const top = this.y;
-            draw(name);
-            lanes[name] = {top, bottom: this.y};
-        };
-        const gap = (one, other, rowCount) => {
-            this.y += 4;
-            gaps[one + other] = gaps[other + one] = this.strip(rowCount);
-            this.y += 10;
-        };
-        const children = name => this.drawBars(
-            name, this.run.bars.filter(({program}) => program === name));
-        this.rule();
-        lane("agent", children);
-        gap("agent", "bluetoothd", 2);
-        lane("bluetoothd", children);
-        gap("bluetoothd", "service", 3);
-        lane("service", name => this.drawBand(name, this.run.stack, "stack"));
-        this.y += 20;
-        lane("product", name => this.title(name, this.y));
-        shape(this.back, "path", {class: "line", d: `M0,${this.y} H${this.width}`});
-        gaps.productservice = gaps.serviceproduct = this.strip(3);
-        for (const message of this.run.messages)
-            this.drawMessage(message, lanes, gaps[message.from + message.to]);
-    }
-
-    drawMessage({number, from, to, style}, lanes, strip) {
-        const entry = this.run.entries[number];
-        const isDown = lanes[from].top < lanes[to].top;
-        const start = isDown ? lanes[from].bottom : lanes[from].top;
-        const end = isDown ? lanes[to].top : lanes[to].bottom;
-        const x = this.xOf(number);
-        this.drawArrow(this.mark("g", number, {class: `message ${style}`}), x, start, end);
-        if (strip !== this.strips[2]) // The labels of the last gap stand below it.
-            strip.arrows.add(Math.round(x));
-        if (style === "reply" && !entry.arguments?.length)
-            return; // It says nothing that its arrow does not.
-        const isToProduct = entry.line[0] === "@" && style === "call";
-        const importance = {error: 4, call: isToProduct ? 3 : 2, signal: 1}[style] ?? 0;
-        this.label(strip, number, importance, `message ${style}`);
-    }
-
-    drawArrow(group, x, start, end) {
-        const back = end > start ? -7 : 7;
-        shape(group, "path", {class: "hit", d: `M${x},${start} V${end}`});
-        shape(group, "path", {class: "shaft", d: `M${x},${start} V${end + back / 2}`});
-        shape(group, "path", {class: "head", d: `M${x},${end} l-3.5,${back} h7 z`});
+        for (const [name, rowCount] of [["agent", 2], ["bluetoothd", 3], ["service", 0]]) {
+            this.drawLane(name, this.run.lanes[name]);
+            const top = this.y - 3;
+            const strip = this.strip(rowCount);
+            this.y += 12;
+            gaps[name] = {top, bottom: this.y, strip, labels: strip};
+        }
+        this.drawLane("product", this.run.lanes.product);
+        gaps.service.labels = this.strip(3); // They are many at a time, so not between arrows.
+        for (const {entry, below, isDown} of this.run.messages) {
+            const {top, bottom, strip, labels} = gaps[below];
+            const style = `message ${entry.kind}`;
+            const x = this.x(entry.time);
+            const group = this.mark("g", entry, {class: style});
+            const [start, end, back] = isDown ? [top, bottom, -7] : [bottom, top, 7];
+            element(group, "path", {class: "hit", d: `M${x},${start} V${end}`});
+            element(group, "path", {class: "shaft", d: `M${x},${start} V${end + back / 2}`});
+            element(group, "path", {d: `M${x},${end} l-3.5,${back} h7 z`});
+            strip.addArrow(x);
+            const isToProduct = entry.line[0] === "@" && entry.kind === "call";
+            const importance = {error: 4, call: isToProduct ? 3 : 2, signal: 1}[entry.kind] ?? 0;
+            // An answer without values says nothing that its arrow does not.
+            if (entry.kind !== "reply" || entry.arguments.length > 0)
+                this.label(labels, entry, importance, style);
+        }
     }
 
     /** A lane of what happens at one time each: troubles, then information, then traces. */
-    drawMarks(title, rowCount, isShown) {
+    drawMarks(title, rowCount, entries) {
         this.rule();
-        const y = this.y + 7;
+        const y = this.y + ROW / 2;
         this.title(title, y);
-        this.y += BAR;
+        this.y += ROW;
+        this.drawFlags(entries, y);
         const strip = this.strip(rowCount);
-        this.run.entries.forEach((entry, number) => {
-            if (!isShown(entry))
-                return;
-            const kind = troubleOf(entry);
-            const isTrace = entry.line[0] === "9";
-            if (kind)
-                this.flag(kind, number, y);
-            else
-                this.mark("circle", number, {class: "dot", cx: this.xOf(number), cy: y,
-                                             r: isTrace ? 1.5 : 3});
-            this.label(strip, number, kind ? 2 : isTrace ? 0 : 1, kind ? `flag ${kind}` : "");
-        });
+        for (const entry of entries) {
+            const importance = entry.trouble ? 2 : entry.line[0] === "9" ? 0 : 1;
+            this.label(strip, entry, importance, entry.trouble);
+        }
         this.rule();
     }
 
@@ -279,22 +206,18 @@ class Picture {
         const middle = this.y + 32;
         this.title("sound", middle);
         const {start, bucket, peaks} = this.sound;
-        const edge = way => peaks.map((peak, index) => {
-            const x = this.x(start + index * bucket).toFixed(1);
-            return `${x},${middle + way * (30 * peak + 0.5)}`;
-        });
-        const outline = [...edge(-1), ...edge(1).reverse()];
-        shape(this.front, "path", {class: "sound", d: `M${outline.join(" ")} Z`});
+        const lines = peaks.map((peak, index) => (
+            `M${this.x(start + index * bucket)},${middle - 0.5 - 30 * peak} v${1 + 60 * peak}`));
+        element(this.svg, "path", {class: "sound", d: lines.join(""),
+                                   "stroke-width": this.x(bucket) - this.x(0) + 0.5});
         this.y += 64;
     }
 
     /** Shows where an entry is, and its answer or end. */
-    point(number) {
-        const partner = this.run.partners.get(number) ?? number;
-        for (const one of this.svg.querySelectorAll("[data-entry]")) {
-            const its = Number(one.dataset.entry);
-            one.classList.toggle("current", its === number || its === partner);
-        }
-        this.cursor.setAttribute("d", `M${this.xOf(number)},16 V${this.y}`);
+    point(entry) {
+        const numbers = [entry.number, entry.partner?.number];
+        for (const one of document.querySelectorAll("[data-entry]"))
+            one.classList.toggle("current", numbers.includes(Number(one.dataset.entry)));
+        this.cursor.setAttribute("d", `M${this.x(entry.time)},16 v${TALLEST}`);
     }
 }

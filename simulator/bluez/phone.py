@@ -1,0 +1,309 @@
+"""A virtual phone: what a person does with it, and how it answers the unit."""
+
+from __future__ import annotations
+
+from typing import Callable, NamedTuple
+
+from bluez.adapter import Adapter
+from bluez.audio import ADVANCED, SOURCE
+from bluez.device import Device
+from core.journal import Journal
+from core.loop import Action, Timer
+from core.words import Refused, unknown_word
+
+# Milliseconds of product time.
+LINK_SETUP = 40
+CHANNEL_SETUP = 20
+REACTION = 100  # between two steps of its own
+AUDIO_AFTER_PAIRING = 500  # of a usual phone
+AUTO_PLAY = 350  # from an open stream to one that plays by itself
+
+MISHAPS = ("no-link", "not-paired", "refused")
+
+
+class Phone:
+    """It outlives the daemon. Its states go to the journal before the daemon notices: link-up
+    paired stream-open playing paused stream-closed link-down, and no-link not-paired refused with
+    the reason."""
+
+    def __init__(self, adapter: Adapter, journal: Journal, handle: str, address: str) -> None:
+        """handle is what people here call it."""
+        self.handle = handle
+        self.address = address
+        self.name = handle  # what it shows to others
+        self.pin = "7351"
+        self.audio = ""  # the file that it plays
+        self.is_bonded = False  # as far as the phone knows
+        self.is_in_range = True
+        self.answer = "accept"  # to the unit's audio requests; or "refuse", "ignore"
+        #: Called when its stream has changed.
+        self.stream_changed: list[Callable[[Phone], None]] = []
+        #: The stream: "" while there is none, "paused" or "playing".
+        self.stream = ""
+        self._adapter = adapter
+        self._journal = journal
+        self._auto_play = False
+        self._after_pairing: Action | None = None
+        self._step = Timer(adapter.clock)  # between the steps of what a person wants
+        #: What the unit knows of it.
+        self.device = Device(adapter, self)
+
+    def act(self, words: list[str]) -> None:
+        """Does a verb with its argument, or has begun to."""
+        verb = VERBS.get(words[0])
+        if not verb:
+            raise unknown_word("phone verb", words[0], VERBS)
+        if not verb.takes(words[1:]):
+            raise Refused(f"{words[0]} {verb.argument}".strip())
+        verb.check(self)
+        verb.act(self, *words[1:])
+
+    def describe(self) -> str:
+        """A line for people."""
+        states = {"paired": self.is_bonded, "out of range": not self.is_in_range,
+                  f"will {self.answer} audio": self.answer != "accept",
+                  "playing": self.stream == "playing", "stream open": self.stream == "paused",
+                  "linked": self.device.is_link_up and not self.stream}
+        return ", ".join([f'{self.handle}  {self.address}  "{self.name}"  pin {self.pin}',
+                          *(state for state, holds in states.items() if holds)])
+
+    # ---- what must be so before a person can do something
+
+    def needs_unit(self) -> None:
+        if not self.is_in_range:
+            raise Refused(f"{self.handle} is out of range")
+        if not self._adapter.is_ready:
+            raise Refused("the unit's radio is not ready")
+        if not self.device.is_link_up and not self._adapter.is_connectable:
+            raise Refused("the unit is not connectable")
+
+    def needs_no_bond(self) -> None:
+        self.needs_unit()
+        if self.is_bonded and self.device.is_bonded:
+            raise Refused(f"{self.handle} is paired already")
+
+    def needs_audio(self) -> None:
+        self.needs_unit()
+        if self.stream:
+            raise Refused(f"{self.handle} is connected already")
+        if not self.is_bonded:
+            raise Refused(f"{self.handle} is not paired")
+
+    def needs_link(self) -> None:
+        if not self.device.is_link_up:
+            raise Refused(f"{self.handle} is not connected")
+
+    def needs_stream(self) -> None:
+        if not self.stream:
+            raise Refused(f"{self.handle} has no stream to the unit")
+
+    def needs_pause(self) -> None:
+        self.needs_stream()
+        if self.stream == "playing":
+            raise Refused(f"{self.handle} plays already")
+
+    def needs_play(self) -> None:
+        if self.stream != "playing":
+            raise Refused(f"{self.handle} does not play")
+
+    # ---- what a person does
+
+    def pair(self) -> None:
+        self._open_link(self._start_pairing)
+
+    def connect(self) -> None:
+        if self.is_bonded and self.device.is_bonded:
+            self.connect_audio()
+            return
+
+        def connect_later() -> None:
+            self._step.start(AUDIO_AFTER_PAIRING, self.device.audio.phone_connects)
+        self._open_link(lambda: self._start_pairing(connect_later))
+
+    def connect_link(self) -> None:
+        self._open_link(lambda: None)
+
+    def connect_audio(self) -> None:
+        if not self.device.is_bonded:
+            self._connect_audio_with_old_bond()
+            return
+        # The daemon may hear of the audio connection before it hears of the link.
+        announced = not self._adapter.audio_first or not self.device.has_service(SOURCE)
+        is_linked = self.device.is_link_up
+
+        def open_channel() -> None:
+            self.device.audio.phone_connects()
+            if not announced and not is_linked:
+                self.device.announce_connected()
+        self._open_link(lambda: self._step.start(CHANNEL_SETUP, open_channel), announced)
+
+    def _connect_audio_with_old_bond(self) -> None:
+        # The unit has forgotten the phone, which does not know that: the audio channel arrives with
+        # a key that the unit lacks, so the unit asks its agent for a PIN.
+        if self._adapter.is_raw_hci:
+            # The channel is let through, and the unit takes the old bond for valid at first.
+            def open_channel() -> None:
+                self.device.audio.phone_connects()
+                self.device.announce_paired()
+            self._open_link(open_channel)
+            return
+
+        # The channel is refused meanwhile, and the link is not announced before it has a key.
+        def pair() -> None:
+            self._start_pairing()
+            self.device.add_service(ADVANCED)
+            self.note("refused", "the unit has forgotten the bond")
+        self._open_link(pair, announced=False)
+
+    def _open_link(self, then: Action, announced: bool = True) -> None:
+        self._step.stop()
+        if self.device.is_link_up:
+            then()
+            return
+
+        def answered() -> None:
+            try:
+                self.needs_unit()
+            except Refused as refusal:
+                self.note("no-link", str(refusal))
+                return
+            if not self.device.is_link_up:
+                self.device.link_up(announced)
+            then()
+        self._step.start(LINK_SETUP, answered)
+
+    def _start_pairing(self, then: Action | None = None) -> None:
+        self._after_pairing = then
+        if not self.device.is_pairing:
+            self.device.start_pairing()
+
+    def play(self) -> None:
+        self.set_stream("playing")
+        self.device.audio.phone_starts()
+
+    def pause(self) -> None:
+        self.set_stream("paused")
+        self.device.audio.phone_suspends()
+
+    def close(self) -> None:
+        self.device.audio.close_stream()
+
+    def leave(self) -> None:
+        """Pause, stream, signalling channel, link: each step only if there is something to end."""
+        if self.stream == "playing":
+            self.pause()
+        if not self.stream:
+            self._close_signalling_and_leave()
+            return
+
+        def close_stream() -> None:
+            self.device.audio.close_stream()
+            self._step.start(REACTION, self._close_signalling_and_leave)
+        self._step.start(REACTION, close_stream)
+
+    def _close_signalling_and_leave(self) -> None:
+        if not self.device.audio.is_active:
+            self.device.drop_link("the phone leaves")
+            return
+        self.device.audio.hang_up()
+        self._step.start(REACTION, lambda: self.device.drop_link("the phone leaves"))
+
+    def drop(self) -> None:
+        self.device.drop_link("the phone drops it")
+
+    def go_out_of_range(self) -> None:
+        self.is_in_range = False
+        self._step.stop()
+        self.device.drop_link("the phone is out of range")
+
+    def come_into_range(self) -> None:
+        self.is_in_range = True
+
+    def forget(self) -> None:
+        self.is_bonded = False
+
+    def set_auto_play(self, value: str) -> None:
+        self._auto_play = value == "on"
+
+    def set_answer(self, answer: str) -> None:
+        self.answer = answer
+
+    def set_pin(self, pin: str) -> None:
+        self.pin = pin
+
+    # ---- what the unit finds and does
+
+    def pairing_finished(self, why_not: str = "") -> None:
+        """It is paired unless there is a reason why not."""
+        then, self._after_pairing = self._after_pairing, None
+        if why_not:
+            self.note("not-paired", why_not)
+            return
+        self.is_bonded = True
+        self.note("paired")
+        if then:
+            then()
+
+    def link_went_down(self, why: str) -> None:
+        self._step.stop()
+        self._after_pairing = None
+        self.set_stream("", "the link is gone")
+        self.note("link-down", why)
+
+    def set_stream(self, stream: str, why: str = "") -> None:
+        if stream == self.stream:
+            return
+        was_open, self.stream = bool(self.stream), stream
+        if stream == "paused" and not was_open:
+            self.note("stream-open", why)
+        else:
+            self.note(stream or "stream-closed", why)
+        for listener in self.stream_changed:
+            listener(self)
+        if not was_open and self._auto_play:
+            self._step.start(AUTO_PLAY, lambda: self.stream == "paused" and self.play())
+
+    def note(self, state: str, why: str = "") -> None:
+        """Writes a state to the journal, with the reason why."""
+        line = f"* {self.handle} {state}" + (f": {why}" if state in MISHAPS else "")
+        self._journal.record("phone", "phone", line, phone=self.handle, state=state,
+                             path=self.device.path, **({"why": why} if why else {}))
+
+
+class Verb(NamedTuple):
+    """What a person can do with a phone."""
+
+    help: str
+    act: Callable[..., None]
+    check: Callable[[Phone], None] = lambda phone: None
+    argument: str = ""
+
+    def takes(self, words: list[str]) -> bool:
+        if len(words) != bool(self.argument):
+            return False
+        return "|" not in self.argument or words[0] in self.argument.split("|")
+
+
+VERBS = {
+    "pair": Verb("pairs, without connecting its audio", Phone.pair, Phone.needs_no_bond),
+    "connect": Verb("connects its audio as a usual phone, pairs if it must", Phone.connect,
+                    Phone.needs_unit),
+    "connect-acl": Verb("opens the radio link only", Phone.connect_link, Phone.needs_unit),
+    "connect-a2dp": Verb("connects its audio, with the bond that it has", Phone.connect_audio,
+                         Phone.needs_audio),
+    "play": Verb("starts the stream", Phone.play, Phone.needs_pause),
+    "pause": Verb("suspends the stream", Phone.pause, Phone.needs_play),
+    "close": Verb("closes the stream", Phone.close, Phone.needs_stream),
+    "leave": Verb("ends everything in order", Phone.leave, Phone.needs_link),
+    "drop": Verb("loses the link at once", Phone.drop, Phone.needs_link),
+    "out-of-range": Verb("cannot be reached any more, nor reach the unit", Phone.go_out_of_range),
+    "in-range": Verb("can be reached again", Phone.come_into_range),
+    "ignore": Verb("will never answer the unit's audio requests",
+                   lambda phone: phone.set_answer("ignore")),
+    "refuse": Verb("will close the unit's audio connections at once",
+                   lambda phone: phone.set_answer("refuse")),
+    "accept": Verb("will accept again", lambda phone: phone.set_answer("accept")),
+    "auto-play": Verb("whether it plays as soon as a stream is open", Phone.set_auto_play,
+                      argument="on|off"),
+    "forget": Verb("forgets its bond with the unit", Phone.forget),
+    "pin": Verb("will pair with another PIN", Phone.set_pin, argument="PIN")}

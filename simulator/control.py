@@ -1,0 +1,409 @@
+"""What the product can be told, by people at the prompt and by tests alike: lines of words. They
+come through a socket with one JSON object per line:
+
+  {"tell": "phone anna play"}   {"ok": true, "text": "...", "values": [...]} when it is done
+  {"complete": "phone an"}      {"words": ["anna"]}
+  {"follow": true}              every entry of the journal, from the first on
+"""
+
+from __future__ import annotations
+
+import json
+import re
+import shlex
+import signal
+import socket
+from typing import TYPE_CHECKING, Any, Callable, Iterable, NamedTuple
+
+from bluez.phone import VERBS
+from core import loop
+from core.bus import Reply
+from core.faults import PROGRAMS, TARGETS, behaviours_of
+from core.journal import to_json
+from core.words import Refused, typed, unknown_word
+
+if TYPE_CHECKING:
+    from main import Product
+
+SERVICE = "com.orbitalis.ulmo.bluetoothmanager"
+OBJECT = "/com/orbitalis/ulmo/bluetoothmanager/bluetoothobj"
+INTERFACE = "com.orbitalis.ulmo.bluetoothinterface"
+EVENTS = {"suspend": "PowerSuspend", "shutdown": "PowerShutdown", "reboot": "PowerReboot",
+          "supervisor-end": "SupervisorShutdown"}
+SIGNALS = ("HUP", "INT", "QUIT", "ABRT", "KILL", "SEGV", "TERM", "STOP", "CONT", "USR1")
+
+#: What there is to say of each topic beside its commands.
+TOPICS = {
+    "service": "The service, over D-Bus and as a process",
+    "phones": "Phones",
+    "faults": """\
+Programs: bluetoothd agent hciconfig sdptool modprobe connmanctl pulseaudio pactl
+  fault PROGRAM[:ARGUMENT] exit=STATUS|hang|crash|ignore-term|delay=MS
+        at each start with ARGUMENT in the command line
+  fault PROGRAM missing       as if it were not installed
+  fault bluetoothd name-delay=MS|no-name|adapter-delay=MS|no-adapter
+BlueZ and the sound manager
+  fault bluez:Interface.Method error[=NAME]|delay=MS|never
+  fault soundmanager refuse[=MS]|delay=MS|never|absent
+Any of them that counts
+  ... [times=N] [after=N]     the next N times only, after N that go well
+  fault clear [PROGRAM|bluez|soundmanager]""",
+    "bluez": "BlueZ",
+    "product": "The rest of the product"}
+
+Words = list[str]
+Answer = dict[str, Any]
+Done = Callable[[Answer], None]
+
+
+class Command(NamedTuple):
+    topic: str
+    #: Alternatives for each word. Those in brackets may be left out; what is in capitals is a list,
+    #: or may be anything.
+    parameters: str
+    help: str
+    #: Returns its answer, or None when Done gets that later. None: only at the prompt.
+    act: Callable[[Control, Words, Done], str | None] | None
+
+
+class Place(NamedTuple):
+    """Where a word stands in a line."""
+
+    what: str
+    known: list[str]
+    is_free: bool  # something else may stand there
+
+
+class Control:
+    def __init__(self, product: Product, path: str) -> None:
+        """Listens at this path."""
+        self._product = product
+        self._socket = socket.socket(socket.AF_UNIX)
+        self._socket.bind(path)
+        self._socket.listen()
+        loop.watch(self._socket, lambda: Client(self, self._socket.accept()[0]))
+
+    def tell(self, line: str, done: Done) -> None:
+        """Carries out a line, which then stands in the journal. done is called once, now or
+        later."""
+        journal = self._product.journal
+        kind = "fault" if line.split()[:1] == ["fault"] else "control"
+        journal.record("control", kind, "- " + line.strip())
+
+        def refuse(why: str) -> None:
+            journal.record("control", "error", "- error: " + why)
+            done({"ok": False, "text": why, "values": []})
+        try:
+            words = self._words(line)
+            text = COMMANDS[words[0]].act(
+                self, words, lambda answer: done(answer) if answer["ok"] else refuse(answer["text"]))
+        except Refused as refusal:
+            refuse(str(refusal))
+            return
+        if text is not None:
+            done({"ok": True, "text": text, "values": []})
+
+    def follow(self, send: Callable[[bytes], None]) -> Callable[[], None]:
+        """Sends every entry of the journal, from the first on, until what it returns is called."""
+        for entry in self._product.journal.contents().splitlines():
+            send(entry)
+        self._product.journal.listeners.append(send)
+        return lambda: self._product.journal.listeners.remove(send)
+
+    def _words(self, line: str) -> Words:
+        """Those of the line, which fit the table of commands."""
+        try:
+            words = shlex.split(line)
+        except ValueError as error:
+            raise Refused("a quote is not closed") from error
+        name = words[0] if words else ""
+        if name not in COMMANDS:
+            raise unknown_word("command", name, COMMANDS)
+        if not COMMANDS[name].act:
+            raise Refused(f"{name} works at the prompt only")
+        parameters = COMMANDS[name].parameters
+        places = parameters.split()
+        if (len(words) <= len(places) - parameters.count("[")
+                or len(words) > len(places) + 1 and not parameters.endswith("...]")):
+            raise Refused(f"usage: {name} {parameters}".strip())
+        for number, word in enumerate(words[1:], 1):
+            place = self._place_after(words[:number])
+            if not place.is_free and word not in place.known:
+                raise unknown_word(place.what, word, place.known)
+        return words
+
+    def _place_after(self, words: Words) -> Place:
+        first = words[1] if len(words) > 1 else ""
+        lists: dict[str, Iterable[str]] = {
+            "COMMAND": COMMANDS, "TOPIC": TOPICS, "SIGNAL": SIGNALS,
+            "PHONE": self._product.bluez.phones, "VERB": () if first == "add" else VERBS,
+            "PROGRAM": PROGRAMS, "TARGET": TARGETS,
+            "BEHAVIOUR": TARGETS if first == "clear" else behaviours_of(first),
+            "EVENT": (*EVENTS, *(f"spoof-{event}" for event in EVENTS))}
+        alternatives = "COMMAND"
+        if words:
+            command = COMMANDS.get(words[0])
+            places = command.parameters.split() if command else []
+            alternatives = "".join(places[len(words) - 1:len(words)])
+        what, is_free = " ".join([*words[:1], "command"]), "..." in alternatives
+        known: list[str] = []
+        for word in re.sub(r"[][.]", "", alternatives).split("|"):
+            if word in lists:
+                what = word.lower()
+                known += lists[word]
+            elif word != word.upper():
+                known.append(word)
+            else:
+                is_free = True
+        return Place(what, known, is_free or "bluez:" in known)
+
+    def complete(self, line: str) -> Words:
+        """What the last word of the unfinished line may become."""
+        *words, begun = (line + " ").split(" ")[:-1] if not line.endswith(" ") else line.split(" ")
+        known = self._place_after([word for word in words if word]).known
+        # Of "exit=STATUS" all that is no example.
+        fitting = (re.sub(r"\[?=.*", "=", word) for word in known)
+        return sorted(word for word in fitting if word.startswith(begun))
+
+    # ---- the service
+
+    def _status(self, _: Words, done: Done) -> None:
+        def say(answer: Answer) -> None:
+            if answer["ok"]:
+                _, enabled, is_on, pin = answer["values"]
+                answer["text"] = (f"Bluetooth is {'on' if is_on else 'off'} and "
+                                  f"{'enabled' if enabled else 'disabled'}; the PIN is {pin}")
+            done(answer)
+        self._call(["call", "GetStatus"], say)
+
+    def _call(self, words: Words, done: Done) -> None:
+        signature, values = typed(words[2:])
+        method = words[1] if "." in words[1] else f"{INTERFACE}.{words[1]}"
+
+        def answered(reply: Reply) -> None:
+            done({"ok": not reply.error, "values": list(reply.values),
+                  "text": f"{reply.error}: {reply.text}" if reply.error
+                  else to_json(reply.values)})
+        self._bus("session", "caller").call(SERVICE, OBJECT, method, signature, values, answered)
+
+    def _call_short(self, words: Words, done: Done) -> None:
+        name, *value = words
+        if name in ("volume", "mute") and not re.fullmatch("-?[0-9]+", value[0]):
+            raise Refused(f"{name} wants a number")
+        method = {"enable": "SetEnabled b:true", "disable": "SetEnabled b:false", "pin": "SetPid s:",
+                  "volume": "SetVolume i:", "mute": "SetMute i:", "disconnect": "DisconnectDevice",
+                  "forget": "RemoveAllDevices" if value == ["all"] else "RemoveDevice s:"}[name]
+        argument = value if method.endswith(":") else []
+        self._call(["call", *("".join([method, *argument])).split(" ", 1)], done)
+
+    def _service(self, words: Words, done: Done) -> str | None:
+        service, what = self._product.service, words[1]
+        if what == "kill":
+            if len(words) < 3:
+                raise Refused("usage: service kill SIGNAL")
+            service.kill(number_of(words[2]))
+        elif what == "start" or what == "restart" and not service.is_running:
+            service.start()
+        else:
+            service.kill(signal.SIGTERM)
+            service.when_ended.append(
+                lambda how: done({"ok": True, "values": [], "text": f"it has ended {how}"})
+                if what == "stop" else self._start_again(done))
+            return None
+        return ""
+
+    def _start_again(self, done: Done) -> None:
+        try:
+            self._product.service.start()
+        except Refused as refusal:
+            done({"ok": False, "values": [], "text": str(refusal)})
+        else:
+            done({"ok": True, "values": [], "text": ""})
+
+    # ---- phones, programs and their faults
+
+    def _bluez(self, words: Words, _: Done) -> str:
+        return self._product.bluez.tell(words)
+
+    def _timescale(self, words: Words, _: Done) -> str:
+        try:
+            scale = float(words[1])
+        except ValueError:
+            scale = 0.0
+        if not 0 < scale < float("inf"):
+            raise Refused("timescale wants a number above 0")
+        self._product.clock.scale = scale
+        return ""
+
+    def _spoof(self, words: Words, _: Done) -> str:
+        to = words.pop(1)[3:] if words[1].startswith("to=") else ""
+        if len(words) < 3:
+            raise Refused(f"usage: spoof {COMMANDS['spoof'].parameters}")
+        if not self._bus("system", "spoofer").emit(words[1], words[2], *typed(words[3:]), to):
+            raise Refused("this cannot be sent")
+        return ""
+
+    def _kill(self, words: Words, _: Done) -> str:
+        self._product.programs.kill(words[1], number_of(words[2] if words[2:] else "KILL"))
+        return ""
+
+    def _fault(self, words: Words, _: Done) -> str:
+        if words[1] == "clear":
+            self._product.faults.clear("".join(words[2:3]))
+        else:
+            self._product.faults.add(words[1:])
+        self._product.programs.update_presence()
+        self._product.sound_manager.update_presence()
+        return ""
+
+    # ---- the rest of the product
+
+    def _platform(self, words: Words, _: Done) -> str:
+        event = words[1].removeprefix("spoof-")
+        sender = self._bus("session", "platform" if event == words[1] else "stranger")
+        reason = [] if event == "supervisor-end" else [" ".join(words[2:])]
+        sender.emit("/com/orbitalis/ulmo/platform",
+                    f"com.orbitalis.ulmo.platformevents.{EVENTS[event]}", "s" * len(reason), reason)
+        return ""
+
+    def _bus_command(self, words: Words, _: Done) -> str:
+        (self._product.kill_bus if words[2] == "kill" else self._product.start_bus)(words[1])
+        return ""
+
+    def _bus(self, bus: str, name: str):
+        try:
+            return self._product.buses.connection(bus, name)
+        except OSError as error:
+            raise Refused(f"there is no {bus} bus") from error
+
+    def _journal(self, words: Words, _: Done) -> str:
+        count = words[1] if words[1:] else "20"
+        if not count.isdecimal() or int(count) == 0:
+            raise Refused("journal wants the number of entries")
+        entries = map(json.loads, self._product.journal.contents().splitlines()[-int(count):])
+        return "\n".join(f"{entry['time']:9.3f} {entry['line']}" for entry in entries)
+
+    def _note(self, words: Words, _: Done) -> str:
+        return ""  # as every line, it stands in the journal already
+
+    def _help(self, words: Words, _: Done) -> str:
+        wanted = words[1] if words[1:] else "help"
+        topic = COMMANDS[wanted].topic if wanted in COMMANDS else wanted
+        commands = {name: command for name, command in COMMANDS.items() if command.topic == topic}
+        if wanted != "help":
+            return "\n".join([TOPICS[topic], *(
+                f"  {name} {command.parameters}".ljust(30) + command.help
+                for name, command in commands.items() if command.help)])
+        return "\n".join(
+            ['The product can be told this; "help TOPIC" or "help COMMAND" says more.']
+            + [" ".join([f"  {topic:9}", *(name for name, command in COMMANDS.items()
+                                           if command.topic == topic)]) for topic in TOPICS])
+
+    def _quit(self, _: Words, done: Done) -> None:
+        done({"ok": True, "text": "", "values": []})
+        self._product.quit()
+
+
+def number_of(name: str) -> int:
+    return signal.Signals[f"SIG{name}"]
+
+
+COMMANDS = {
+    "status": Command("service", "", "what it says of itself", Control._status),
+    "enable": Command("service", "", "Bluetooth on", Control._call_short),
+    "disable": Command("service", "", "Bluetooth off", Control._call_short),
+    "pin": Command("service", "PIN", "that for pairing", Control._call_short),
+    "volume": Command("service", "N", "0 to 100", Control._call_short),
+    "mute": Command("service", "N", "1 or 0", Control._call_short),
+    "disconnect": Command("service", "", "the connected phone", Control._call_short),
+    "forget": Command("service", "all|ADDRESS", "the paired phone, or all of them",
+                      Control._call_short),
+    "call": Command("service", "METHOD [TYPE:VALUE...]",
+                    "any method; types s i u b o as v, as in v:b:true", Control._call),
+    "service": Command("service", "start|stop|restart|kill [SIGNAL]", "the process",
+                       Control._service),
+    "phone": Command("phones", "add|PHONE VERB|NAME [...]", '"phone NAME help" lists the verbs',
+                     Control._bluez),
+    "phones": Command("phones", "", "all of them", Control._bluez),
+    "fault": Command("faults",
+                     "clear|bluez:|TARGET [BEHAVIOUR...] [times=N|after=N...]", "", Control._fault),
+    "kill": Command("faults", "PROGRAM [SIGNAL]", "KILL without one", Control._kill),
+    "backend": Command("bluez", "mgmt|hci [other]", "the order of some signals, and the rarer order",
+                       Control._bluez),
+    "timescale": Command("bluez", "F", "factor of the timers of BlueZ and of phones",
+                         Control._timescale),
+    "signal": Command("bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]",
+                      "\n" + " " * 30 + "from BlueZ, which means nothing by it", Control._bluez),
+    "spoof": Command("bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]",
+                     "\n" + " " * 30 + "the same from a stranger; to=BUSNAME before PATH: to one",
+                     Control._spoof),
+    "platform": Command("product", "EVENT [REASON...]",
+                        "suspend, shutdown, reboot, supervisor-end, or\n" + " " * 30
+                        + "spoof-suspend and so on: the same from a stranger", Control._platform),
+    "bus": Command("product", "session|system kill|start",
+                   "only the product's own services get back to it", Control._bus_command),
+    "journal": Command("product", "[N]", "the last N entries", Control._journal),
+    "note": Command("product", "[TEXT...]", "for the journal alone", Control._note),
+    "help": Command("product", "[TOPIC|COMMAND]", "", Control._help),
+    "quit": Command("product", "", "ends all", Control._quit),
+    "follow": Command("product", "", "the journal as it goes on", None),
+    "unfollow": Command("product", "", "no more of it", None),
+    "ulmoctl": Command("product", "[...]", "this program on the product's buses", None),
+    "busctl": Command("product", "[...]", "", None)}
+
+
+class Client:
+    """Somebody at the control socket."""
+
+    def __init__(self, control: Control, connection: socket.socket) -> None:
+        self._control = control
+        self._socket = connection
+        self._received = b""
+        self._to_send = bytearray()
+        self._unfollow: list[Callable[[], None]] = []
+        connection.setblocking(False)
+        loop.watch(connection, self._read)
+
+    def _read(self) -> None:
+        try:
+            data = self._socket.recv(1 << 16)
+        except OSError:
+            data = b""
+        *lines, self._received = (self._received + data).split(b"\n")
+        for line in lines:
+            self._take(json.loads(line))
+        if not data:
+            self._close()
+
+    def _close(self) -> None:
+        for unfollow in self._unfollow:
+            unfollow()
+        loop.forget(self._socket)
+        self._socket.close()
+
+    def _take(self, request: dict) -> None:
+        if "follow" in request:
+            self._unfollow.append(self._control.follow(self._send))
+        elif "complete" in request:
+            self._send(to_json({"words": self._control.complete(request["complete"])}).encode())
+        else:
+            self._control.tell(request["tell"], lambda answer: self._send(to_json(answer).encode()))
+
+    def _send(self, line: bytes) -> None:
+        """Sends what the other end takes now; the rest when it takes more."""
+        is_behind = bool(self._to_send)
+        self._to_send += line + b"\n"
+        if not is_behind:
+            self._flush()
+
+    def _flush(self) -> None:
+        try:
+            sent = self._socket.send(self._to_send)
+        except BlockingIOError:
+            sent = 0
+        except OSError:
+            # It is gone, which is going to be read.
+            self._to_send.clear()
+            return
+        del self._to_send[:sent]
+        loop.watch(self._socket, self._read, self._flush if self._to_send else None)

@@ -1,0 +1,85 @@
+"""The one loop of the product: what is to be done when something can be read, or later."""
+
+import sched
+import selectors
+import time
+from typing import Any, Callable
+
+Action = Callable[[], object]
+
+_selector = selectors.DefaultSelector()
+_timers = sched.scheduler(time.monotonic)
+_runs = True
+
+
+def watch(file: Any, readable: Action, writable: Action | None = None) -> None:
+    """Calls readable whenever there is something to read, or the end, and writable if given."""
+    events = selectors.EVENT_READ | (selectors.EVENT_WRITE if writable else 0)
+    known = file in _selector.get_map()
+    (_selector.modify if known else _selector.register)(file, events, (readable, writable))
+
+
+def forget(file: Any) -> None:
+    """To be called before a file that is watched is closed."""
+    _selector.unregister(file)
+
+
+def later(seconds: float, action: Action) -> sched.Event:
+    """Calls action once; cancel() forgets it before."""
+    return _timers.enter(seconds, 0, action)
+
+
+def cancel(event: sched.Event) -> None:
+    _timers.cancel(event)
+
+
+def run() -> None:
+    """Returns after end()."""
+    while _runs:
+        wait = _timers.run(blocking=False)
+        for key, events in _selector.select(wait if _runs else 0):
+            for event, action in zip((selectors.EVENT_READ, selectors.EVENT_WRITE), key.data):
+                # What was done before may have put an end to this one.
+                if events & event and _selector.get_map().get(key.fd) == key:
+                    action()
+
+
+def end() -> None:
+    global _runs
+    _runs = False
+
+
+class Clock:
+    """Product time, which goes on for BlueZ and the phones."""
+
+    #: Factor of all durations that begin from now on; 0.05 is twenty times as fast.
+    scale = 1.0
+
+
+class Timer:
+    """A single shot of product time."""
+
+    def __init__(self, clock: Clock) -> None:
+        self._clock = clock
+        self._shot: sched.Event | None = None
+
+    def start(self, milliseconds: float, action: Action) -> None:
+        """Has action done after so much product time, instead of anything before."""
+        self.start_real(milliseconds * self._clock.scale, action)
+
+    def start_real(self, milliseconds: float, action: Action) -> None:
+        self.stop()
+        self._shot = later(milliseconds / 1000, lambda: self._fire(action))
+
+    def _fire(self, action: Action) -> None:
+        self._shot = None
+        action()
+
+    def stop(self) -> None:
+        if self._shot:
+            cancel(self._shot)
+        self._shot = None
+
+    @property
+    def is_active(self) -> bool:
+        return self._shot is not None

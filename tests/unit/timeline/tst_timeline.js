@@ -1,0 +1,69 @@
+"use strict";
+
+const assert = require("node:assert/strict");
+const {readFileSync} = require("node:fs");
+const test = require("node:test");
+
+const logic = readFileSync(`${__dirname}/../../../simulator/timeline/run.js`, "utf8");
+const {Run, sentence} = new Function(`${logic}; return {Run, sentence};`)(); // no module
+const KINDS = {"&": "start", ".": "end", "*": "phone", "-": "control", "@": "call"};
+const ARRIVAL = `0.5 4 agent started and wait registration
+    1.0 * anna link-up
+    1.2 2 trust for anna is false
+    1.5 * anna stream-open
+    1.8 4 wait pulseaudio bluetooth module ready... 1`;
+const PLAYED = `${ARRIVAL}
+    2.0 @ ConnectAudioDevice
+    2.2 * anna playing`;
+const STATES = "link-up,stream-open,playing,unheard";
+const ENDED = "the service ended with status 0.";
+
+/** The journal's entry of "TIME LINE"; the facts at the end of a line are such as "status 0". */
+function entry(text) {
+    const [time, ...words] = text.trim().split(" ");
+    const [mark, name, state] = words;
+    return {time: Number(time), lane: {"@": "bus", "-": "control"}[mark],
+            kind: KINDS[mark] ?? "log", line: words.join(" "), pid: 7, program: name, phone: name,
+            state, [words.at(-2)]: Number(words.at(-1))};
+}
+
+/** What the page says first, what it flags, and what the phone is shown at. */
+function check(journal, peaks, ...expected) {
+    const run = new Run(journal.split("\n").map(entry));
+    const troubles = run.entries.flatMap(({trouble}) => trouble ?? []);
+    const states = run.phones.get("anna").lane.map(({state}) => state);
+    const said = sentence(run, peaks && {start: 2, bucket: 2, peaks});
+    assert.deepEqual([said, troubles.join(), states.join()], expected);
+}
+
+test("A phone that is heard plays", () => {
+    const journal = `${PLAYED}
+        4.2 @ DisconnectAudioDevice
+        9.1 . service ended with status 0`;
+    const said = "The phone anna played from 2.2 s to 4.2 s";
+    check(journal, [0, 1], `${said}; ${ENDED}`, "warning", STATES);
+    check(journal, [0, 0, 1], `${said}, but nothing was heard; ${ENDED}`, "warning", STATES);
+});
+
+test("A phone whose loopback is refused does not play, and is given up", () => {
+    check(`${ARRIVAL}
+        2.0 1 error starting pulseaudio, so disconnect
+        2.1 * anna playing
+        9.1 . service ended with status 0`, null, "The phone anna connected but never played: the "
+        + `loopback to its source was refused; ${ENDED}`,
+        "warning,give-up", "link-up,stream-open,given-up,unheard");
+});
+
+test("Daemons that crash and a road that fails are told", () => {
+    check(`${PLAYED}
+        3.0 . pulseaudio ended by signal 6
+        5.0 . bluetoothd ended by signal 9
+        5.0 4 forceSyncDown
+        6.5 4 agent started and wait registration
+        7.0 - note road failed: no
+        8.0 . agent ended by signal 15
+        9.0 . service ended with status 3`, null, "The phone anna played from 2.2 s to 3.0 s; "
+        + "pulseaudio ended by signal 6 at 3.0 s; bluetoothd ended by signal 9 at 5.0 s; the "
+        + "stack was back after 1.5 s; service ended with status 3 at 9.0 s; the road failed: no.",
+        "warning,crash,crash,failure,crash", STATES);
+});
