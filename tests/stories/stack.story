@@ -191,10 +191,10 @@ with fault bluetoothd ignore-term
 4 forceSyncDown
 $ hciconfig hci0 noscan
 4 forceSyncDown terminate agent
-after 1.95 to 8 s
+after 1.9 to 8 s
 4 forceSyncDown kill agent
 4 forceSyncDown terminate bluez
-after 1.95 to 8 s
+after 1.9 to 8 s
 4 forceSyncDown kill bluez
 $ hciconfig hci0 down
 + nobody is played
