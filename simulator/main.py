@@ -44,8 +44,7 @@ class Product:
         for bus in self._monitors:
             self.start_bus(bus)
         source = Source(self.journal)
-        self.programs = Programs(self.journal, self.faults, self.buses, self.bluez, source,
-                                 real_pulse)
+        self.programs = Programs(self.journal, self.faults, self.bluez, source, real_pulse)
         self.bluez.stream_changed.append(source.stream_changed)
         source.taken = self.bluez.take_stream
         # What the service has said before comes first; and a program that it has waited for has

@@ -208,8 +208,9 @@ class Product:
         status = 0
         if self._launcher:
             try:
-                self.tell("quit")
-            except (ProductError, AttributeError):
+                connect(self.out).send({"tell": "quit"})
+            except Ended:
+                # It does not listen yet, or any more.
                 self._launcher.send_signal(signal.SIGTERM)
             status = self._launcher.wait(PATIENCE)
             self._launcher.stdout.close()

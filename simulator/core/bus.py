@@ -33,9 +33,10 @@ class Call:
         self.path: str = field(HeaderFields.path)
         self.sender: str = field(HeaderFields.sender)
         self.interface: str = field(HeaderFields.interface, "")
+        self._member = field(HeaderFields.member)
+        self._signature = field(HeaderFields.signature, "")
         #: Interface, member and signature, as "Device.SetProperty(sv)".
-        self.method = (f"{self.interface.rpartition('.')[2]}.{field(HeaderFields.member)}"
-                       f"({field(HeaderFields.signature, '')})")
+        self.method = f"{self.interface.rpartition('.')[2]}.{self._member}({self._signature})"
         self.arguments = message.body
         self.bus = bus
         self._message = message
@@ -51,10 +52,9 @@ class Call:
 
     def fail_unknown(self, has_object: bool = True) -> None:
         """There is no such method, or not even the object."""
-        name, signature = self.method.rstrip(")").split(".")[1].split("(")
         self.fail(ERROR + ("UnknownMethod" if has_object else "UnknownObject"),
-                  f'Method "{name}" with signature "{signature}" on interface "{self.interface}" '
-                  "doesn't exist")
+                  f'Method "{self._member}" with signature "{self._signature}" on interface '
+                  f'"{self.interface}" doesn\'t exist')
 
     def _send(self, answer: Message) -> None:
         if not self._message.header.flags & MessageFlag.no_reply_expected:

@@ -14,7 +14,6 @@ from core import loop
 from core.faults import Faults
 from core.journal import Journal
 from core.words import Refused
-from processes.buses import Buses
 from sound.source import Source, source_name
 
 SOCKET = "/run/product/stubs"
@@ -68,7 +67,7 @@ class Stub:
 
 
 class Programs:
-    def __init__(self, journal: Journal, faults: Faults, buses: Buses, bluez: BlueZ, source: Source,
+    def __init__(self, journal: Journal, faults: Faults, bluez: BlueZ, source: Source,
                  real_pulse: bool) -> None:
         """With real_pulse, pulseaudio and pactl become the real ones."""
         #: Called when a program has just started, or is told to end: what the service has said
@@ -76,7 +75,6 @@ class Programs:
         self.about_to_speak: Callable[[], None] = lambda: None
         self._journal = journal
         self._faults = faults
-        self._buses = buses
         self._bluez = bluez
         self._source = source
         self._real_pulse = real_pulse

@@ -1,7 +1,7 @@
 """The product's sound manager as the service meets it."""
 
 from core import loop
-from core.bus import Call
+from core.bus import ERROR, Call
 from core.faults import Faults
 from processes.buses import Buses
 
@@ -32,8 +32,6 @@ class SoundManager:
             return
         fault = self._faults.next("soundmanager")
         if fault.name == "refuse":
-            answer = lambda: call.fail("org.freedesktop.DBus.Error.Failed", "it refuses")
-        else:
-            answer = lambda: call.reply("i", 0)
-        if fault.name != "never":
-            loop.later(fault.number / 1000, answer)
+            loop.later(fault.number / 1000, lambda: call.fail(ERROR + "Failed", "it refuses"))
+        elif fault.name != "never":
+            loop.later(fault.number / 1000, lambda: call.reply("i", 0))

@@ -43,7 +43,7 @@ after 0.8 to 5 s
 + nobody is played
 + anna is let go
 # A real BlueZ refuses a connection that is asked for sooner.
-after 0.095 to 5 s
+after 0.05 to 5 s
 4 connectAudioSource {anna}
 > AudioSource.Connect anna
 < AudioSource.Connect anna

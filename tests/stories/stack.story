@@ -138,7 +138,7 @@ settings bt-enable=
 - kill bluetoothd SEGV
 2 bluezDown down 11 crash
 4 restart
-after 0.95 to 5 s
+after 0.8 to 5 s
 + the stack is begun
 + Bluetooth is on
 # It comes back though it was switched off meanwhile.
@@ -191,10 +191,10 @@ with fault bluetoothd ignore-term
 4 forceSyncDown
 $ hciconfig hci0 noscan
 4 forceSyncDown terminate agent
-after 1.9 to 8 s
+after 1.8 to 8 s
 4 forceSyncDown kill agent
 4 forceSyncDown terminate bluez
-after 1.9 to 8 s
+after 1.8 to 8 s
 4 forceSyncDown kill bluez
 $ hciconfig hci0 down
 + nobody is played

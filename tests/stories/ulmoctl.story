@@ -3,7 +3,7 @@
 == Each command asks for one thing, and tells what came of it
 + Bluetooth is on
 - phone add berta known
-- phone add anna trusted "name=An	na """A""""
+- phone add anna trusted "name=An	na \"A\""
 + anna comes
 - phone anna play
 --
