@@ -25,6 +25,5 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} "${ULMO_SYSROOT}")
 set(ENV{PKG_CONFIG_LIBDIR}
     "${ULMO_SYSROOT}/usr/lib/${ULMO_TRIPLET}/pkgconfig:${ULMO_SYSROOT}/usr/share/pkgconfig")
 
-# For tests. What is loaded into them says why in its source.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${CMAKE_SYSTEM_PROCESSOR}-static -L "${ULMO_SYSROOT}"
-    -E "LD_PRELOAD=${CMAKE_BINARY_DIR}/tests/unit/emulation/libno-pidfd.so")
+# For tests.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${CMAKE_SYSTEM_PROCESSOR}-static -L "${ULMO_SYSROOT}")

@@ -104,7 +104,8 @@ def make_settings(etc: Path) -> None:
     (etc / "pulse/system.pa").write_text(
         "load-module module-native-protocol-unix auth-anonymous=1\n")
     (etc / "pulse/daemon.conf").write_text(
-        f"high-priority = no\nrealtime-scheduling = no\ndl-search-path = {sound}/modules:{modules}\n")
+        "high-priority = no\nrealtime-scheduling = no\n"
+        f"dl-search-path = {sound}/modules:{modules}\n")
     (etc / "pulse/client.conf").write_text("autospawn = no\n")
     (etc / "asound.conf").write_text(
         f'pcm_type.board {{ lib "{sound}/libboard-output.so" }}\n'

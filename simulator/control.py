@@ -13,6 +13,7 @@ import re
 import shlex
 import signal
 import socket
+import textwrap
 from typing import TYPE_CHECKING, Any, Callable, Iterable, NamedTuple
 
 from bluez.phone import VERBS
@@ -41,7 +42,7 @@ Programs: bluetoothd agent hciconfig sdptool modprobe connmanctl pulseaudio pact
   fault PROGRAM[:ARGUMENT] exit=STATUS|hang|crash|ignore-term|delay=MS
         at each start with ARGUMENT in the command line
   fault PROGRAM missing       as if it were not installed
-  fault bluetoothd name-delay=MS|no-name|adapter-delay=MS|no-adapter
+  fault bluetoothd name-delay=MS|no-name|adapter-delay=MS
 BlueZ and the sound manager
   fault bluez:Interface.Method error[=NAME]|delay=MS|never
   fault soundmanager refuse[=MS]|delay=MS|never|absent
@@ -90,18 +91,18 @@ class Control:
         kind = "fault" if line.split()[:1] == ["fault"] else "control"
         journal.record("control", kind, "- " + line.strip())
 
-        def refuse(why: str) -> None:
-            journal.record("control", "error", "- error: " + why)
-            done({"ok": False, "text": why, "values": []})
+        def finish(answer: Answer) -> None:
+            if not answer["ok"]:
+                journal.record("control", "error", "- error: " + answer["text"])
+            done(answer)
         try:
             words = self._words(line)
-            text = COMMANDS[words[0]].act(
-                self, words, lambda answer: done(answer) if answer["ok"] else refuse(answer["text"]))
+            text = COMMANDS[words[0]].act(self, words, finish)
         except Refused as refusal:
-            refuse(str(refusal))
+            finish({"ok": False, "text": str(refusal), "values": []})
             return
         if text is not None:
-            done({"ok": True, "text": text, "values": []})
+            finish({"ok": True, "text": text, "values": []})
 
     def follow(self, send: Callable[[bytes], None]) -> Callable[[], None]:
         """Sends every entry of the journal, from the first on, until what it returns is called."""
@@ -190,8 +191,9 @@ class Control:
         name, *value = words
         if name in ("volume", "mute") and not re.fullmatch("-?[0-9]+", value[0]):
             raise Refused(f"{name} wants a number")
-        method = {"enable": "SetEnabled b:true", "disable": "SetEnabled b:false", "pin": "SetPid s:",
-                  "volume": "SetVolume i:", "mute": "SetMute i:", "disconnect": "DisconnectDevice",
+        method = {"enable": "SetEnabled b:true", "disable": "SetEnabled b:false",
+                  "pin": "SetPid s:", "volume": "SetVolume i:", "mute": "SetMute i:",
+                  "disconnect": "DisconnectDevice",
                   "forget": "RemoveAllDevices" if value == ["all"] else "RemoveDevice s:"}[name]
         argument = value if method.endswith(":") else []
         self._call(["call", *("".join([method, *argument])).split(" ", 1)], done)
@@ -292,7 +294,7 @@ class Control:
         commands = {name: command for name, command in COMMANDS.items() if command.topic == topic}
         if wanted != "help":
             return "\n".join([TOPICS[topic], *(
-                f"  {name} {command.parameters}".ljust(30) + command.help
+                described(f"  {name} {command.parameters}", command.help)
                 for name, command in commands.items() if command.help)])
         return "\n".join(
             ['The product can be told this; "help TOPIC" or "help COMMAND" says more.']
@@ -302,6 +304,13 @@ class Control:
     def _quit(self, _: Words, done: Done) -> None:
         done({"ok": True, "text": "", "values": []})
         self._product.quit()
+
+
+def described(usage: str, help: str) -> str:
+    """Two columns of a terminal of 80."""
+    text = textwrap.fill(help, 79, initial_indent=" " * 30, subsequent_indent=" " * 30,
+                         break_on_hyphens=False)
+    return usage.ljust(30) + text[30:] if len(usage) < 30 else f"{usage}\n{text}"
 
 
 def number_of(name: str) -> int:
@@ -328,18 +337,18 @@ COMMANDS = {
     "fault": Command("faults",
                      "clear|bluez:|TARGET [BEHAVIOUR...] [times=N|after=N...]", "", Control._fault),
     "kill": Command("faults", "PROGRAM [SIGNAL]", "KILL without one", Control._kill),
-    "backend": Command("bluez", "mgmt|hci [other]", "the order of some signals, and the rarer order",
-                       Control._bluez),
+    "backend": Command("bluez", "mgmt|hci [other]",
+                       "the order of some signals, and the rarer order", Control._bluez),
     "timescale": Command("bluez", "F", "factor of the timers of BlueZ and of phones",
                          Control._timescale),
     "signal": Command("bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]",
-                      "\n" + " " * 30 + "from BlueZ, which means nothing by it", Control._bluez),
+                      "from BlueZ, which means nothing by it", Control._bluez),
     "spoof": Command("bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]",
-                     "\n" + " " * 30 + "the same from a stranger; to=BUSNAME before PATH: to one",
+                     "the same from a stranger; to=BUSNAME before PATH: to one peer",
                      Control._spoof),
     "platform": Command("product", "EVENT [REASON...]",
-                        "suspend, shutdown, reboot, supervisor-end, or\n" + " " * 30
-                        + "spoof-suspend and so on: the same from a stranger", Control._platform),
+                        "suspend, shutdown, reboot, supervisor-end; spoof-suspend and so on: "
+                        "the same from a stranger", Control._platform),
     "bus": Command("product", "session|system kill|start",
                    "only the product's own services get back to it", Control._bus_command),
     "journal": Command("product", "[N]", "the last N entries", Control._journal),
@@ -348,8 +357,8 @@ COMMANDS = {
     "quit": Command("product", "", "ends all", Control._quit),
     "follow": Command("product", "", "the journal as it goes on", None),
     "unfollow": Command("product", "", "no more of it", None),
-    "ulmoctl": Command("product", "[...]", "this program on the product's buses", None),
-    "busctl": Command("product", "[...]", "", None)}
+    "ulmoctl": Command("product", "[...]", "this program, on the product's buses", None),
+    "busctl": Command("product", "[...]", "the same", None)}
 
 
 class Client:

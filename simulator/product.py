@@ -107,23 +107,21 @@ class Product:
     """A virtual product, started by us or, see attach(), by somebody else."""
 
     def __init__(self, *, out: Path | str | None = None, pulse: str = "real",
-                 settings: Path | str | None = None, environment: dict[str, str] | None = None,
-                 under: str = "", stopped: bool = False,
-                 tell: list[str] | None = None) -> None:
+                 environment: dict[str, str] | None = None, under: str = "",
+                 stopped: bool = False, tell: list[str] | None = None) -> None:
         """Starts it, as virtual-product's options of these names say, and tells it the lines of
         tell before it starts the service. A folder of our own goes with it."""
         self._own_out = None if out else Path(tempfile.mkdtemp(prefix="virtual-product."))
         self.out = Path(out or self._own_out)
-        # Whatever way we end, it ends with us.
+        # Whatever way we end, it ends with us; an interrupt at the terminal is ours alone.
         command = ["setpriv", "--pdeathsig", "TERM", str(LAUNCHER)]
         command += ["--out", str(self.out), "--pulse", pulse]
-        command += ["--settings", str(settings)] if settings else []
         command += ["--under", under] if under else []
         command += ["--stopped"] if stopped or tell else []
         for name, value in (environment or {}).items():
             command += ["--env", f"{name}={value}"]
         self._launcher: subprocess.Popen | None = subprocess.Popen(
-            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, process_group=0)
         try:
             if not self._launcher.stdout.readline():
                 # It has said why on its standard error, which is ours.

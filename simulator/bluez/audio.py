@@ -13,7 +13,8 @@ from core.loop import Action, Timer
 if TYPE_CHECKING:
     from bluez.device import Device
 
-SOURCE = "0000110a-0000-1000-8000-00805f9b34fb"  # a phone with this service has org.bluez.AudioSource
+#: A phone with this service has org.bluez.AudioSource.
+SOURCE = "0000110a-0000-1000-8000-00805f9b34fb"
 ADVANCED = "0000110d-0000-1000-8000-00805f9b34fb"  # what the agent is asked for
 
 # Milliseconds of product time.
@@ -201,11 +202,12 @@ class Audio:
             self.close_stream()
             return
         self._device.add_service(SOURCE)
-        self._next.start(2 * ANSWER, lambda: self._device.is_pairing or self._opened(by_phone=True))
+        self._next.start(2 * ANSWER, self.open_when_paired)
 
-    def pairing_finished(self) -> None:
-        """A stream may have waited for the bond."""
-        if self._phase == Phase.CONFIGURING and not self._next.is_active:
+    def open_when_paired(self) -> None:
+        """A stream that the phone has configured may wait for the bond."""
+        is_configured = self._phase == Phase.CONFIGURING and not self._next.is_active
+        if is_configured and not self._device.is_pairing:
             self._opened(by_phone=True)
 
     # ---- the stream
@@ -225,11 +227,14 @@ class Audio:
         self._phase = Phase.PLAYING
         self._set_state("playing")
         # Whoever takes it does so in real time.
-        self._next.start_real(AUTO_SUSPEND, lambda: self._adapter.stream_taken or self._ask(self._suspend))
+        self._next.start_real(AUTO_SUSPEND, self._suspend_unless_taken)
 
-    def _suspend(self) -> None:
-        self._phone.set_stream("paused", "nobody takes it: the unit suspends it")
-        self.phone_suspends()
+    def _suspend_unless_taken(self) -> None:
+        def suspend() -> None:
+            self._phone.set_stream("paused", "nobody takes it: the unit suspends it")
+            self.phone_suspends()
+        if not self._adapter.stream_taken:
+            self._ask(suspend)
 
     def phone_suspends(self) -> None:
         self._phase = Phase.OPEN

@@ -38,8 +38,7 @@ class BlueZ:
 
     def start(self, pid: int, host_name: str) -> None:
         """A bluetoothd lives: it takes org.bluez, and its adapter comes a little later. The faults
-        name-delay, no-name, adapter-delay (real milliseconds) and no-adapter of "bluetoothd"
-        count."""
+        no-name, name-delay and adapter-delay (in real milliseconds) of "bluetoothd" count."""
         bus = self._bus = Bus(self._address, self._faults.guard(self.adapter.handle))
         if self._faults.standing("bluetoothd", "no-name"):
             return
@@ -54,8 +53,7 @@ class BlueZ:
             bus.own("org.bluez")
             # The name comes first, always: for a while there is a daemon without an adapter.
             delay = self._faults.standing("bluetoothd", "adapter-delay")
-            if not self._faults.standing("bluetoothd", "no-adapter"):
-                loop.later((delay.number if delay else USUAL_ADAPTER_DELAY) / 1000, appear)
+            loop.later((delay.number if delay else USUAL_ADAPTER_DELAY) / 1000, appear)
         loop.later(self._faults.standing("bluetoothd", "name-delay").number / 1000, take_name)
 
     def stop(self, orderly: bool) -> None:

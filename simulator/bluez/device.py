@@ -77,9 +77,10 @@ class Device:
         if call.method == "Device.GetProperties()":
             call.reply("a{sv}", {
                 "Address": ("s", self.phone.address), "Name": ("s", self.phone.name),
-                "Alias": ("s", self.phone.name), "Class": ("u", SMART_PHONE), "Icon": ("s", "phone"),
-                "Paired": ("b", self._paired), "Trusted": ("b", self.is_trusted),
-                "Blocked": ("b", False), "Connected": ("b", self._connected),
+                "Alias": ("s", self.phone.name), "Class": ("u", SMART_PHONE),
+                "Icon": ("s", "phone"), "Paired": ("b", self._paired),
+                "Trusted": ("b", self.is_trusted), "Blocked": ("b", False),
+                "Connected": ("b", self._connected),
                 "UUIDs": ("as", self._uuids), "Services": ("ao", []),
                 "Adapter": ("o", self.adapter.path)})
         elif call.method == "Device.SetProperty(sv)":
@@ -263,7 +264,7 @@ class Device:
         if self._search == Search.NONE and not self._searching.is_active:
             self._searching.start(SEARCH_DELAY, self._start_search)
         self.phone.pairing_finished()
-        self.audio.pairing_finished()
+        self.audio.open_when_paired()
 
     def announce_paired(self) -> None:
         """Signals Paired = true, also when it is the same as before."""

@@ -261,7 +261,11 @@ class Phone:
         for listener in self.stream_changed:
             listener(self)
         if not was_open and self._auto_play:
-            self._step.start(AUTO_PLAY, lambda: self.stream == "paused" and self.play())
+            self._step.start(AUTO_PLAY, self._play_by_itself)
+
+    def _play_by_itself(self) -> None:
+        if self.stream == "paused":
+            self.play()
 
     def note(self, state: str, why: str = "") -> None:
         """Writes a state to the journal, with the reason why."""

@@ -96,7 +96,8 @@ class BusMonitor:
     def _record(self, message: Message) -> None:
         payload = message.get("payload", {})
         facts = {"bus": self._bus, "serial": message.get("cookie"),
-                 "signature": payload.get("type", ""), "arguments": changed(payload.get("data", []))}
+                 "signature": payload.get("type", ""),
+                 "arguments": changed(payload.get("data", []))}
         for key in ("sender", "destination", "path", "interface", "member"):
             if key in message:
                 facts[key] = message[key]

@@ -117,7 +117,8 @@ class Source:
         with sound:
             # The shell waits for PulseAudio to read, not we.
             self._feeders.append(subprocess.Popen(
-                ["sh", "-c", 'exec pv -q -L "$0" > "$1"', str(RATE * FRAME), str(FIFO)], stdin=sound))
+                ["sh", "-c", 'exec pv -q -L "$0" > "$1"', str(RATE * FRAME), str(FIFO)],
+                stdin=sound))
 
     def _stop_feeding(self) -> None:
         if self._plays_since:
