@@ -126,11 +126,6 @@ class Bus:
         rule.add_arg_condition(0, name)
         self._ask(message_bus.AddMatch(rule))
 
-    def close(self) -> None:
-        """Leaves the bus, which has got all that was sent before."""
-        self._ask(message_bus.GetId())
-        self._end()
-
     def _ask(self, question: Message) -> None:
         """Waits for the bus's own answer. What comes meanwhile has its turn after that."""
         serial = next(self._connection.outgoing_serial)
@@ -143,9 +138,10 @@ class Bus:
                     return
                 loop.later(0, lambda message=message: self._take(message))
         except OSError:
-            self._end()
+            self.close()
 
-    def _end(self) -> None:
+    def close(self) -> None:
+        """Leaves the bus, which gets all that was sent before."""
         if not self.is_open:
             return
         self.is_open = False
@@ -158,7 +154,7 @@ class Bus:
         except ConnectionError:
             data = b""
         if not data:
-            self._end()
+            self.close()
             for serial in list(self._answers):
                 self._answer(serial, Reply(error=ERROR + "Disconnected", text="the bus has ended"))
         for message in self._connection.parser.feed(data):
