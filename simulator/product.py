@@ -170,10 +170,6 @@ class Product:
             raise ProductError(f"{line}: {answer.text}")
         return answer
 
-    def complete(self, line: str) -> list[str]:
-        """What the last word of an unfinished line may become."""
-        return self._control.ask({"complete": line})["words"]
-
     @property
     def journal(self) -> list[Entry]:
         """The entries of the journal that have come so far."""
