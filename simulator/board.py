@@ -45,14 +45,15 @@ def attach(source: str | Path, target: str | Path, kind: str = "", flags: int = 
         raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()), str(target))
 
 
-def lay_out(build: str, out: str, directory: str) -> None:
+def lay_out(build: str, out: str, directory: str, began: float) -> None:
     """From here on the machine is the board. The folders of the outside with these paths are seen
-    at their own places still; OSError when it is not allowed."""
+    at their own places still; OSError when it is not allowed. began is when the run has, by
+    time.monotonic(), and the sound is told with it."""
     os.umask(0o022)  # the sound server, a user of its own, reads what is made here
     make_fresh_folders([build, out, directory])
     overlay = BOARD / "overlay"
     make_programs(overlay)
-    make_settings(overlay / "etc")
+    make_settings(overlay / "etc", began)
     for name, target in (("bin", "/usr/bin"), ("sbin", "/usr/sbin"), ("etc", "/etc")):
         lay(overlay / name, Path(target))
 
@@ -98,18 +99,15 @@ def make_programs(overlay: Path) -> None:
     (overlay / "bin/ps").symlink_to(BOARD / "host/bin/busybox")
 
 
-def make_settings(etc: Path) -> None:
+def make_settings(etc: Path, began: float) -> None:
     sound = SIMULATOR / "sound"
-    modules = next(Path("/usr/lib").glob("pulse-*/modules"), "")
     (etc / "pulse/system.pa").write_text(
         "load-module module-native-protocol-unix auth-anonymous=1\n")
-    (etc / "pulse/daemon.conf").write_text(
-        "high-priority = no\nrealtime-scheduling = no\n"
-        f"dl-search-path = {sound}/modules:{modules}\n")
+    (etc / "pulse/daemon.conf").write_text("high-priority = no\nrealtime-scheduling = no\n")
     (etc / "pulse/client.conf").write_text("autospawn = no\n")
     (etc / "asound.conf").write_text(
         f'pcm_type.board {{ lib "{sound}/libboard-output.so" }}\n'
-        f'pcm.dm-audio {{ type board file "{BOARD}/out/board.raw" }}\n')
+        f'pcm.dm-audio {{ type board file "{BOARD}/out/board.raw" start {began} }}\n')
     if Path("/proc/self/setgroups").read_text().strip() == "deny":
         # There is only one user in here: pulse is another name of root.
         for name, own in (("passwd", ["pulse:x:0:0::/var/run/pulse:/bin/false"]),

@@ -16,6 +16,7 @@ import socket
 import textwrap
 from typing import TYPE_CHECKING, Any, Callable, Iterable, NamedTuple
 
+from bluez.bluez import BlueZ
 from bluez.phone import VERBS
 from core import loop
 from core.bus import Reply
@@ -42,7 +43,7 @@ Programs: bluetoothd agent hciconfig sdptool modprobe connmanctl pulseaudio pact
   fault PROGRAM[:ARGUMENT] exit=STATUS|hang|crash|ignore-term|delay=MS
         at each start with ARGUMENT in the command line
   fault PROGRAM missing       as if it were not installed
-  fault bluetoothd name-delay=MS|no-name|adapter-delay=MS
+  fault bluetoothd no-name|adapter-delay=MS
 BlueZ and the sound manager
   fault bluez:Interface.Method error[=NAME]|delay=MS|never
   fault soundmanager refuse[=MS]|delay=MS|never|absent
@@ -53,8 +54,8 @@ Any of them that counts
     "product": "The rest of the product"}
 
 Words = list[str]
-Answer = dict[str, Any]
-Done = Callable[[Answer], None]
+#: Answers a line, with the parameters of Control.tell.finish.
+Done = Callable[..., None]
 
 
 class Command(NamedTuple):
@@ -84,25 +85,25 @@ class Control:
         self._socket.listen()
         loop.watch(self._socket, lambda: Client(self, self._socket.accept()[0]))
 
-    def tell(self, line: str, done: Done) -> None:
-        """Carries out a line, which then stands in the journal. done is called once, now or
+    def tell(self, line: str, send: Callable[[dict], None]) -> None:
+        """Carries out a line, which then stands in the journal. send gets the answer, now or
         later."""
         journal = self._product.journal
         kind = "fault" if line.split()[:1] == ["fault"] else "control"
         journal.record("control", kind, "- " + line.strip())
 
-        def finish(answer: Answer) -> None:
-            if not answer["ok"]:
-                journal.record("control", "error", "- error: " + answer["text"])
-            done(answer)
+        def finish(text: str = "", ok: bool = True, values: Iterable[Any] = ()) -> None:
+            if not ok:
+                journal.record("control", "error", "- error: " + text)
+            send({"ok": ok, "text": text, "values": values})
         try:
             words = self._words(line)
             text = COMMANDS[words[0]].act(self, words, finish)
         except Refused as refusal:
-            finish({"ok": False, "text": str(refusal), "values": []})
+            finish(str(refusal), ok=False)
             return
         if text is not None:
-            finish({"ok": True, "text": text, "values": []})
+            finish(text)
 
     def follow(self, send: Callable[[bytes], None]) -> Callable[[], None]:
         """Sends every entry of the journal, from the first on, until what it returns is called."""
@@ -169,12 +170,12 @@ class Control:
     # ---- the service
 
     def _status(self, _: Words, done: Done) -> None:
-        def say(answer: Answer) -> None:
-            if answer["ok"]:
-                _, enabled, is_on, pin = answer["values"]
-                answer["text"] = (f"Bluetooth is {'on' if is_on else 'off'} and "
-                                  f"{'enabled' if enabled else 'disabled'}; the PIN is {pin}")
-            done(answer)
+        def say(text: str, ok: bool = True, values: Iterable[Any] = ()) -> None:
+            if ok:
+                _, enabled, is_on, pin = values
+                text = (f"Bluetooth is {'on' if is_on else 'off'} and "
+                        f"{'enabled' if enabled else 'disabled'}; the PIN is {pin}")
+            done(text, ok, values)
         self._call(["call", "GetStatus"], say)
 
     def _call(self, words: Words, done: Done) -> None:
@@ -182,9 +183,10 @@ class Control:
         method = words[1] if "." in words[1] else f"{INTERFACE}.{words[1]}"
 
         def answered(reply: Reply) -> None:
-            done({"ok": not reply.error, "values": list(reply.values),
-                  "text": f"{reply.error}: {reply.text}" if reply.error
-                  else to_json(reply.values)})
+            if reply.error:
+                done(f"{reply.error}: {reply.text}", ok=False)
+            else:
+                done(to_json(reply.values), values=reply.values)
         self._bus("session", "caller").call(SERVICE, OBJECT, method, signature, values, answered)
 
     def _call_short(self, words: Words, done: Done) -> None:
@@ -208,9 +210,8 @@ class Control:
             service.start()
         else:
             service.kill(signal.SIGTERM)
-            service.when_ended.append(
-                lambda how: done({"ok": True, "values": [], "text": f"it has ended {how}"})
-                if what == "stop" else self._start_again(done))
+            service.when_ended.append(lambda how: done(f"it has ended {how}")
+                                      if what == "stop" else self._start_again(done))
             return None
         return ""
 
@@ -218,14 +219,11 @@ class Control:
         try:
             self._product.service.start()
         except Refused as refusal:
-            done({"ok": False, "values": [], "text": str(refusal)})
+            done(str(refusal), ok=False)
         else:
-            done({"ok": True, "values": [], "text": ""})
+            done()
 
     # ---- phones, programs and their faults
-
-    def _bluez(self, words: Words, _: Done) -> str:
-        return self._product.bluez.tell(words)
 
     def _timescale(self, words: Words, _: Done) -> str:
         try:
@@ -234,7 +232,7 @@ class Control:
             scale = 0.0
         if not 0 < scale < float("inf"):
             raise Refused("timescale wants a number above 0")
-        self._product.clock.scale = scale
+        loop.time_scale = scale
         return ""
 
     def _spoof(self, words: Words, _: Done) -> str:
@@ -302,7 +300,7 @@ class Control:
                                            if command.topic == topic)]) for topic in TOPICS])
 
     def _quit(self, _: Words, done: Done) -> None:
-        done({"ok": True, "text": "", "values": []})
+        done()
         self._product.quit()
 
 
@@ -311,6 +309,10 @@ def described(usage: str, help: str) -> str:
     text = textwrap.fill(help, 79, initial_indent=" " * 30, subsequent_indent=" " * 30,
                          break_on_hyphens=False)
     return usage.ljust(30) + text[30:] if len(usage) < 30 else f"{usage}\n{text}"
+
+
+def of_bluez(act: Callable[[BlueZ, Words], str]) -> Callable[[Control, Words, Done], str]:
+    return lambda control, words, done: act(control._product.bluez, words[1:])
 
 
 def number_of(name: str) -> int:
@@ -332,17 +334,18 @@ COMMANDS = {
     "service": Command("service", "start|stop|restart|kill [SIGNAL]", "the process",
                        Control._service),
     "phone": Command("phones", "add|PHONE VERB|NAME [...]", '"phone NAME help" lists the verbs',
-                     Control._bluez),
-    "phones": Command("phones", "", "all of them", Control._bluez),
+                     of_bluez(BlueZ.tell_phone)),
+    "phones": Command("phones", "", "all of them", of_bluez(BlueZ.describe_phones)),
     "fault": Command("faults",
                      "clear|bluez:|TARGET [BEHAVIOUR...] [times=N|after=N...]", "", Control._fault),
     "kill": Command("faults", "PROGRAM [SIGNAL]", "KILL without one", Control._kill),
     "backend": Command("bluez", "mgmt|hci [other]",
-                       "the order of some signals, and the rarer order", Control._bluez),
+                       "the order of some signals, and the rarer order",
+                       of_bluez(BlueZ.set_backend)),
     "timescale": Command("bluez", "F", "factor of the timers of BlueZ and of phones",
                          Control._timescale),
     "signal": Command("bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]",
-                      "from BlueZ, which means nothing by it", Control._bluez),
+                      "from BlueZ, which means nothing by it", of_bluez(BlueZ.send_signal)),
     "spoof": Command("bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]",
                      "the same from a stranger; to=BUSNAME before PATH: to one peer",
                      Control._spoof),

@@ -28,15 +28,12 @@ SERVICE_PATIENCE = 20  # seconds until its end
 
 
 class Product:
-    def __init__(self, real_pulse: bool, environment: list[str], under: str) -> None:
+    def __init__(self, began: float, real_pulse: bool, environment: list[str], under: str) -> None:
         """Starts everything but the service, for whose environment and under see Service."""
-        self.journal = Journal(f"{OUT}/journal.jsonl")
-        # The board's sound is told by that clock.
-        self.journal.record("control", "clock", "- product started", monotonic=time.monotonic())
-        self.clock = loop.Clock()
+        self.journal = Journal(f"{OUT}/journal.jsonl", began)
         self.faults = Faults()
         self.buses = buses.Buses(OUT)
-        self.bluez = BlueZ(self.journal, self.clock, self.faults, buses.address("system"))
+        self.bluez = BlueZ(self.journal, self.faults, buses.address("system"))
         self.service = Service(self.journal, SERVICE, environment, under)
         self.sound_manager = SoundManager(self.faults, self.buses)
         self._monitors = {"session": BusMonitor("session", self.journal, lambda path: path),
@@ -88,18 +85,20 @@ class Product:
 
 
 def main() -> None:
+    began = time.monotonic()
     # Of this program alone.
     told = {name: os.environ.pop(f"PRODUCT_{name}", "")
             for name in ("SERVICE", "PULSE", "ENVIRONMENT", "UNDER", "BUILD", "OUT", "DIRECTORY")}
     if not told["SERVICE"] or os.getppid() != 1:
         sys.exit("this program works inside of its namespaces only; start virtual-product")
     try:
-        lay_out(told["BUILD"], told["OUT"], told["DIRECTORY"])
+        lay_out(told["BUILD"], told["OUT"], told["DIRECTORY"], began)
     except OSError as error:
         print(f"mount {error.filename}: {error.strerror}")
         return
     try:
-        product = Product(told["PULSE"] == "real", told["ENVIRONMENT"].splitlines(), told["UNDER"])
+        product = Product(began, told["PULSE"] == "real", told["ENVIRONMENT"].splitlines(),
+                          told["UNDER"])
         Control(product, f"{OUT}/control")
         if told["SERVICE"] == "start":
             product.service.start()

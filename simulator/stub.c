@@ -7,9 +7,7 @@
  * Each message either way is one packet of texts with a zero between them:
  *   to the product    NAME BLUEZHOSTNAME ARGUMENT...   the first one
  *                     term                             SIGTERM has come, to be ignored or obeyed
- *                     status NUMBER                    of the program after "run"
  *   from the product  print TEXT, exit NUMBER, signal NUMBER
- *                     run PATH                         the real program, as a child
  *                     become PATH LIBRARY              the real program, with a library preloaded
  */
 #include <errno.h>
@@ -19,10 +17,8 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-static const char socket_path[] = "/run/product/stubs";
 static int product;
 
 static void tell(const char *texts, size_t size)
@@ -42,11 +38,10 @@ static void tell_of_term(int signal_number)
 
 static void connect_to_product(void)
 {
-    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    const struct sockaddr_un address = {AF_UNIX, "/run/product/stubs"};
 
-    strcpy(address.sun_path, socket_path);
     product = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    if (product < 0 || connect(product, (struct sockaddr *)&address, sizeof address) != 0) {
+    if (product < 0 || connect(product, (const struct sockaddr *)&address, sizeof address) != 0) {
         perror("no virtual product");
         exit(1);
     }
@@ -69,25 +64,18 @@ static void say_hello(int argc, char **argv)
     free(texts);
 }
 
-static void become(const char *path, char **argv)
+static void become(const char *path, const char *library, char **argv)
 {
+    char descriptor[16];
+
+    if (*library)
+        setenv("LD_PRELOAD", library, 1);
+    /* The one descriptor that PulseAudio does not close when it starts. */
+    sprintf(descriptor, "%d", product);
+    setenv("PULSE_PASSED_FD", descriptor, 1);
     execv(path, argv);
-    fprintf(stderr, "%s: %s\n", path, strerror(errno));
-    _exit(127);
-}
-
-static void run(const char *path, char **argv)
-{
-    char answer[32];
-    int status = 0;
-    const pid_t child = fork();
-
-    if (child == 0)
-        become(path, argv);
-    if (child < 0 || waitpid(child, &status, 0) != child)
-        status = 127 << 8;
-    status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    tell(answer, (size_t)sprintf(answer, "status%c%d", 0, status) + 1);
+    perror(path);
+    exit(127);
 }
 
 static void obey(const char *order, const char *value, char **argv)
@@ -99,18 +87,8 @@ static void obey(const char *order, const char *value, char **argv)
     } else if (strcmp(order, "signal") == 0) {
         signal(atoi(value), SIG_DFL);
         raise(atoi(value));
-    } else if (strcmp(order, "run") == 0) {
-        run(value, argv);
     } else if (strcmp(order, "become") == 0) {
-        const char *library = value + strlen(value) + 1;
-        char descriptor[16];
-
-        if (*library)
-            setenv("LD_PRELOAD", library, 1);
-        /* The one descriptor that PulseAudio does not close when it starts. */
-        sprintf(descriptor, "%d", product);
-        setenv("PULSE_PASSED_FD", descriptor, 1);
-        become(value, argv);
+        become(value, value + strlen(value) + 1, argv);
     }
 }
 

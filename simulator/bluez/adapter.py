@@ -5,10 +5,9 @@ from __future__ import annotations
 from typing import Any, Callable, Iterable
 
 from bluez.device import Device
+from core import loop
 from core.bus import Bus, Call, Reply
-from core.loop import Clock
 
-ADDRESS = "00:AA:01:00:00:00"
 AUDIO_CLASS = 0x4c0100
 AGENT_LIMIT = 60  # seconds of product time
 
@@ -19,8 +18,7 @@ AgentsAnswer = Callable[[bool, str], None]
 class Adapter:
     """The radio's state and the bonded devices outlive the daemon."""
 
-    def __init__(self, clock: Clock) -> None:
-        self.clock = clock
+    def __init__(self) -> None:
         #: How the daemon drives the kernel. Through raw HCI, news of audio connections and those of
         #: links wait in the same queue; through the management interface, links come first.
         self.is_raw_hci = False
@@ -33,7 +31,6 @@ class Adapter:
         #: Pairs without the agent.
         self.has_simple_pairing = False
         self._bus: Bus | None = None
-        self._name = ""
         self._pairable = False  # page scan
         self._discoverable = False  # inquiry scan
         self._discoverable_when_up = False
@@ -50,7 +47,6 @@ class Adapter:
         """It is there, under a path with the daemon's process id, and says so on the bus."""
         self._bus = bus
         self.path = f"/org/bluez/{pid}/hci0"
-        self._name = name
         # The daemon brings the controller up itself, and listens for connections.
         self.is_powered = True
         self._pairable = True
@@ -131,13 +127,6 @@ class Adapter:
                 return
             self.release_agent()
             call.reply()
-        elif call.method == "Adapter.GetProperties()":
-            call.reply("a{sv}", {"Address": ("s", ADDRESS), "Name": ("s", self._name),
-                                 "Class": ("u", AUDIO_CLASS if self.is_raw_hci else 0),
-                                 "Powered": ("b", self.is_powered),
-                                 "Discoverable": ("b", self._discoverable),
-                                 "Pairable": ("b", self._pairable),
-                                 "Devices": ("ao", self._device_paths())})
         else:
             call.fail_unknown()
 
@@ -171,7 +160,7 @@ class Adapter:
     def _call_agent(self, member: str, signature: str = "", values: Iterable[Any] = (),
                     answered: Callable[[Reply], None] = lambda reply: None) -> int:
         return self._bus.call(self._agent, self._agent_path, "org.bluez.Agent." + member, signature,
-                              values, answered, AGENT_LIMIT * self.clock.scale)
+                              values, answered, AGENT_LIMIT * loop.time_scale)
 
     def cancel_question(self, device: Device) -> None:
         """What was asked for device is void: the agent gets Cancel, nobody an answer."""

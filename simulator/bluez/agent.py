@@ -4,14 +4,14 @@ from typing import Callable
 
 from core.bus import Bus, Call, Reply
 from core.faults import Faults
-from core.loop import Clock, Timer
+from core.loop import Timer
 from core.words import PATH
 
 BLUEZ = "org.bluez"
 
 
 class Agent:
-    def __init__(self, address: str, faults: Faults, clock: Clock, arguments: list[str],
+    def __init__(self, address: str, faults: Faults, arguments: list[str],
                  exited: Callable[[int], None]) -> None:
         """address is that of the system bus. exited is called when it ends by itself."""
         option = dict(zip(arguments, arguments[1:]))
@@ -22,7 +22,7 @@ class Agent:
         self._exited = exited
         self._adapter = ""
         self._waiting: list[Call] = []
-        self._sleep = Timer(clock)
+        self._sleep = Timer()
         self._bus = Bus(address, faults.guard(self._handle))
         self._bus.when_gone(BLUEZ, lambda: exited(0))
         self._bus.call(BLUEZ, "/", "org.bluez.Manager.DefaultAdapter", answered=self._register)

@@ -54,8 +54,8 @@ class Audio:
         self._disconnected_at = 0.0  # when the unit has ended the link
         self._has_dead_session = False  # after a Connect that was refused
         self._connect: Call | None = None
-        self._next = Timer(device.adapter.clock)  # what happens next by itself
-        self._grace = Timer(device.adapter.clock)  # until Connect fails
+        self._next = Timer()  # what happens next by itself
+        self._grace = Timer()  # until Connect fails
 
     @property
     def is_active(self) -> bool:

@@ -11,7 +11,6 @@ from core import loop
 from core.bus import Bus
 from core.faults import Faults
 from core.journal import Journal
-from core.loop import Clock
 from core.words import Refused, typed, unknown_word
 
 USUAL_ADAPTER_DELAY = 60  # from the name to the adapter, in real milliseconds
@@ -19,7 +18,7 @@ ADD_USAGE = "phone add NAME [address=A] [name=TEXT] [pin=PIN] [audio=FILE] [know
 
 
 class BlueZ:
-    def __init__(self, journal: Journal, clock: Clock, faults: Faults, address: str) -> None:
+    def __init__(self, journal: Journal, faults: Faults, address: str) -> None:
         """address is that of the system bus."""
         self.phones: dict[str, Phone] = {}
         #: Called when a phone's stream has changed.
@@ -27,10 +26,9 @@ class BlueZ:
         #: Called when the agent ends by itself.
         self.agent_exited: Callable[[int], None] = lambda status: None
         self._journal = journal
-        self._clock = clock
         self._faults = faults
         self._address = address
-        self.adapter = Adapter(clock)
+        self.adapter = Adapter()
         self._bus: Bus | None = None  # of the daemon
         self._agent: Agent | None = None
 
@@ -38,7 +36,7 @@ class BlueZ:
 
     def start(self, pid: int, host_name: str) -> None:
         """A bluetoothd lives: it takes org.bluez, and its adapter comes a little later. The faults
-        no-name, name-delay and adapter-delay (in real milliseconds) of "bluetoothd" count."""
+        no-name and adapter-delay (in real milliseconds) of "bluetoothd" count."""
         bus = self._bus = Bus(self._address, self._faults.guard(self.adapter.handle))
         if self._faults.standing("bluetoothd", "no-name"):
             return
@@ -46,15 +44,10 @@ class BlueZ:
         def appear() -> None:
             if bus.is_open:
                 self.adapter.appear(bus, pid, host_name)
-
-        def take_name() -> None:
-            if not bus.is_open:
-                return
-            bus.own("org.bluez")
-            # The name comes first, always: for a while there is a daemon without an adapter.
-            delay = self._faults.standing("bluetoothd", "adapter-delay")
-            loop.later((delay.number if delay else USUAL_ADAPTER_DELAY) / 1000, appear)
-        loop.later(self._faults.standing("bluetoothd", "name-delay").number / 1000, take_name)
+        # The name comes first, always: for a while there is a daemon without an adapter.
+        bus.own("org.bluez")
+        delay = self._faults.standing("bluetoothd", "adapter-delay")
+        loop.later((delay.number if delay else USUAL_ADAPTER_DELAY) / 1000, appear)
 
     def stop(self, orderly: bool) -> None:
         """It ends, in order (SIGTERM) or not."""
@@ -68,7 +61,7 @@ class BlueZ:
         def exited(status: int) -> None:
             self.stop_agent(orderly=False)
             self.agent_exited(status)
-        self._agent = Agent(self._address, self._faults, self._clock, arguments, exited)
+        self._agent = Agent(self._address, self._faults, arguments, exited)
 
     def stop_agent(self, orderly: bool) -> None:
         """It ends; in order it unregisters first."""
@@ -85,20 +78,11 @@ class BlueZ:
 
     # ---- control
 
-    def tell(self, words: list[str]) -> str:
-        """Does "phone ...", "phones", "signal ..." or "backend ...". The answer for people."""
-        command, *words = words
-        if command == "phone":
-            return self._tell_phone(words)
-        if command == "signal":
-            self._send_signal(words)
-        elif command == "backend":
-            self._set_backend(words)
-        else:
-            return "\n".join(map(Phone.describe, self.phones.values())) or "no phones"
-        return ""
+    def describe_phones(self, _: list[str]) -> str:
+        return "\n".join(map(Phone.describe, self.phones.values())) or "no phones"
 
-    def _tell_phone(self, words: list[str]) -> str:
+    def tell_phone(self, words: list[str]) -> str:
+        """Has a phone, or the people around, do what the words say. The answer for people."""
         handle, *words = words
         if handle == "add":
             self._add_phone(words)
@@ -139,18 +123,20 @@ class BlueZ:
         if "known" in words or "trusted" in words:
             phone.device.set_known("trusted" in words)
 
-    def _send_signal(self, words: list[str]) -> None:
+    def send_signal(self, words: list[str]) -> str:
         signature, values = typed(words[2:])
         if not self._bus or not self._bus.is_open:
             raise Refused("bluetoothd is not running")
         if not self._bus.emit(words[0], words[1], signature, values):
             raise Refused("this signal cannot be sent")
+        return ""
 
-    def _set_backend(self, words: list[str]) -> None:
+    def set_backend(self, words: list[str]) -> str:
         if words not in (["mgmt"], ["hci"], ["hci", "other"]):
             raise Refused("backend mgmt|hci, or backend hci other")
         self.adapter.is_raw_hci = words[0] == "hci"
         self.adapter.audio_first = "other" in words
+        return ""
 
     def _handle_of(self, address: str) -> str:
         """What the phone with this address is called; empty when there is none."""

@@ -24,7 +24,6 @@ PAGE_TIMEOUT = 5120
 SEARCH_DELAY = 2200
 SEARCH_TIME = 50
 LONGEST_PIN = 16
-SMART_PHONE = 524
 
 
 class Search(Enum):
@@ -53,9 +52,9 @@ class Device:
         self._disconnect_calls: list[Call] = []
         self._removal: Call | None = None
         self._page_waiters: list[Callable[[bool], None]] = []
-        self._disconnect = Timer(adapter.clock)
-        self._link = Timer(adapter.clock)  # until it is up, or dropped for want of users
-        self._searching = Timer(adapter.clock)
+        self._disconnect = Timer()
+        self._link = Timer()  # until it is up, or dropped for want of users
+        self._searching = Timer()
 
     @property
     def path(self) -> str:
@@ -77,12 +76,9 @@ class Device:
         if call.method == "Device.GetProperties()":
             call.reply("a{sv}", {
                 "Address": ("s", self.phone.address), "Name": ("s", self.phone.name),
-                "Alias": ("s", self.phone.name), "Class": ("u", SMART_PHONE),
-                "Icon": ("s", "phone"), "Paired": ("b", self._paired),
-                "Trusted": ("b", self.is_trusted), "Blocked": ("b", False),
-                "Connected": ("b", self._connected),
-                "UUIDs": ("as", self._uuids), "Services": ("ao", []),
-                "Adapter": ("o", self.adapter.path)})
+                "Alias": ("s", self.phone.name), "Paired": ("b", self._paired),
+                "Trusted": ("b", self.is_trusted), "Connected": ("b", self._connected),
+                "UUIDs": ("as", self._uuids), "Adapter": ("o", self.adapter.path)})
         elif call.method == "Device.SetProperty(sv)":
             self._set_property(call)
         elif call.method == "Device.Disconnect()":

@@ -44,7 +44,7 @@ class Phone:
         self._journal = journal
         self._auto_play = False
         self._after_pairing: Action | None = None
-        self._step = Timer(adapter.clock)  # between the steps of what a person wants
+        self._step = Timer()  # between the steps of what a person wants
         #: What the unit knows of it.
         self.device = Device(adapter, self)
 

@@ -11,7 +11,7 @@ from core.words import Refused, unknown_word
 PROGRAMS = ("bluetoothd", "agent", "hciconfig", "sdptool", "modprobe", "connmanctl", "pulseaudio",
             "pactl")
 TARGETS = (*PROGRAMS, "soundmanager")
-STANDING = ("missing", "absent", "name-delay", "no-name", "adapter-delay")
+STANDING = ("missing", "absent", "no-name", "adapter-delay")
 
 
 @dataclass
@@ -64,7 +64,7 @@ def behaviours_of(target: str) -> list[str]:
         return ["error[=NAME]", "delay=MS", "never"]
     if program not in PROGRAMS:
         return []
-    of_bluetoothd = ["name-delay=MS", "no-name", "adapter-delay=MS"]
+    of_bluetoothd = ["no-name", "adapter-delay=MS"]
     return (["exit=STATUS", "hang", "crash", "ignore-term", "delay=MS", "missing"]
             + (of_bluetoothd if program == "bluetoothd" else []))
 

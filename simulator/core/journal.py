@@ -14,14 +14,15 @@ class Journal:
     """One JSON object per line. Its text `line` is the one rendering for people and stories; the
     other fields are the raw facts."""
 
-    def __init__(self, path: str) -> None:
-        """OSError when it cannot be made."""
+    def __init__(self, path: str, began: float) -> None:
+        """began is when the run has, by time.monotonic(). OSError when it cannot be made."""
         self.path = path
         #: Get each entry, without the newline.
         self.listeners: list[Callable[[bytes], None]] = []
         self._file = open(path, "wb", buffering=0)
-        self._began = time.monotonic()
+        self._began = began
         self._is_complete = True
+        self.record("control", "clock", "- product started", began=began)
 
     def record(self, lane: str, kind: str, line: str, **facts: Any) -> None:
         """Writes an entry of a lane ("bluez", ...) and a kind ("signal", ...), with the time."""

@@ -1,7 +1,9 @@
 """The one loop of the product: what is to be done when something can be read, or later."""
 
+import os
 import sched
 import selectors
+import subprocess
 import time
 from typing import Any, Callable
 
@@ -10,6 +12,8 @@ Action = Callable[[], object]
 _selector = selectors.DefaultSelector()
 _timers = sched.scheduler(time.monotonic)
 _runs = True
+#: Factor of all durations of product time that begin from now on; 0.05 is twenty times as fast.
+time_scale = 1.0
 
 
 def watch(file: Any, readable: Action, writable: Action | None = None) -> None:
@@ -24,13 +28,20 @@ def forget(file: Any) -> None:
     _selector.unregister(file)
 
 
-def later(seconds: float, action: Action) -> sched.Event:
-    """Calls action once; cancel() forgets it before."""
-    return _timers.enter(seconds, 0, action)
+def later(seconds: float, action: Action) -> None:
+    """Calls action once."""
+    _timers.enter(seconds, 0, action)
 
 
-def cancel(event: sched.Event) -> None:
-    _timers.cancel(event)
+def when_ended(process: subprocess.Popen, action: Action) -> None:
+    """Calls action once it has ended and may be waited for."""
+    end = os.pidfd_open(process.pid)
+
+    def ended() -> None:
+        forget(end)
+        os.close(end)
+        action()
+    watch(end, ended)
 
 
 def run() -> None:
@@ -49,27 +60,19 @@ def end() -> None:
     _runs = False
 
 
-class Clock:
-    """Product time, which goes on for BlueZ and the phones."""
-
-    #: Factor of all durations that begin from now on; 0.05 is twenty times as fast.
-    scale = 1.0
-
-
 class Timer:
-    """A single shot of product time."""
+    """A single shot of product time, which goes on for BlueZ and the phones."""
 
-    def __init__(self, clock: Clock) -> None:
-        self._clock = clock
+    def __init__(self) -> None:
         self._shot: sched.Event | None = None
 
     def start(self, milliseconds: float, action: Action) -> None:
         """Has action done after so much product time, instead of anything before."""
-        self.start_real(milliseconds * self._clock.scale, action)
+        self.start_real(milliseconds * time_scale, action)
 
     def start_real(self, milliseconds: float, action: Action) -> None:
         self.stop()
-        self._shot = later(milliseconds / 1000, lambda: self._fire(action))
+        self._shot = _timers.enter(milliseconds / 1000, 0, lambda: self._fire(action))
 
     def _fire(self, action: Action) -> None:
         self._shot = None
@@ -77,7 +80,7 @@ class Timer:
 
     def stop(self) -> None:
         if self._shot:
-            cancel(self._shot)
+            _timers.cancel(self._shot)
         self._shot = None
 
     @property

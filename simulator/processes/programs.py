@@ -5,6 +5,7 @@ import os
 import signal
 import socket
 import struct
+import subprocess
 from pathlib import Path
 from typing import Callable
 
@@ -22,6 +23,8 @@ REAL_PROGRAMS = "/run/product/host/bin/"
 PULSE_FOLDER = Path("/var/run/pulse")
 DAEMONS = ("bluetoothd", "agent", "pulseaudio")
 LANES = {"bluetoothd": "bluez", "agent": "agent", "pulseaudio": "pulse", "pactl": "pulse"}
+#: PulseAudio's module for BlueZ 4, which Debian has no more: the product makes the phone's source.
+DISCOVERY = "module-bluetooth-discover"
 END_DELAY = 0.02  # seconds it takes a daemon to end; the real ones need 10 to 50 ms
 
 #: As a real one answers "browse local". The service cuts the record's number out of it by the words
@@ -170,14 +173,10 @@ class Programs:
             self._record(stub, "start", [mark, stub.name, *stub.arguments],
                          arguments=stub.arguments)
             self._started(stub)
-        elif texts[0] == "term":
+        else:
+            # There is nothing else that it tells.
             self.about_to_speak()
             self._termination_requested(stub)
-        else:
-            status = int(texts[1])
-            if status == 0 and "module-bluetooth-discover" in stub.arguments:
-                self._source.discovered()
-            stub.exit(status)
 
     def _record(self, stub: Stub, kind: str, words: list[str], **facts: object) -> None:
         self._journal.record(LANES.get(stub.name, "tool"), kind, " ".join(words),
@@ -242,8 +241,8 @@ class Programs:
     def _run_pactl(self, stub: Stub) -> None:
         command = stub.arguments[0]
         is_load = command == "load-module"
-        if self._real_pulse:
-            stub.order("run", REAL_PROGRAMS + stub.name)
+        if self._real_pulse and DISCOVERY not in stub.arguments:
+            self._run_real_pactl(stub)
         elif not self._pulse or (is_load and not self._load_module(stub.arguments)):
             stub.exit(1)
         else:
@@ -253,9 +252,20 @@ class Programs:
             needs_loopback = command.startswith("set-source-output-")
             stub.exit(1 if needs_loopback and not self._loopback else 0)
 
+    def _run_real_pactl(self, stub: Stub) -> None:
+        def ended() -> None:
+            stub.order("print", pactl.communicate()[0])
+            stub.exit(pactl.returncode)
+        pactl = subprocess.Popen([REAL_PROGRAMS + stub.name, *stub.arguments], text=True,
+                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        loop.when_ended(pactl, ended)
+
     def _load_module(self, arguments: list[str]) -> bool:
         """Whether the scripted server has loaded it."""
-        self._discovery = self._discovery or "module-bluetooth-discover" in arguments
+        if DISCOVERY in arguments:
+            self._discovery = True
+            if self._real_pulse:
+                self._source.discovered()
         if "module-loopback" not in arguments:
             return True
         for phone in self._bluez.phones.values():

@@ -46,8 +46,7 @@ class Service:
                 stdout=self._input, stderr=self._input)
         except OSError as error:
             raise Refused(f"{self._command[0]}: {error.strerror}") from error
-        end = os.pidfd_open(self._child.pid)
-        loop.watch(end, lambda: self._record_end(end))
+        loop.when_ended(self._child, self._record_end)
         self._journal.record("service", "start", "& service", program="service",
                              pid=self._child.pid)
 
@@ -77,9 +76,7 @@ class Service:
         self._journal.record("service", "log", f"{level} {message}", level=int(level), path=path,
                              file=file, at=int(at or 0), function=function, message=message)
 
-    def _record_end(self, end: int) -> None:
-        loop.forget(end)
-        os.close(end)
+    def _record_end(self) -> None:
         # First what it has said before, and what it has waited for.
         self.has_printed()
         code, pid = self._child.wait(), self._child.pid

@@ -3,13 +3,12 @@
  * CLOCK_MONOTONIC and writes down what the board would play.
  *
  *     pcm_type.board { lib "/absolute/path/libboard-output.so" }
- *     pcm.dm-audio { type board file "/absolute/path/board.raw" }
+ *     pcm.dm-audio { type board file "/absolute/path/board.raw" start 1234.5 }
  *
- * FILE and FILE.start are there already. FILE takes what was heard: s16le, stereo, 44100 Hz. Its
- * first frame was heard when the device was opened for the first time, at the CLOCK_MONOTONIC
- * seconds that FILE.start tells, and frame F is heard F / 44100 seconds later. While the device
- * stands still the file has holes, which read as the silence that was heard, and so do frames that
- * the player hands over too late.
+ * The file, which is there already, takes what was heard: s16le, stereo, 44100 Hz. Its frame F was
+ * heard F / 44100 seconds after the start, which is told in seconds of CLOCK_MONOTONIC. While the
+ * device stands still the file has holes, which read as the silence that was heard, and so do
+ * frames that the player hands over too late.
  */
 #define _GNU_SOURCE
 #include <alsa/asoundlib.h>
@@ -162,28 +161,6 @@ static const snd_pcm_ioplug_callback_t callbacks = {
     .close = closeOutput,
 };
 
-/* Reads when the file began, or writes down that it begins now. */
-static int findFileTime(struct Output *output, const char *path)
-{
-    char startPath[4096];
-    char text[64] = "";
-    long long seconds, rest;
-    int start;
-
-    if (snprintf(startPath, sizeof startPath, "%s.start", path) >= (int)sizeof startPath)
-        return -ENAMETOOLONG;
-    if ((start = open(startPath, O_RDWR | O_CLOEXEC)) < 0)
-        return -errno;
-    if (read(start, text, sizeof text - 1) > 0 && sscanf(text, "%lld.%lld", &seconds, &rest) == 2) {
-        output->fileTime = seconds * nanoseconds + rest;
-    } else {
-        output->fileTime = monotonicTime();
-        dprintf(start, "%lld.%09lld\n", (long long)(output->fileTime / nanoseconds),
-                (long long)(output->fileTime % nanoseconds));
-    }
-    return close(start) < 0 ? -errno : 0;
-}
-
 static int openFiles(struct Output *output, const char *path)
 {
     if ((output->file = open(path, O_RDWR | O_CLOEXEC)) < 0)
@@ -192,7 +169,7 @@ static int openFiles(struct Output *output, const char *path)
     if (flock(output->file, LOCK_EX | LOCK_NB) < 0)
         return -EBUSY;
     output->timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-    return output->timer < 0 ? -errno : findFileTime(output, path);
+    return output->timer < 0 ? -errno : 0;
 }
 
 static int setConstraints(snd_pcm_ioplug_t *plugin)
@@ -224,19 +201,22 @@ SND_PCM_PLUGIN_DEFINE_FUNC(board)
 {
     snd_config_t *entry;
     const char *file;
+    double start;
     struct Output *output;
     int error;
 
     (void)root;
     if (stream != SND_PCM_STREAM_PLAYBACK || snd_config_search(conf, "file", &entry) < 0
-        || snd_config_get_string(entry, &file) < 0) {
-        SNDERR("%s is for playing, into the \"file\" of its configuration", name);
+        || snd_config_get_string(entry, &file) < 0 || snd_config_search(conf, "start", &entry) < 0
+        || snd_config_get_ireal(entry, &start) < 0) {
+        SNDERR("%s is for playing, into its configuration's \"file\" from its \"start\" on", name);
         return -EINVAL;
     }
     output = calloc(1, sizeof *output);
     if (!output)
         return -ENOMEM;
     output->timer = output->file = -1;
+    output->fileTime = (int64_t)(start * nanoseconds);
     output->plugin.version = SND_PCM_IOPLUG_VERSION;
     output->plugin.name = "Virtual board output";
     output->plugin.callback = &callbacks;

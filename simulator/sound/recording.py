@@ -1,6 +1,7 @@
 """The board's sound, as board-output.c writes it down, and what a phone plays: measured by sox."""
 
 import array
+import json
 import math
 import re
 import subprocess
@@ -18,22 +19,15 @@ class Recording:
     """What the board plays, while it plays it."""
 
     def __init__(self, folder: Path):
-        self.path = Path(folder) / "board.raw"
-
-    def start(self) -> float | None:
-        """When the first frame was heard, by time.monotonic(); None while nothing was."""
-        try:
-            return float(self.path.with_suffix(".raw.start").read_text())
-        except (FileNotFoundError, ValueError):
-            return None
+        self.path = folder / "board.raw"
+        # It begins when the journal does.
+        with (folder / "journal.jsonl").open() as journal:
+            self._began = json.loads(journal.readline())["began"]
 
     def heard(self, seconds: float) -> bytes:
         """What was heard in the last `seconds`; silence is silence, whatever the reason."""
         count = round(seconds * RATE)
-        start = self.start()
-        if start is None:
-            return bytes(count * FRAME)
-        first = int((time.monotonic() - start) * RATE) - count
+        first = int((time.monotonic() - self._began) * RATE) - count
         with self.path.open("rb") as file:
             file.seek(max(first, 0) * FRAME)
             missing = min(max(-first, 0), count)

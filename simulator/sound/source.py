@@ -1,7 +1,6 @@
 """The sound of a phone in real PulseAudio: the source that BlueZ 4's module would make there, fed
 with what the phone plays."""
 
-import os
 import subprocess
 import time
 from pathlib import Path
@@ -72,12 +71,9 @@ class Source:
             [PACTL, "load-module", "module-pipe-source", f"source_name={source_name(phone)}",
              f"file={FIFO}", "format=s16le", f"rate={RATE}", "channels=2"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        end = os.pidfd_open(self._loader.pid)
-        loop.watch(end, lambda: self._loaded(end, phone))
+        loop.when_ended(self._loader, lambda: self._loaded(phone))
 
-    def _loaded(self, end: int, phone: Phone) -> None:
-        loop.forget(end)
-        os.close(end)
+    def _loaded(self, phone: Phone) -> None:
         answer, complaint = self._loader.communicate()
         failed, self._loader = self._loader.returncode, None
         if failed:

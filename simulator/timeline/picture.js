@@ -201,13 +201,13 @@ class Picture {
     }
 
     drawSound() {
-        if (!this.sound)
+        const {bucket, peaks} = this.sound;
+        if (peaks.length === 0)
             return;
         const middle = this.y + 32;
         this.title("sound", middle);
-        const {start, bucket, peaks} = this.sound;
         const lines = peaks.map((peak, index) => (
-            `M${this.x(start + index * bucket)},${middle - 0.5 - 30 * peak} v${1 + 60 * peak}`));
+            `M${this.x(index * bucket)},${middle - 0.5 - 30 * peak} v${1 + 60 * peak}`));
         element(this.svg, "path", {class: "sound", d: lines.join(""),
                                    "stroke-width": this.x(bucket) - this.x(0) + 0.5});
         this.y += 64;

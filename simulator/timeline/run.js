@@ -215,15 +215,15 @@ function phoneClause(name, phone, run, sound) {
     if (spans.length === 0)
         return `the phone ${name} ${phone.why}`;
     const texts = spans.map(({start, end}) => `from ${seconds(start)} to ${seconds(end)}`);
-    const isSilent = sound && !spans.some(span => isHeard(sound, span));
+    const isSilent = sound.peaks.length > 0 && !spans.some(span => isHeard(sound, span));
     return `the phone ${name} played ${texts.join(" and ")}`
         + (isSilent ? ", but nothing was heard" : "");
 }
 
 /** The loopback is late by a second by default. */
-function isHeard({start, bucket, peaks}, span) {
-    const bucketOf = time => Math.max(0, Math.round((time - start) / bucket));
-    return peaks.slice(bucketOf(span.start), bucketOf(span.end + 2)).some(peak => peak > 0);
+function isHeard({bucket, peaks}, {start, end}) {
+    return peaks.slice(Math.round(start / bucket), Math.round((end + 2) / bucket))
+        .some(peak => peak > 0);
 }
 
 function crashClause({line, program, time}, run) {

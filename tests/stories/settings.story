@@ -67,8 +67,7 @@ for nickname, number, name
 with environment BLUEZHOSTNAME=inherited
 with {nickname}
 with {number}
-+ Bluetooth is on
-shell busctl call org.bluez {adapter} org.bluez.Adapter GetProperties => *"Name" s "{name}"*
+~ hci0 Adapter.Name {name}
 
 == What cannot be saved is told, tried again, and used all the same
 with environment ULMO_BT_ENABLE=1

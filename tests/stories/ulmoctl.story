@@ -54,7 +54,7 @@ shell ulmoctl on => Bluetooth is on.
 - fault bluetoothd missing
 shell ulmoctl on --wait => ulmoctl: Bluetooth did not come on\nThe service's log tells why: journalctl -t bluetoothmanager\n(1)
 + all is well again
-- fault bluetoothd name-delay=4000
+- fault bluetoothd delay=4000
 shell ulmoctl on --wait --timeout 1 => ulmoctl: Bluetooth is not on after 1 seconds\n*(4)
 + Bluetooth is on
 - disable
