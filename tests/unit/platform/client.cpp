@@ -1,4 +1,5 @@
-// A client of log and settings that does what its arguments say, for tst_client.py.
+// A client of the host platform that does what its arguments say, for the tests beside it.
+#include <QCoreApplication>
 #include <QDateTime>
 
 #include <errno.h>
@@ -9,6 +10,7 @@
 
 #include "Configuration.h"
 #include "LogInterface.h"
+#include "UlmoFeatureBase.h"
 
 LogInterface *_logInterface = nullptr;
 
@@ -39,6 +41,25 @@ int logFromSignals()
     return errnoChanged;
 }
 
+/** Tells what it is called with, and goes on at the next line of its standard input. */
+class Feature : public UlmoFeatureBase
+{
+public:
+    Feature() : UlmoFeatureBase("/object") { }
+
+    void ulmoPowerOnReboot(const QString &reason) override { called("reboot", reason); }
+    void ulmoPowerOnShutdown(const QString &reason) override { called("shutdown", reason); }
+    void ulmoPowerOnSuspend(const QString &reason) override { called("suspend", reason); }
+
+private:
+    void called(const char *event, const QString &reason)
+    {
+        printf("%s %s\n", event, qPrintable(reason));
+        fflush(stdout);
+        getchar();
+    }
+};
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -50,6 +71,11 @@ int main(int argc, char **argv)
     if (command == "log") {
         _logInterface->EmitLogString(atoi(argv[2]), argv[3], "/a");
         return 0;
+    }
+    if (command == "events") {
+        QCoreApplication application(argc, argv);
+        Feature feature;
+        return application.exec();
     }
     Configuration configuration("/object");
     puts(configuration.isValid() ? "valid" : "invalid");
