@@ -764,10 +764,9 @@ int BluetoothManager::RemoveAllDevices()
     if (!adapter.isValid())
         return 0;
 
-        // BlueZ would have clients read the property "Devices" instead; the method answers the
-        // same.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    // BlueZ would have clients read the property "Devices" instead; the method answers the same.
     const QDBusPendingReply<QList<QDBusObjectPath>> reply = adapter.ListDevices();
 #pragma GCC diagnostic pop
     if (reply.isError()) {
