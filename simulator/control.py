@@ -203,9 +203,7 @@ class Control:
     def _service(self, words: Words, done: Done) -> str | None:
         service, what = self._product.service, words[1]
         if what == "kill":
-            if len(words) < 3:
-                raise Refused("usage: service kill SIGNAL")
-            service.kill(number_of(words[2]))
+            service.kill(number_of(words))
         elif what == "start" or what == "restart" and not service.is_running:
             service.start()
         else:
@@ -244,7 +242,7 @@ class Control:
         return ""
 
     def _kill(self, words: Words, _: Done) -> str:
-        self._product.programs.kill(words[1], number_of(words[2] if words[2:] else "KILL"))
+        self._product.programs.kill(words[1], number_of(words))
         return ""
 
     def _fault(self, words: Words, _: Done) -> str:
@@ -315,8 +313,9 @@ def of_bluez(act: Callable[[BlueZ, Words], str]) -> Callable[[Control, Words, Do
     return lambda control, words, done: act(control._product.bluez, words[1:])
 
 
-def number_of(name: str) -> int:
-    return signal.Signals[f"SIG{name}"]
+def number_of(words: Words) -> int:
+    """Of the signal in the third word, or of KILL."""
+    return signal.Signals["SIG" + (words[2] if words[2:] else "KILL")]
 
 
 COMMANDS = {
@@ -331,8 +330,8 @@ COMMANDS = {
                       Control._call_short),
     "call": Command("service", "METHOD [TYPE:VALUE...]",
                     "any method; types s i u b o as v, as in v:b:true", Control._call),
-    "service": Command("service", "start|stop|restart|kill [SIGNAL]", "the process",
-                       Control._service),
+    "service": Command("service", "start|stop|restart|kill [SIGNAL]",
+                       "the process; KILL without a signal", Control._service),
     "phone": Command("phones", "add|PHONE VERB|NAME [...]", '"phone NAME help" lists the verbs',
                      of_bluez(BlueZ.tell_phone)),
     "phones": Command("phones", "", "all of them", of_bluez(BlueZ.describe_phones)),

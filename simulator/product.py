@@ -49,15 +49,16 @@ class CannotRun(ProductError):
 def connect(out: Path) -> "Connection":
     """Connects to the product whose folder is out. A socket's path must be short, the way to it
     need not."""
-    folder = os.open(out, os.O_PATH | os.O_DIRECTORY)
     connection = socket.socket(socket.AF_UNIX)
     try:
-        connection.connect(f"/proc/self/fd/{folder}/control")
+        folder = os.open(out, os.O_PATH | os.O_DIRECTORY)
+        try:
+            connection.connect(f"/proc/self/fd/{folder}/control")
+        finally:
+            os.close(folder)
     except OSError as error:
         connection.close()
         raise Ended(f"no virtual product runs in {out}") from error
-    finally:
-        os.close(folder)
     return Connection(connection)
 
 

@@ -89,7 +89,6 @@ class Programs:
         # The scripted sound server.
         self._discovery = False
         self._loopback = ""  # the source that it takes
-        self._next_module = 1
         bluez.agent_exited = self._agent_exited
         bluez.stream_changed.append(self._stream_changed)
 
@@ -239,17 +238,12 @@ class Programs:
         stub.exit(255 if fails else 0)
 
     def _run_pactl(self, stub: Stub) -> None:
-        command = stub.arguments[0]
-        is_load = command == "load-module"
         if self._real_pulse and DISCOVERY not in stub.arguments:
             self._run_real_pactl(stub)
-        elif not self._pulse or (is_load and not self._load_module(stub.arguments)):
+        elif not self._pulse or not self._load_module(stub.arguments):
             stub.exit(1)
         else:
-            if is_load:
-                stub.order("print", f"{self._next_module}\n")
-                self._next_module += 1
-            needs_loopback = command.startswith("set-source-output-")
+            needs_loopback = stub.arguments[0].startswith("set-source-output-")
             stub.exit(1 if needs_loopback and not self._loopback else 0)
 
     def _run_real_pactl(self, stub: Stub) -> None:
@@ -261,7 +255,7 @@ class Programs:
         loop.when_ended(pactl, ended)
 
     def _load_module(self, arguments: list[str]) -> bool:
-        """Whether the scripted server has loaded it."""
+        """False when the scripted server would not load a module."""
         if DISCOVERY in arguments:
             self._discovery = True
             if self._real_pulse:

@@ -57,16 +57,39 @@ def measure(sound: bytes) -> tuple[Channel, Channel]:
     return _measure_channel(sound, 1), _measure_channel(sound, 2)
 
 
+def _statistics(source: list[str], *effects: str, sound: bytes = b"") -> dict[str, float]:
+    """What sox tells of a sound; OSError with its reason."""
+    sox = subprocess.run(["sox", "-V1", *source, "-n", *effects, "stat"], input=sound,
+                         capture_output=True, check=False)
+    stat = re.sub(" +", " ", sox.stderr.decode())
+    if sox.returncode:
+        raise OSError(stat.strip().rpartition(": ")[2])
+    return {name: float(value)
+            for name, value in re.findall(r"^(.*\S)\s*:\s*(-?[0-9.]+)$", stat, re.M)}
+
+
 def _measure_channel(sound: bytes, number: int) -> Channel:
-    stat = subprocess.run(["sox", *FORMAT, "-n", "remix", str(number), "stat"], input=sound,
-                          capture_output=True, check=True).stderr.decode()
-    values = dict(re.findall(r"^(.*\S)\s*:\s*(-?[0-9.]+)$", re.sub(" +", " ", stat), re.M))
-    rms, delta = float(values["RMS amplitude"]), float(values["RMS delta"])
-    if float(values["Maximum amplitude"]) == float(values["Minimum amplitude"]):
+    values = _statistics(FORMAT, "remix", str(number), sound=sound)
+    rms, delta = values["RMS amplitude"], values["RMS delta"]
+    if values["Maximum amplitude"] == values["Minimum amplitude"]:
         return Channel(None, None)
     # What a sine of this amplitude and slope has.
     frequency = RATE / math.pi * math.asin(min(delta / (2 * rms), 1))
     return Channel(20 * math.log10(rms), frequency)
+
+
+def why_unplayable(audio: Path) -> str:
+    """Why a phone cannot play this file; empty when it can."""
+    if not audio.is_file():
+        return f"{audio} is no file" if audio.exists() else f"there is no {audio}"
+    if audio.stat().st_size == 0:
+        return f"{audio} is empty"
+    try:
+        values = _statistics([str(audio)], "trim", "0", "60")
+    except OSError as reason:
+        return f"sox cannot read {audio} ({reason}); convert it to WAV"
+    is_silent = values["Maximum amplitude"] == values["Minimum amplitude"]
+    return f"nothing can be heard in the first minute of {audio}" if is_silent else ""
 
 
 def phone_sound(audio: Path | None, seconds: float) -> bytes:
