@@ -14,7 +14,7 @@ import shlex
 import signal
 import socket
 import textwrap
-from typing import TYPE_CHECKING, Any, Callable, Iterable, NamedTuple
+from typing import Any, Callable, Iterable, NamedTuple
 
 from bluez.bluez import BlueZ
 from bluez.phone import VERBS
@@ -23,9 +23,7 @@ from core.bus import Reply
 from core.faults import PROGRAMS, TARGETS, behaviours_of
 from core.journal import to_json
 from core.words import Refused, typed, unknown_word
-
-if TYPE_CHECKING:
-    from main import Product
+from virtualproduct import VirtualProduct
 
 SERVICE = "com.orbitalis.ulmo.bluetoothmanager"
 OBJECT = "/com/orbitalis/ulmo/bluetoothmanager/bluetoothobj"
@@ -77,7 +75,7 @@ class Place(NamedTuple):
 
 
 class Control:
-    def __init__(self, product: Product, path: str) -> None:
+    def __init__(self, product: VirtualProduct, path: str) -> None:
         """Listens at this path."""
         self._product = product
         self._socket = socket.socket(socket.AF_UNIX)

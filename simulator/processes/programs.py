@@ -259,7 +259,7 @@ class Programs:
         if DISCOVERY in arguments:
             self._discovery = True
             if self._real_pulse:
-                self._source.discovered()
+                self._source.set_discovered(True)
         if "module-loopback" not in arguments:
             return True
         for phone in self._bluez.phones.values():
@@ -309,4 +309,4 @@ class Programs:
             self._pulse = None
             self._discovery = False
             self._set_loopback("")
-            self._source.pulse_stopped()
+            self._source.set_discovered(False)

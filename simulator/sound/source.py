@@ -47,14 +47,9 @@ class Source:
         self._was_playing = is_playing
         self._update()
 
-    def discovered(self) -> None:
-        """PulseAudio has loaded its discovery module."""
-        self._discovered = True
-        self._update()
-
-    def pulse_stopped(self) -> None:
-        """PulseAudio has ended, and the source with it."""
-        self._discovered = False
+    def set_discovered(self, discovered: bool) -> None:
+        """PulseAudio has loaded its discovery module, or has ended, and the source with it."""
+        self._discovered = discovered
         self._update()
 
     def _update(self) -> None:

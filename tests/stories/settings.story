@@ -86,3 +86,5 @@ with environment ULMO_SETTINGS=/proc/nowhere/settings.ini
 2 Error saving Enable
 2 Error saving Pid
 = 0 true true ١٢٣٤
+- disable
+2 Error saving Enable
