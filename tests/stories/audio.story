@@ -35,7 +35,7 @@ never 4 wait pulseaudio ... 40
 nothing else of 1 2 > @
 never 4 wait pulseaudio bluetooth module ready... 40
 
-== A server and an audio that show up at the 40th poll are in time, and a sink that does not load is no matter
+== Server and audio that come at the 40th poll are in time, a sink that does not load is no matter
 # Polls for a phone that has gone do not count.
 + anna is polling
 - phone anna drop

@@ -5,7 +5,7 @@
 + there is anna
 - phone anna connect
 4 Device {anna} CONNECTED AND ACCEPTED
-in BluetoothManager.cpp bluetoothobj void BluetoothManager::DevicePropertyChanged(const QString&, const QDBusVariant&)
+in BluetoothManager.cpp bluetoothobj void BluetoothManager::DevicePropertyChanged(*)
 4 IsTrustDevice {anna}
 2 trust for {anna} is true
 > Device.GetProperties anna
@@ -135,8 +135,8 @@ nothing else
 
 == A second phone is refused, and the first is not disturbed ({state}, {backend})
 for state, backend, first, second
-| accepted | mgmt | 4 DevicePropertyChanged but not for me, disconnect !! | 4 disconnect device because there is another
-| playing | hci other | 4 disconnect device because there is another | 4 DevicePropertyChanged but not for me, disconnect !!
+| accepted | mgmt | 4 DevicePropertyChanged but not for me, * | 4 disconnect device because *
+| playing | hci other | 4 disconnect device because * | 4 DevicePropertyChanged but not for me, *
 + anna is {state}
 - backend {backend}
 - phone add berta trusted

@@ -4,8 +4,8 @@
 == The phone that is {state} is dropped at {event}, and the stack stays
 for event, state, log, saved, ends
 | suspend | polling | 2 [!] ULMO IS SUSPENDING | | + the sound that was to come ends
-| shutdown | playing | 2 [!] ULMO IS SHUTTING DOWN: save status | + all is saved already | + the sound ends
-| reboot | accepted | 2 [!] ULMO IS REBOOTING: save status | + all is saved already |
+| shutdown | playing | 2 [!] ULMO IS SHUTTING DOWN: save status | + all is saved | + the sound ends
+| reboot | accepted | 2 [!] ULMO IS REBOOTING: save status | + all is saved |
 + anna is {state}
 - platform {event} power key
 {log}

@@ -83,7 +83,7 @@ everything ends
 + the service has stopped
 everything ends
 
-== The service stops while Bluetooth is being switched on, and a second request does not disturb that
+== The service stops while Bluetooth is being switched on, undisturbed by a second request
 with fault bluetoothd no-name
 with fault bluetoothd ignore-term
 + bluetoothd runs

@@ -2,13 +2,18 @@
 
 == Signals that have no meaning here, or come from strangers, change nothing
 + anna is playing
-- signal {anna} org.bluez.Device.PropertyChanged {s:Mood v:s:fine|s:Trusted v:b:false|s:Connected b:false||s:State v:s:disconnected}
-- signal {anna} org.bluez.AudioSource.PropertyChanged {s:State v:s:dreaming|s:State v:v:s:disconnected|s:Connected v:b:false}
-- signal {anna} org.bluez.{Device.DisconnectRequested|Audio.PropertyChanged s:State v:s:disconnected}
-- signal {berta} org.bluez.{Device.PropertyChanged s:Connected v:b:false|AudioSource.PropertyChanged s:State v:s:disconnected}
+- signal {anna} org.bluez.Device.PropertyChanged {s:Mood v:s:fine|s:Trusted v:b:false}
+- signal {anna} org.bluez.Device.PropertyChanged {s:Connected b:false||s:State v:s:disconnected}
+- signal {anna} org.bluez.AudioSource.PropertyChanged s:State {v:s:dreaming|v:v:s:disconnected}
+- signal {anna} org.bluez.AudioSource.PropertyChanged s:Connected v:b:false
+- signal {anna} org.bluez.{Device.DisconnectRequested|Audio.PropertyChanged s:State v:s:connected}
+- signal {berta} org.bluez.Device.PropertyChanged s:Connected v:b:false
+- signal {berta} org.bluez.AudioSource.PropertyChanged s:State v:s:disconnected
 nothing else
-- spoof {anna} org.bluez.{Device.PropertyChanged s:Connected v:b:false|AudioSource.PropertyChanged s:State v:s:connected}
-- spoof {berta} org.bluez.{Device.PropertyChanged s:Connected v:b:true|AudioSource.PropertyChanged s:State v:s:playing}
+- spoof {anna} org.bluez.Device.PropertyChanged s:Connected v:b:false
+- spoof {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:connected
+- spoof {berta} org.bluez.Device.PropertyChanged s:Connected v:b:true
+- spoof {berta} org.bluez.AudioSource.PropertyChanged s:State v:s:playing
 nothing else
 never 4 *PropertyChanged (*){*
 # She is played as before.
