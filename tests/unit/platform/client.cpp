@@ -1,6 +1,7 @@
 // A client of the host platform that does what its arguments say, for the tests beside it.
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QSocketNotifier>
 
 #include <errno.h>
 #include <signal.h>
@@ -41,7 +42,7 @@ int logFromSignals()
     return errnoChanged;
 }
 
-/** Tells what it is called with, and goes on at the next line of its standard input. */
+/** Tells what it is called with, and goes on at the next line of standard input. */
 class Feature : public UlmoFeatureBase
 {
 public:
@@ -55,7 +56,6 @@ private:
     void called(const char *event, const QString &reason)
     {
         printf("%s %s\n", event, qPrintable(reason));
-        fflush(stdout);
         getchar();
     }
 };
@@ -64,6 +64,7 @@ private:
 
 int main(int argc, char **argv)
 {
+    setvbuf(stdout, nullptr, _IONBF, 0);
     _logInterface = new LogInterface("/log");
     const QByteArray command = argv[1];
     if (command == "signals")
@@ -75,11 +76,12 @@ int main(int argc, char **argv)
     if (command == "events") {
         QCoreApplication application(argc, argv);
         Feature feature;
+        QSocketNotifier input(0, QSocketNotifier::Read);
+        QObject::connect(&input, &QSocketNotifier::activated, &QCoreApplication::quit);
         return application.exec();
     }
     Configuration configuration("/object");
     puts(configuration.isValid() ? "valid" : "invalid");
-    fflush(stdout);
     getchar(); // the test may do something meanwhile
     if (command == "write" && argc == 4)
         puts(configuration.WriteConfigValue("S", argv[2], argv[3], false) ? "written" : "failed");

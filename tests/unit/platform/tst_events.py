@@ -15,8 +15,7 @@ from jeepney.io.blocking import Proxy, open_dbus_connection
 CLIENT = sys.argv[1:]
 PATIENCE = 20  # seconds
 MANAGER = DBusAddress("/org/freedesktop/login1", interface="org.freedesktop.login1.Manager")
-# The kind in the metadata, which systemd has from 255 on; or the kind and the seconds of what is
-# scheduled; then what the feature is called with.
+# The kind in systemd's metadata, or that of what is scheduled, and in how many seconds; the call.
 EVENTS = (("poweroff", "", 0, "shutdown shutdown"), ("reboot", "", 0, "reboot reboot"),
           ("kexec", "", 0, "reboot reboot"), ("soft-reboot", "", 0, "reboot reboot"),
           ("", "reboot", 0, "reboot reboot"), ("", "reboot", -1, "reboot reboot"),
@@ -76,7 +75,6 @@ class Events(unittest.TestCase):
                                       "DBUS_SYSTEM_BUS_ADDRESS":
                                           os.environ["DBUS_SESSION_BUS_ADDRESS"]})
         self.addCleanup(client.communicate)
-        self.addCleanup(client.kill)
         return client
 
     def check_call(self, client, login: LoginManager, call: str, is_inhibited=True):
