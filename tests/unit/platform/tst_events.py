@@ -71,9 +71,7 @@ class Events(unittest.TestCase):
     def start(self):
         self.doCleanups()  # of the one before
         client = subprocess.Popen([*CLIENT, "events"], bufsize=0, stdin=subprocess.PIPE,
-                                  stdout=subprocess.PIPE, env=os.environ | {
-                                      "DBUS_SYSTEM_BUS_ADDRESS":
-                                          os.environ["DBUS_SESSION_BUS_ADDRESS"]})
+                                  stdout=subprocess.PIPE)
         self.addCleanup(client.communicate)
         return client
 
@@ -131,4 +129,5 @@ class Events(unittest.TestCase):
 
 
 if __name__ == "__main__":
+    os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = os.environ["DBUS_SESSION_BUS_ADDRESS"]
     unittest.main(argv=sys.argv[:1])
