@@ -20,7 +20,7 @@ from sound.source import Source, source_name
 SOCKET = "/run/product/stubs"
 PROGRAM_FOLDER = Path("/run/product/bin")
 REAL_PROGRAMS = "/run/product/host/bin/"
-PULSE_FOLDER = Path("/var/run/pulse")
+PULSE_PID = Path("/var/run/pulse/pid")
 DAEMONS = ("bluetoothd", "agent", "pulseaudio")
 LANES = {"bluetoothd": "bluez", "agent": "agent", "pulseaudio": "pulse", "pactl": "pulse"}
 #: PulseAudio's module for BlueZ 4, which Debian has no more: the product makes the phone's source.
@@ -227,8 +227,12 @@ class Programs:
             stub.end = {}
             stub.order("become", REAL_PROGRAMS + stub.name, os.environ.get("PRODUCT_ONE_GROUP", ""))
             return
-        PULSE_FOLDER.mkdir(exist_ok=True)
-        (PULSE_FOLDER / "pid").write_text(f"{stub.pid}\n")
+        # One that finds the number of another takes that for running, if anybody has it by now.
+        if PULSE_PID.exists():
+            stub.exit(1)
+            return
+        PULSE_PID.parent.mkdir(exist_ok=True)
+        PULSE_PID.write_text(f"{stub.pid}\n")
 
     def _run_sdptool(self, stub: Stub) -> None:
         command, *rest = stub.arguments
@@ -287,7 +291,7 @@ class Programs:
             self._bluez.stop_agent(orderly=True)
             self._agent = None
         elif stub is self._pulse:
-            (PULSE_FOLDER / "pid").unlink(missing_ok=True)
+            PULSE_PID.unlink(missing_ok=True)
         else:
             stub.end_by(signal.SIGTERM)
             return
