@@ -43,6 +43,7 @@ $ hciconfig hci0 down
 + the stack comes up
 # There was nobody to call, nor does anything wait for the sound any more.
 nothing else
+never 4 wait pulseaudio *
 + all is well again
 # The phone has another path now.
 - phone anna connect
