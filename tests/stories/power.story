@@ -45,6 +45,7 @@ settings bt-pid=4711
 + there is anna
 - phone add berta trusted
 - signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:disconnected
+--
 - platform suspend
 2 [!] ULMO IS SUSPENDING
 + nobody is played
