@@ -135,16 +135,16 @@ nothing else
 
 == A second phone is refused, and the first is not disturbed ({state}, {backend})
 for state, backend, first, second
-| accepted | mgmt | 4 DevicePropertyChanged but not for me, * | 4 disconnect device because *
-| playing | hci other | 4 disconnect device because * | 4 DevicePropertyChanged but not for me, *
+| accepted | mgmt | DevicePropertyChanged but not for me, disconnect !! | disconnect device *
+| playing | hci other | disconnect device because there is another | DevicePropertyChanged but *
 + anna is {state}
 - backend {backend}
 - phone add berta trusted
 - phone berta connect
-{first}
+4 {first}
 4 Disconnect {berta}
 > Device.Disconnect berta
-{second}
+4 {second}
 4 Disconnect {berta}
 > Device.Disconnect berta
 2 disconnectDevice {berta} error disconnectiong*

@@ -12,7 +12,7 @@
 - call RemoveDevice s:00:1A:7D:DA:71:13 => 1
 - call org.freedesktop.DBus.Introspectable.Introspect => *@Enable: out Enable or not*
 --
--! call {GetVolume|getStatus|SetPid i:1234|SetEnabled s:true|SetVolume u:40|SetEnabled} => *Unknown*
+-! call {GetVolume|getStatus|SetPid i:1234|SetEnabled s:true|SetVolume u:4|SetEnabled} => *UnknownM*
 -! call {bluezRestart|DevicePropertyChanged s:Connected v:b:true|deleteLater} => *UnknownMethod*
 -! call {com.orbitalis.ulmo.other|local.BluetoothManager}.GetStatus => *UnknownInterface*
 nothing else
