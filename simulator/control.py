@@ -201,7 +201,7 @@ class Control:
     def _service(self, words: Words, done: Done) -> str | None:
         service, what = self._product.service, words[1]
         if what == "kill":
-            service.kill(number_of(words))
+            service.kill(signal_number(words))
         elif what == "start" or what == "restart" and not service.is_running:
             service.start()
         else:
@@ -240,7 +240,7 @@ class Control:
         return ""
 
     def _kill(self, words: Words, _: Done) -> str:
-        self._product.programs.kill(words[1], number_of(words))
+        self._product.programs.kill(words[1], signal_number(words))
         return ""
 
     def _fault(self, words: Words, _: Done) -> str:
@@ -311,7 +311,7 @@ def of_bluez(act: Callable[[BlueZ, Words], str]) -> Callable[[Control, Words, Do
     return lambda control, words, done: act(control._product.bluez, words[1:])
 
 
-def number_of(words: Words) -> int:
+def signal_number(words: Words) -> int:
     """Of the signal in the third word, or of KILL."""
     return signal.Signals["SIG" + (words[2] if words[2:] else "KILL")]
 
