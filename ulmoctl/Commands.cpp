@@ -179,9 +179,8 @@ QVariant runsPulseAudio(const QDBusConnection &bus)
 }
 
 // The service does not send a value that was the last one, even if a phone has come since and plays
-// without it. So the value beside it is set first: nobody hears that of a volume, and of "mute"
-// only a blink, from a phone that is muted already. No phone begins muted: "unmute" has no need of
-// it.
+// without it. So the value beside it is set first. Nobody hears that of a volume; a phone that is
+// muted already is heard for a blink. None begins muted, so "unmute" is sent where it counts.
 Outcome setSound(const QDBusConnection &bus, const CommandLine &line)
 {
     const QVariant isApplied = runsPulseAudio(bus);
@@ -194,7 +193,7 @@ Outcome setSound(const QDBusConnection &bus, const CommandLine &line)
     if (outcome.exitStatus != Done)
         return outcome;
     outcome.details << jsonMember("applied", isApplied);
-    const char next[] = "the next to play begins unmuted, at full volume.";
+    const char next[] = "the next begins unmuted, at full volume.";
     if (!isApplied.isValid())
         outcome.text += QString(" If no phone plays, it is remembered: ") + next;
     else if (!isApplied.toBool())
