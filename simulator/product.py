@@ -13,6 +13,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
@@ -71,6 +72,11 @@ class Connection:
 
     def fileno(self) -> int:
         return self._socket.fileno()
+
+    def process(self) -> int:
+        """The number that the product's main program has on this side."""
+        credentials = self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 4)
+        return int.from_bytes(credentials, sys.byteorder)
 
     def close(self) -> None:
         self._socket.close()
