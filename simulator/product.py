@@ -13,6 +13,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
@@ -60,6 +61,24 @@ def connect(out: Path) -> "Connection":
         connection.close()
         raise Ended(f"no virtual product runs in {out}") from error
     return Connection(connection)
+
+
+def styled(text: str, style: str) -> str:
+    """Text in a style of ECMA-48, such as "31", where standard output can show it."""
+    plain = "NO_COLOR" in os.environ or os.environ.get("TERM") == "dumb" or not style
+    return text if plain or not sys.stdout.isatty() else f"\033[{style}m{text}\033[0m"
+
+
+def draw(out: Path) -> Answer:
+    """Draws the run in the folder out, and writes what the board has played, as far as both have
+    come. Says where they are."""
+    from sound.recording import FORMAT  # of which the prompt has no other need
+    shown = os.path.relpath(out) if out.resolve().is_relative_to(Path.cwd()) else out
+    commands: list[list] = [[LAUNCHER.parent / "timeline/write", out],
+                            ["sox", *FORMAT[:-1], out / "board.raw", out / "board.wav"]]
+    if not all([subprocess.run(command, check=False).returncode == 0 for command in commands]):
+        return Answer(False, f"not all of {shown} could be drawn", [])
+    return Answer(True, f"Timeline: {shown}/timeline.html\nSound:    {shown}/board.wav", [])
 
 
 class Connection:
