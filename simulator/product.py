@@ -22,7 +22,6 @@ from typing import Any, NamedTuple
 LAUNCHER = Path(__file__).resolve().parent / "virtual-product"
 #: Longer than anything takes that is going to happen, in seconds.
 PATIENCE = 60.0
-CANNOT_RUN = 77
 
 Entry = dict[str, Any]
 
@@ -43,8 +42,10 @@ class Ended(ProductError):
     """The product is not there, or has gone."""
 
 
-class CannotRun(ProductError):
-    """This machine does not allow the namespaces."""
+def check() -> int:
+    """0 where this machine allows a virtual product; else it says why not, and this is the exit
+    status for that."""
+    return subprocess.run([LAUNCHER, "--check"], check=False).returncode
 
 
 def connect(out: Path) -> "Connection":
@@ -146,8 +147,7 @@ class Product:
             if not self._launcher.stdout.readline():
                 # It has said why on its standard error, which is ours.
                 status = self._launcher.wait()
-                kind = CannotRun if status == CANNOT_RUN else ProductError
-                raise kind(f"virtual-product has ended with status {status}")
+                raise ProductError(f"virtual-product has ended with status {status}")
             self._open()
             for line in tell or []:
                 self.tell(line)
