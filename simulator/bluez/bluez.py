@@ -125,7 +125,8 @@ class BlueZ:
             # From where the virtual product was started.
             phone.audio = os.path.join(os.environ["PWD"], phone.audio)
             if why := why_unplayable(Path(phone.audio)):
-                raise Refused(why)
+                is_hidden = phone.audio.startswith("/tmp/")
+                raise Refused(why + "; the product's /tmp is another one" * is_hidden)
 
         self.phones[handle] = phone
         phone.stream_changed = self.stream_changed
