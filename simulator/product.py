@@ -22,7 +22,6 @@ from typing import Any, NamedTuple
 LAUNCHER = Path(__file__).resolve().parent / "virtual-product"
 #: Longer than anything takes that is going to happen, in seconds.
 PATIENCE = 60.0
-CANNOT_RUN = 77
 
 Entry = dict[str, Any]
 
@@ -43,8 +42,10 @@ class Ended(ProductError):
     """The product is not there, or has gone."""
 
 
-class CannotRun(ProductError):
-    """This machine does not allow the namespaces."""
+def check() -> int:
+    """0 where this machine allows a virtual product; else it says why not, and this is the exit
+    status for that."""
+    return subprocess.run([LAUNCHER, "--check"], check=False).returncode
 
 
 def connect(out: Path) -> "Connection":
@@ -61,6 +62,24 @@ def connect(out: Path) -> "Connection":
         connection.close()
         raise Ended(f"no virtual product runs in {out}") from error
     return Connection(connection)
+
+
+def styled(text: str, style: str) -> str:
+    """Text in a style of ECMA-48, such as "31", where standard output can show it."""
+    plain = "NO_COLOR" in os.environ or os.environ.get("TERM") == "dumb" or not style
+    return text if plain or not sys.stdout.isatty() else f"\033[{style}m{text}\033[0m"
+
+
+def draw(out: Path) -> Answer:
+    """Draws the run in the folder out, and writes what the board has played, as far as both have
+    come. Says where they are."""
+    from sound.recording import FORMAT  # of which the prompt has no other need
+    shown = os.path.relpath(out) if out.resolve().is_relative_to(Path.cwd()) else out
+    commands: list[list] = [[LAUNCHER.parent / "timeline/write", out],
+                            ["sox", *FORMAT[:-1], out / "board.raw", out / "board.wav"]]
+    if not all([subprocess.run(command, check=False).returncode == 0 for command in commands]):
+        return Answer(False, f"not all of {shown} could be drawn", [])
+    return Answer(True, f"Timeline: {shown}/timeline.html\nSound:    {shown}/board.wav", [])
 
 
 class Connection:
@@ -133,8 +152,7 @@ class Product:
             if not self._launcher.stdout.readline():
                 # It has said why on its standard error, which is ours.
                 status = self._launcher.wait()
-                kind = CannotRun if status == CANNOT_RUN else ProductError
-                raise kind(f"virtual-product has ended with status {status}")
+                raise ProductError(f"virtual-product has ended with status {status}")
             self._open()
             for line in tell or []:
                 self.tell(line)
