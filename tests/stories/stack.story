@@ -136,7 +136,7 @@ settings bt-enable=
 == Bluetooth comes back a second after its daemon ended, or when it is switched on before
 + Bluetooth is on
 - kill bluetoothd SEGV
-2 bluezDown down 11 crash
+2 bluezDown down * crash
 4 restart
 after 0.8 to 5 s
 + the stack is begun

@@ -32,7 +32,7 @@ nothing else
 == A daemon that ends while a phone's sound is to come takes the phone with it, and both come back
 + anna is polling
 - kill bluetoothd
-2 bluezDown down 9 crash
+2 bluezDown down * crash
 4 forceSyncDown
 $ hciconfig hci0 noscan
 4 forceSyncDown terminate agent
@@ -60,8 +60,8 @@ never 4 wait pulseaudio *
 2 disconnectDevice {anna} error disconnectiong 
 + anna is let go
 4 connectAudioSource {anna}
-2 connectAudioSource {anna} connected but error on it
-2 bluezDown down 9 crash
+2 connectAudioSource {anna} *error*
+2 bluezDown down * crash
 + Bluetooth is on
 + anna comes
 
