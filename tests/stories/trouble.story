@@ -41,8 +41,12 @@ $ hciconfig hci0 down
 + nobody is played
 4 restart
 + the stack comes up
-# There was nobody to call, nor does anything wait for the sound any more.
+# There was nobody to call.
 nothing else
+# Nor does anything wait for the sound any more, which is seen in the second until the next start.
+- kill bluetoothd
+4 restart
++ the stack comes up
 never 4 wait pulseaudio *
 + all is well again
 # The phone has another path now.
