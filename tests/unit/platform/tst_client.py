@@ -89,6 +89,7 @@ class Settings(unittest.TestCase):
                 ("[S]\nK=5 ; five\n", "5 ; five", None),
                 ("\n  [S]  \nK  =  Living Room #2\n", "Living Room #2", None),
                 ("[S]\nK=C:\\Audio=;\n", "C:\\Audio=;", None),
+                ("[S]\nK=\\sa\\tb\\\\n\\;\\x\\\n", " a\tb\\n\\;\\x\\", None),
                 ("[S]\nK=\n", "", None),
                 ("[S]\nK=1\n[X]\n[S]\nK=2", "2", 2),
                 ("\ufeff; Notiz\r\n[S]\r\n\r\nK=Küche\r\n", "Küche", None),
@@ -101,6 +102,7 @@ class Settings(unittest.TestCase):
                     "valid", "default 0" if text is None else f"{text} 1",
                     "77 0" if number is None else f"{number} 1"])
                 warning = f'2 /object settings file {self.path} [S] K: "{text}" is no integer'
+                warning = warning.replace("\t", " ")  # as in every line of the log
                 self.assertEqual(warning in logged, text is not None and number is None)
 
     def test_unusable(self):
