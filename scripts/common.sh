@@ -43,6 +43,7 @@ build() {
 build_package() {
     local folder=$1 architecture=$2 flags
     shift 2
+    debian_changelog > /dev/null # a missing entry is told now, not after minutes
     # Whatever the folder of the sources is called, the packages are the same.
     export DEB_CFLAGS_MAINT_APPEND="-ffile-prefix-map=$root=."
     export DEB_CXXFLAGS_MAINT_APPEND=$DEB_CFLAGS_MAINT_APPEND DEB_BUILD_MAINT_OPTIONS=hardening=+all
