@@ -189,12 +189,12 @@ int Configuration::ReadConfigValue(const QString &section, const QString &key, i
 {
     bool isThere = false;
     bool isInteger = false;
-    const QString text = ReadConfigValue(section, key, QString(), &isThere, flag);
-    const int number = text.toInt(&isInteger);
+    const QString stored = ReadConfigValue(section, key, QString(), &isThere, flag);
+    const int number = stored.toInt(&isInteger);
     if (isThere && !isInteger)
         d->log(2,
                QString("[%1] %2: \"%3\" is no integer, the default is used")
-                   .arg(section, key, text));
+                   .arg(section, key, stored));
     if (ok)
         *ok = isInteger;
     return isInteger ? number : defaultValue;
