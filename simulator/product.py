@@ -5,6 +5,7 @@
         product.await_line("@ BluetoothOn true")
 """
 
+import contextlib
 import json
 import os
 import re
@@ -159,7 +160,8 @@ class Product:
             if tell and not stopped:
                 self.tell("service start")
         except BaseException:
-            self.stop()
+            with contextlib.suppress(ProductError):
+                self.stop()
             raise
 
     @classmethod
@@ -222,8 +224,8 @@ class Product:
                 raise ProductError(f"did not happen within {timeout:g} s: {pattern}")
             self.follow(rest)
 
-    def stop(self) -> int:
-        """Ends it, when it is ours, with all that runs inside; returns its exit status."""
+    def stop(self) -> None:
+        """Ends it, when it is ours, with all that runs inside; ProductError when it failed."""
         status = 0
         if self._launcher:
             try:
@@ -236,4 +238,5 @@ class Product:
             self._launcher = None
         if self._own_out:
             shutil.rmtree(self._own_out, ignore_errors=True)
-        return status
+        if status:
+            raise ProductError(f"virtual-product has ended with status {status}")

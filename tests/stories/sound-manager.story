@@ -41,10 +41,9 @@ nothing else of 1 2
 
 == The refusal of an older request to stop, when a newer one was granted, is of no interest
 + there is anna
-- fault soundmanager refuse=3000
+- fault soundmanager refuse=8000 times=1
 - phone anna connect
 @ StopPlay bluetooth ""
-- fault clear soundmanager
 @ PlayBluetooth
 - phone anna leave
 + anna is gone
