@@ -73,7 +73,7 @@ class Phone:
         if not self.is_in_range:
             raise Refused(f"{self.handle} is out of range")
         if not self._adapter.is_ready:
-            raise Refused("the unit's radio is not ready")
+            raise Refused("the unit's Bluetooth is off, or not ready yet")
         if not self.device.is_link_up and not self._adapter.is_connectable:
             raise Refused("the unit is not connectable")
 
