@@ -4,6 +4,7 @@
 
 const GIVE_UP = /^[12] .*(so disconnect( device)?$|not possible to restart|service timeout)/;
 const SIGTERM = 15;
+const LATENCY = 2; // seconds; the loopback is late by 1 by default
 
 /** What an entry is flagged as, the worst first. */
 const TROUBLES = {
@@ -28,7 +29,7 @@ const STAGES = [
     [/^\* \S+ stream-open.*/, "the service did not take it up"],
     [/^4 load timer for reconnect.*/, "the service waited to connect it again"],
     [/^(4 try to start pulseaudio|\. pactl stat ended).*/, "PulseAudio did not answer"],
-    [/^\$ (pactl (stat|load-module .*))/, "\"$1\" did not end"],
+    [/^\$ (pactl (stat|load-module \S+)).*/, "\"$1\" did not end"],
     [/^[24] \/usr\/bin\/pactl load-module .*/, "no loopback was asked for"],
     [/^\. pactl .*-loopback .* (status [1-9]|signal).*/, "the loopback to its source was refused"],
     [/^@ ConnectAudioDevice/, "all was ready, but it did not start"],
@@ -238,9 +239,7 @@ class Run {
     }
 }
 
-function seconds(time) {
-    return `${time.toFixed(1)} s`;
-}
+const seconds = time => `${time.toFixed(1)} s`;
 
 /** How the run went. */
 function sentence(run, sound) {
@@ -271,25 +270,26 @@ function bluetoothClause({entries}) {
     return "Bluetooth never came on" + (cause ? `: "${cause.line.slice(2)}"${how}` : "");
 }
 
-function phoneClause(name, phone, {entries, end: last}, {bucket, peaks}) {
-    const spans = phone.lane.filter(({state}) => PLAYS[state]).map(
-        ({state, entry, end}) => ({state, start: entry.time, end: end ?? last}));
-    const heard = spans.filter(({state}) => state !== "unheard");
-    const texts = (heard.length > 0 ? heard : spans).map(
-        ({state, start, end}) => `${PLAYS[state]} from ${seconds(start)} to ${seconds(end)}`);
-    const text = `the phone ${name} ` + (texts.join(", ")
-        || (phone.wasLinked ? "connected but never played" : "never got a link"));
+function phoneClause(name, phone, run, {bucket, peaks}) {
+    const pieces = phone.lane.filter(({state}) => PLAYS[state]);
+    const heard = pieces.filter(({state}) => state !== "unheard");
+    const told = (heard.length > 0 ? heard : pieces).map(
+        ({state, entry, end = run.end}, at, all) => (
+            `${state === all[at - 1]?.state ? "and" : PLAYS[state]} from ${seconds(entry.time)} to `
+            + seconds(end))).join(", ");
+    const text = `the phone ${name} `
+        + (told || (phone.wasLinked ? "connected but never played" : "never got a link"));
     if (heard.length === 0) {
         const cause = phone.error || phone.stage;
         const closed = cause.endsWith("not connectable")
-            && entries.findLast(({line}) => CLOSED.test(line));
+            && run.entries.findLast(({line}) => CLOSED.test(line));
         return text + (cause && `: ${cause}`) + (closed ? ` ("${closed.line.slice(2)}")` : "");
     }
     const played = heard.filter(({state}) => state === "playing");
-    // The loopback is late by a second by default.
-    const isSilent = peaks.length > 0 && played.length > 0 && played.every(
-        ({start, end}) => !peaks.slice(Math.round(start / bucket), Math.round((end + 2) / bucket))
-            .some(peak => peak > 0));
+    const bucketOf = time => Math.round(time / bucket);
+    const isHeard = ({entry, end = run.end}) => peaks.slice(
+        bucketOf(entry.time), bucketOf(end + LATENCY)).some(peak => peak > 0);
+    const isSilent = peaks.length > 0 && played.length > 0 && !played.some(isHeard);
     return text + (isSilent ? ", but nothing was heard" : "");
 }
 

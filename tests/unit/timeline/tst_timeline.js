@@ -65,8 +65,9 @@ test("What went wrong first is the cause, and printed lines are folded", () => {
           + "audio; the phone berta connected but never played: the service held another phone"],
         [REFUSED.replace("1.8", "1.7 2 pactl module-alsa-sink <- 256\n 1.8"),
          `${never}module-alsa-sink did not load`],
-        [`${ARRIVAL}\n 1.9 $ pactl stat`, `${never}"pactl stat" did not end`],
-        [`${PLAYED}\n 3.0 . pactl set-source-output-mute 0 1 ended with status 0\n 4.0 * anna away`,
+        [`${ARRIVAL}\n 1.9 * berta link-up\n 1.9 $ pactl stat`, `${never}"pactl stat" did not end`],
+        [PLAYED.replace("2.0", "1.9 * berta link-up\n 2.0") + `
+            3.0 . pactl set-source-output-mute 0 1 ended with status 0\n 4.0 * anna away`,
          "the phone anna played from 2.2 s to 3.0 s, played muted from 3.0 s to 4.0 s"],
         ["1.0 1 error starting bluez\n 2.0 - phone anna connect\n 2.1 - error: no",
          'bluetooth never came on: "error starting bluez"; the phone anna never got a link: no'],
