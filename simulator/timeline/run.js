@@ -114,8 +114,9 @@ class Run {
             const last = this.entries.at(-1);
             // What is printed in one go is folded: the usage of kill has 40 lines at each start.
             if (entry.line[0] === "|" && last?.line[0] === "|") {
-                last.output = [...last.output ?? [last.line], entry.line];
-                last.line = `${last.output[0]} \u2026 (${last.output.length} lines)`;
+                last.output = `${last.output ?? last.line}\n${entry.line}`;
+                const lines = last.output.split("\n");
+                last.line = `${lines[0]} \u2026 (${lines.length} lines)`;
                 continue;
             }
             this.entries.push({...entry, number: this.entries.length, trouble: troubleOf(entry)});
