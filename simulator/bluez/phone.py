@@ -75,7 +75,7 @@ class Phone:
     def needs_unit(self) -> None:
         self._needs(self.is_in_range, "is out of range")
         if not self._adapter.is_ready:
-            raise Refused("the unit's radio is not ready")
+            raise Refused("the unit's Bluetooth is off, or not ready yet")
         if not self.device.is_link_up and not self._adapter.is_connectable:
             raise Refused("the unit is not connectable")
 

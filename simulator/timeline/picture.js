@@ -73,9 +73,7 @@ class Picture {
         this.drawMarks("log", 3, run.entries.filter(({line}) => /^[0-9|]/.test(line)));
         this.drawLane("pulseaudio", run.lanes.pulseaudio);
         this.drawLane("commands", run.lanes.commands);
-        const strip = this.strip(3);
-        for (const {entry} of run.lanes.commands.filter(({state}) => state === "running"))
-            this.label(strip, entry, entry.partner?.status ? 1 : 0);
+        this.drawCommands(run.entries.filter(({line}) => line[0] === "$"));
         this.drawMarks("control", 2, run.entries.filter(({lane}) => lane === "control"));
         this.drawSound();
         for (const strip of this.strips)
@@ -198,6 +196,27 @@ class Picture {
             this.label(strip, entry, importance, entry.trouble);
         }
         this.rule();
+    }
+
+    /** Each text stands right of a line from its bar, and is cut where the next such line is. */
+    drawCommands(entries) {
+        const ends = Array(3).fill(this.width); // of what is free to the left, in each row
+        const changes = entries.filter(({line}, at) => line !== entries[at - 1]?.line);
+        for (const entry of changes.reverse()) {
+            const x = this.x(entry.time);
+            let text = entry.line.slice(2);
+            const row = [pen.measureText(text).width + 8, 90].map(
+                room => ends.findIndex(end => end - x > room)).find(at => at >= 0);
+            if (row === undefined)
+                continue;
+            while (pen.measureText(text).width > ends[row] - x - 8)
+                text = `${text.slice(0, -2)}\u2026`;
+            const y = this.y + (row + 0.8) * ROW;
+            element(this.svg, "path", {class: "lead", d: `M${x},${this.y - 3} V${y}`});
+            this.mark("text", entry, {class: "label", x: x + 4, y}, text);
+            ends.fill(x, 0, row + 1);
+        }
+        this.y += ends.length * ROW;
     }
 
     drawSound() {

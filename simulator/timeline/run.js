@@ -4,6 +4,7 @@
 
 const GIVE_UP = /^[12] .*(so disconnect( device)?$|not possible to restart|service timeout)/;
 const SIGTERM = 15;
+const LATENCY = 2; // seconds; the loopback is late by 1 by default
 
 /** What an entry is flagged as, the worst first. */
 const TROUBLES = {
@@ -22,16 +23,36 @@ const STACK = {
     "4 forceSyncDown": "off",
 };
 
-/** Why the phone that connected last does not play, by the last such line. */
-const REASONS = [
-    [/^\* \S+ link-up/, "it never opened a stream"],
-    [/^\* \S+ stream-open/, "no loopback was asked for"],
-    [/^4 wait pulseaudio bluetooth/, "the loopback to its source was refused"],
-    [/^4 wait pulseaudio/, "PulseAudio did not answer"],
-    [/^2 connectAudioSource .* error/, "the service could not connect to its audio"],
-    [/^4 (disconnect device because|.* but not for me)/, "another phone was connected"],
+/** What a phone that has come so far waits for. */
+const STAGES = [
+    [/^\* \S+ link-up.*/, "it never opened a stream"],
+    [/^\* \S+ stream-open.*/, "the service did not take it up"],
+    [/^4 load timer for reconnect.*/, "the service waited to connect it again"],
+    [/^(4 try to start pulseaudio|\. pactl stat ended).*/, "PulseAudio did not answer"],
+    [/^\$ (pactl (stat|load-module \S+)).*/, "\"$1\" did not end"],
+    [/^[24] \/usr\/bin\/pactl load-module .*/, "no loopback was asked for"],
+    [/^\. pactl .*-loopback .* (status [1-9]|signal).*/, "the loopback to its source was refused"],
     [/^@ ConnectAudioDevice/, "all was ready, but it did not start"],
 ];
+
+/** What goes wrong with a phone. The first of these is the cause of what follows. */
+const ERRORS = [
+    [/^(- error|\* \S+ (no-link|not-paired|refused)): (.*)/, "$3"],
+    [/^2 connectAudioSource .* error.*/, "the service could not connect to its audio"],
+    [/^4 (disconnect device because|.* but not for me).*/, "the service held another phone"],
+    [/^2 problem starting pulseaudio.*/, "PulseAudio could not be started"],
+    [/^2 .*(module-\S+) .*/, "$1 did not load"],
+    [/^2 pulseaudio down.*/, "PulseAudio ended"],
+    [/^4 there is step to start pulseaudio.*/, "it was let go before its sound was linked"],
+];
+
+/** Why Bluetooth does not come on, and why it is on and lets nobody in. */
+const NOT_ON = /^(1|2 bluezDown|2 error (starting|connecting)) /;
+const CLOSED = /^2 (not possible to restart agent|error executing  hciconfig hci0 piscan)/;
+const SILENCER = /^\. pactl set-source-output-(\w+) 0 (\d+)%? ended with status 0$/;
+
+/** What a phone does in such a state. */
+const PLAYS = {playing: "played", muted: "played muted", unheard: "played unheard"};
 
 /** A key of TROUBLES; none for most entries. */
 function troubleOf({kind, lane, line, program, signal, status}) {
@@ -57,29 +78,59 @@ function enter(lane, state, entry) {
         lane.push({state, entry});
 }
 
+/** In the words of a line, what the first row says that fits it; empty when none does. */
+function explained(table, line) {
+    const [pattern, text] = table.find(([each]) => each.test(line)) ?? [/.*/, ""];
+    return line.replace(pattern, text);
+}
+
 class Phone {
     lane = [];
     state = null; // by its own word
-    isLinked = false; // the loopback to its source is in place
-    why = "never got a link"; // it does not play
+    sound = "unheard"; // its state when it plays
+    wasLinked = false; // by radio
+    stage = "";
+    error = "";
 
-    /** Only what can be heard plays. */
     enter(state, entry) {
         this.state = state;
-        enter(this.lane, state === "playing" && !this.isLinked ? "unheard" : state, entry);
+        enter(this.lane, state === "playing" ? this.sound : state, entry);
+    }
+
+    /** Of a line about it. What the product refuses says something of a phone that is away only. */
+    learn(line) {
+        if (/^(\* \S+ link-up|@ ConnectAudioDevice)/.test(line))
+            [this.wasLinked, this.error] = [true, ""];
+        this.stage = explained(STAGES, line) || this.stage;
+        if (line[0] !== "-" || !this.wasLinked)
+            this.error ||= explained(ERRORS, line);
     }
 }
 
 class Run {
     constructor(entries) {
-        this.entries = entries.map(
-            (entry, number) => ({...entry, number, trouble: troubleOf(entry)}));
+        this.entries = [];
+        for (const entry of entries.filter(({line}) => line !== "| ")) {
+            const last = this.entries.at(-1);
+            // What is printed in one go is folded: the usage of kill has 40 lines at each start.
+            if (entry.line[0] === "|" && last?.line[0] === "|") {
+                last.output = `${last.output ?? last.line}\n${entry.line}`;
+                const lines = last.output.split("\n");
+                last.line = `${lines[0]} \u2026 (${lines.length} lines)`;
+                continue;
+            }
+            this.entries.push({...entry, number: this.entries.length, trouble: troubleOf(entry)});
+        }
         this.end = entries.at(-1)?.time || 1; // second
         // Of pieces: an entry, the state from there on, and when that ended, if it did.
         this.lanes = {agent: [], bluetoothd: [], service: [], pulseaudio: [], commands: [],
                       product: this.entries.slice(0, 1).map(entry => ({state: "running", entry}))};
         this.phones = new Map();
-        this.lastPhone = null; // to get a link or a stream
+        this.devices = new Map(); // the phones by the end of their object path
+        this.named = null; // the phone that was spoken of last
+        this.held = null; // the phone for which the service has started PulseAudio
+        this.linked = null; // the phone whose loopback is in place
+        this.silenced = {}; // whether by "mute", by "volume"
         this.messages = []; // an entry, below which lane it goes, and whether downwards
         this.calls = new Map();
         // Nobody tells whose a sender's name was, but agents make no other calls than these.
@@ -101,11 +152,28 @@ class Run {
             this.readLog(entry);
         else if (entry.kind === "phone")
             this.readPhone(entry);
-        else if (/^- phone \S+ (connect|pair)\b/.test(entry.line))
-            this.phone(entry.line.split(" ")[2]);
-        const reason = REASONS.find(([pattern]) => pattern.test(entry.line));
-        if (reason && this.lastPhone)
-            this.lastPhone.why = `connected but never played: ${reason[1]}`;
+        else if (entry.lane === "control" && entry.kind !== "error")
+            this.named = /^- phone \S+ (connect|pair)/.test(entry.line)
+                ? this.phone(entry.line.split(" ")[2]) : null;
+        const isSound = /pulseaudio|pactl|AudioDevice/.test(entry.line);
+        (isSound ? this.held : this.named)?.learn(entry.line);
+        this.readSound(entry);
+    }
+
+    /** Of phones that play, the linked one is heard. */
+    readSound(entry) {
+        const [, by, value] = SILENCER.exec(entry.line) ?? [];
+        if (by)
+            this.silenced[by] = (by === "mute") === (value !== "0");
+        else if (entry.line === "@ ConnectAudioDevice")
+            this.linked = this.held;
+        else if (/^(@ DisconnectAudioDevice|\. pulseaudio )/.test(entry.line))
+            [this.linked, this.silenced] = [null, {}];
+        const isSilent = this.silenced.mute || this.silenced.volume;
+        for (const phone of this.phones.values()) {
+            phone.sound = phone !== this.linked ? "unheard" : isSilent ? "muted" : "playing";
+            phone.enter(phone.state, entry);
+        }
     }
 
     lane({program}) {
@@ -118,42 +186,30 @@ class Run {
         return this.phones.get(name);
     }
 
-    /** A call and its answer, a start and its end. */
-    pair(one, other) {
-        [one.partner, other.partner] = [other, one];
-    }
-
     readEnd(entry) {
         const lane = this.lane(entry);
         const start = lane.findLast(piece => piece.entry.pid === entry.pid);
         if (start) {
-            this.pair(start.entry, entry);
+            [start.entry.partner, entry.partner] = [entry, start.entry];
             (entry.program === "service" ? lane.at(-1) : start).end = entry.time;
         }
         if (entry.status || entry.trouble)
             lane.push({state: "failed", entry, end: entry.time});
-        if (entry.program === "pulseaudio")
-            this.linkSound(false, entry);
-    }
-
-    linkSound(isLinked, entry) {
-        for (const phone of this.phones.values()) {
-            phone.isLinked = isLinked && phone === this.lastPhone;
-            phone.enter(phone.state, entry);
-        }
     }
 
     readLog(entry) {
+        this.named = this.devices.get(/dev_(\w+)/.exec(entry.line)?.[1]) ?? this.named;
+        if (entry.line.startsWith("4 try to start pulseaudio"))
+            this.held = this.named;
         if (STACK[entry.line])
             enter(this.lanes.service, STACK[entry.line], entry);
         else if (entry.line === "1 error starting pulseaudio, so disconnect")
-            this.lastPhone?.enter("given-up", entry);
+            this.held?.enter("given-up", entry);
     }
 
     readPhone(entry) {
-        const phone = this.phone(entry.phone);
-        if (entry.state === "link-up" || entry.state === "stream-open")
-            this.lastPhone = phone;
+        const phone = this.named = this.phone(entry.phone);
+        this.devices.set(entry.path.split("dev_")[1], phone);
         const states = {"link-down": null, "stream-closed": "link-up"};
         phone.enter(entry.state in states ? states[entry.state] : entry.state, entry);
     }
@@ -161,14 +217,12 @@ class Run {
     readMessage(entry) {
         if (entry.interface === "org.freedesktop.DBus")
             return;
-        if (entry.line === "@ ConnectAudioDevice" || entry.line === "@ DisconnectAudioDevice")
-            this.linkSound(entry.line === "@ ConnectAudioDevice", entry);
         const call = this.calls.get(`${entry.bus} ${entry.destination} ${entry.replySerial}`);
         const message = call ? {entry, below: call.below, isDown: !call.isDown}
                              : {entry, ...this.wayOf(entry)};
         this.messages.push(message);
         if (call)
-            this.pair(call.entry, entry);
+            [call.entry.partner, entry.partner] = [entry, call.entry];
         else if (entry.kind === "call")
             this.calls.set(`${entry.bus} ${entry.sender} ${entry.serial}`, message);
     }
@@ -186,13 +240,13 @@ class Run {
     }
 }
 
-function seconds(time) {
-    return `${time.toFixed(1)} s`;
-}
+const seconds = time => `${time.toFixed(1)} s`;
 
 /** How the run went. */
 function sentence(run, sound) {
     const parts = Array.from(run.phones, ([name, phone]) => phoneClause(name, phone, run, sound));
+    if (run.lanes.service.length > 0 && !run.lanes.service.some(({state}) => state === "on"))
+        parts.unshift(bluetoothClause(run));
     for (const crash of run.entries.filter(({trouble}) => trouble === "crash"))
         parts.push(crashClause(crash, run));
     const last = run.entries.findLast(({program}) => program === "service");
@@ -209,21 +263,35 @@ function sentence(run, sound) {
     return text[0].toUpperCase() + text.slice(1) + ".";
 }
 
-function phoneClause(name, phone, run, sound) {
-    const spans = phone.lane.filter(({state}) => state === "playing").map(
-        ({entry, end}) => ({start: entry.time, end: end ?? run.end}));
-    if (spans.length === 0)
-        return `the phone ${name} ${phone.why}`;
-    const texts = spans.map(({start, end}) => `from ${seconds(start)} to ${seconds(end)}`);
-    const isSilent = sound.peaks.length > 0 && !spans.some(span => isHeard(sound, span));
-    return `the phone ${name} played ${texts.join(" and ")}`
-        + (isSilent ? ", but nothing was heard" : "");
+/** Why it never came on. */
+function bluetoothClause({entries}) {
+    const cause = entries.find(({line, partner}) => (
+        NOT_ON.test(line) || line[0] === "$" && !partner));
+    const how = cause?.kind === "start" ? " did not end" : "";
+    return "Bluetooth never came on" + (cause ? `: "${cause.line.slice(2)}"${how}` : "");
 }
 
-/** The loopback is late by a second by default. */
-function isHeard({bucket, peaks}, {start, end}) {
-    return peaks.slice(Math.round(start / bucket), Math.round((end + 2) / bucket))
-        .some(peak => peak > 0);
+function phoneClause(name, phone, run, {bucket, peaks}) {
+    const pieces = phone.lane.filter(({state}) => PLAYS[state]);
+    const heard = pieces.filter(({state}) => state !== "unheard");
+    const told = (heard.length > 0 ? heard : pieces).map(
+        ({state, entry, end = run.end}, at, all) => (
+            `${state === all[at - 1]?.state ? "and" : PLAYS[state]} from ${seconds(entry.time)} to `
+            + seconds(end))).join(", ");
+    const text = `the phone ${name} `
+        + (told || (phone.wasLinked ? "connected but never played" : "never got a link"));
+    if (heard.length === 0) {
+        const cause = phone.error || phone.stage;
+        const closed = cause.endsWith("not connectable")
+            && run.entries.findLast(({line}) => CLOSED.test(line));
+        return text + (cause && `: ${cause}`) + (closed ? ` ("${closed.line.slice(2)}")` : "");
+    }
+    const played = heard.filter(({state}) => state === "playing");
+    const bucketOf = time => Math.round(time / bucket);
+    const isHeard = ({entry, end = run.end}) => peaks.slice(
+        bucketOf(entry.time), bucketOf(end + LATENCY)).some(peak => peak > 0);
+    const isSilent = peaks.length > 0 && played.length > 0 && !played.some(isHeard);
+    return text + (isSilent ? ", but nothing was heard" : "");
 }
 
 function crashClause({line, program, time}, run) {
