@@ -49,7 +49,7 @@ build_package() {
     flags=$(dpkg-architecture -f -a "$architecture" -c dpkg-buildflags --export=sh 2> /dev/null)
     eval "$flags"
     export CFLAGS="$CFLAGS $CPPFLAGS" CXXFLAGS="$CXXFLAGS $CPPFLAGS"
-    build "$folder" virtual-product -DCMAKE_INSTALL_PREFIX=/usr \
+    build "$folder" packed -DCMAKE_INSTALL_PREFIX=/usr \
         -DULMO_SYSTEMD_UNIT_DIR=/lib/systemd/system "$@"
 }
 
