@@ -41,16 +41,18 @@ build() {
 
 # build_package FOLDER ARCHITECTURE [CMAKE-OPTION...]: builds what is packed, as Debian wants it.
 build_package() {
-    local folder=$1 architecture=$2 flags
+    local folder=$1 architecture=$2 flags units=/usr/lib/systemd/system
     shift 2
+    debian_changelog > /dev/null # a missing entry is told now, not after minutes
     # Whatever the folder of the sources is called, the packages are the same.
     export DEB_CFLAGS_MAINT_APPEND="-ffile-prefix-map=$root=."
     export DEB_CXXFLAGS_MAINT_APPEND=$DEB_CFLAGS_MAINT_APPEND DEB_BUILD_MAINT_OPTIONS=hardening=+all
     flags=$(dpkg-architecture -f -a "$architecture" -c dpkg-buildflags --export=sh 2> /dev/null)
     eval "$flags"
     export CFLAGS="$CFLAGS $CPPFLAGS" CXXFLAGS="$CXXFLAGS $CPPFLAGS"
+    ! grep -q '^VERSION_ID="12"' /etc/os-release || units=${units#/usr} # there its debhelper looks
     build "$folder" packed -DCMAKE_INSTALL_PREFIX=/usr \
-        -DULMO_SYSTEMD_UNIT_DIR=/lib/systemd/system "$@"
+        -DULMO_SYSTEMD_UNIT_DIR="$units" "$@"
 }
 
 # debian_changelog: CHANGELOG.md's entry for the version in CMakeLists.txt, as Debian writes it.

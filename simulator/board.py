@@ -45,12 +45,11 @@ def attach(source: str | Path, target: str | Path, kind: str = "", flags: int = 
         raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()), str(target))
 
 
-def lay_out(build: str, out: str, directory: str, began: float) -> None:
-    """From here on the machine is the board. The folders of the outside with these paths are seen
-    at their own places still; OSError when it is not allowed. began is when the run has, by
-    time.monotonic(), and the sound is told with it."""
+def lay_out(shown: list[str], began: float) -> None:
+    """From here on the machine is the board, but for the folders shown, first those of the build
+    and of what comes out. The run began then, by time.monotonic(). OSError: it is not allowed."""
     os.umask(0o022)  # the sound server, a user of its own, reads what is made here
-    make_fresh_folders([build, out, directory])
+    make_fresh_folders(shown)
     overlay = BOARD / "overlay"
     make_programs(overlay)
     make_settings(overlay / "etc", began)

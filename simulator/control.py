@@ -16,12 +16,12 @@ import socket
 import textwrap
 from typing import Any, Callable, Iterable, NamedTuple
 
-from bluez.bluez import BlueZ
+from bluez.bluez import OPTIONS, BlueZ
 from bluez.phone import VERBS
 from core import loop
 from core.bus import Reply
 from core.faults import PROGRAMS, TARGETS, behaviours_of
-from core.journal import to_json
+from core.journal import Journal, to_json
 from core.words import Refused, typed, unknown_word
 from virtualproduct import VirtualProduct
 
@@ -32,12 +32,33 @@ EVENTS = {"suspend": "PowerSuspend", "shutdown": "PowerShutdown", "reboot": "Pow
           "supervisor-end": "SupervisorShutdown"}
 SIGNALS = ("HUP", "INT", "QUIT", "ABRT", "KILL", "SEGV", "TERM", "STOP", "CONT", "USR1")
 
+BUSY = "a start or stop of Bluetooth is in progress"
+NO_BLUEZ = "BlueZ cannot be asked, is Bluetooth on?"
+#: The methods that have a command: what is called, and what status 1 means.
+METHODS = {"enable": ("SetEnabled b:true", BUSY), "disable": ("SetEnabled b:false", BUSY),
+           "pin": ("SetPid s:{}", "the PIN must be four digits"),
+           "volume": ("SetVolume i:{}", ""), "mute": ("SetMute i:{}", ""),
+           "disconnect": ("DisconnectDevice", "no phone is connected"),
+           "forget": ("RemoveDevice s:{}", NO_BLUEZ), "forget all": ("RemoveAllDevices", NO_BLUEZ)}
+
+
+def described(usage: str, help: str) -> str:
+    """Two columns of a terminal of 80."""
+    text = textwrap.fill(help, 79, initial_indent=" " * 30, subsequent_indent=" " * 30,
+                         break_on_hyphens=False)
+    return usage.ljust(30) + text[30:] if len(usage) < 30 else f"{usage}\n{text}"
+
+
 #: What there is to say of each topic beside its commands.
 TOPICS = {
     "service": "The service, over D-Bus and as a process",
-    "phones": "Phones",
+    "phones": "\n".join([
+        "Phones", described("  phone add NAME [OPTION...]", "another one is around"),
+        *(described(f"    {option}", help) for option, help in OPTIONS.items()),
+        "  phone NAME VERB",
+        *(described(f"    {name} {verb.argument}", verb.help) for name, verb in VERBS.items())]),
     "faults": """\
-Programs: bluetoothd agent hciconfig sdptool modprobe connmanctl pulseaudio pactl
+Of bluetoothd agent hciconfig sdptool modprobe connmanctl pulseaudio pactl
   fault PROGRAM[:ARGUMENT] exit=STATUS|hang|crash|ignore-term|delay=MS
         at each start with ARGUMENT in the command line
   fault PROGRAM missing       as if it were not installed
@@ -54,6 +75,7 @@ Any of them that counts
 Words = list[str]
 #: Answers a line, with the parameters of Control.tell.finish.
 Done = Callable[..., None]
+LATER = object()
 
 
 class Command(NamedTuple):
@@ -62,16 +84,8 @@ class Command(NamedTuple):
     #: or may be anything.
     parameters: str
     help: str
-    #: Returns its answer, or None when Done gets that later. None: only at the prompt.
-    act: Callable[[Control, Words, Done], str | None] | None
-
-
-class Place(NamedTuple):
-    """Where a word stands in a line."""
-
-    what: str
-    known: list[str]
-    is_free: bool  # something else may stand there
+    #: Returns its answer, if it has one, or LATER when Done gets that. None: only at the prompt.
+    act: Callable[[Control, Words, Done], object] | None
 
 
 class Control:
@@ -81,7 +95,8 @@ class Control:
         self._socket = socket.socket(socket.AF_UNIX)
         self._socket.bind(path)
         self._socket.listen()
-        loop.watch(self._socket, lambda: Client(self, self._socket.accept()[0]))
+        loop.watch(self._socket,
+                   lambda: Client(self, product.journal, self._socket.accept()[0]))
 
     def tell(self, line: str, send: Callable[[dict], None]) -> None:
         """Carries out a line, which then stands in the journal. send gets the answer, now or
@@ -100,15 +115,8 @@ class Control:
         except Refused as refusal:
             finish(str(refusal), ok=False)
             return
-        if text is not None:
-            finish(text)
-
-    def follow(self, send: Callable[[bytes], None]) -> Callable[[], None]:
-        """Sends every entry of the journal, from the first on, until what it returns is called."""
-        for entry in self._product.journal.contents().splitlines():
-            send(entry)
-        self._product.journal.listeners.append(send)
-        return lambda: self._product.journal.listeners.remove(send)
+        if text is not LATER:
+            finish(str(text or ""))
 
     def _words(self, line: str) -> Words:
         """Those of the line, which fit the table of commands."""
@@ -117,6 +125,8 @@ class Control:
         except ValueError as error:
             raise Refused("a quote is not closed") from error
         name = words[0] if words else ""
+        if name in COMMANDS and words[-1] == "help":
+            return ["help", name]
         if name not in COMMANDS:
             raise unknown_word("command", name, COMMANDS)
         if not COMMANDS[name].act:
@@ -125,18 +135,20 @@ class Control:
         places = parameters.split()
         if (len(words) <= len(places) - parameters.count("[")
                 or len(words) > len(places) + 1 and not parameters.endswith("...]")):
-            raise Refused(f"usage: {name} {parameters}".strip())
+            raise Refused(f"usage: {name} {parameters}".strip() + f'; "help {name}" says more')
         for number, word in enumerate(words[1:], 1):
-            place = self._place_after(words[:number])
-            if not place.is_free and word not in place.known:
-                raise unknown_word(place.what, word, place.known)
+            what, known, is_free = self._place_after(words[:number])
+            if not is_free and word not in known:
+                raise unknown_word(what, word, known)
         return words
 
-    def _place_after(self, words: Words) -> Place:
+    def _place_after(self, words: Words) -> tuple[str, Words, bool]:
+        """What comes next, what is known of that, and whether it may be something else."""
         first = words[1] if len(words) > 1 else ""
         lists: dict[str, Iterable[str]] = {
             "COMMAND": COMMANDS, "TOPIC": TOPICS, "SIGNAL": SIGNALS,
             "PHONE": self._product.bluez.phones, "VERB": () if first == "add" else VERBS,
+            "OPTION": OPTIONS if first == "add" else (),
             "PROGRAM": PROGRAMS, "TARGET": TARGETS,
             "BEHAVIOUR": TARGETS if first == "clear" else behaviours_of(first),
             "EVENT": (*EVENTS, *(f"spoof-{event}" for event in EVENTS))}
@@ -144,6 +156,8 @@ class Control:
         if words:
             command = COMMANDS.get(words[0])
             places = command.parameters.split() if command else []
+            if command and command.parameters.endswith("...]"):
+                places += places[-1:] * len(words)
             alternatives = "".join(places[len(words) - 1:len(words)])
         what, is_free = " ".join([*words[:1], "command"]), "..." in alternatives
         known: list[str] = []
@@ -155,28 +169,26 @@ class Control:
                 known.append(word)
             else:
                 is_free = True
-        return Place(what, known, is_free or "bluez:" in known)
+        return what, known, is_free or "bluez:" in known
 
     def complete(self, line: str) -> Words:
         """What the last word of the unfinished line may become."""
         *words, begun = (line + " ").split(" ")[:-1] if not line.endswith(" ") else line.split(" ")
-        known = self._place_after([word for word in words if word]).known
+        _, known, _ = self._place_after([word for word in words if word])
         # Of "exit=STATUS" all that is no example.
         fitting = (re.sub(r"\[?=.*", "=", word) for word in known)
         return sorted(word for word in fitting if word.startswith(begun))
 
     # ---- the service
 
-    def _status(self, _: Words, done: Done) -> None:
-        def say(text: str, ok: bool = True, values: Iterable[Any] = ()) -> None:
-            if ok:
-                _, enabled, is_on, pin = values
-                text = (f"Bluetooth is {'on' if is_on else 'off'} and "
-                        f"{'enabled' if enabled else 'disabled'}; the PIN is {pin}")
-            done(text, ok, values)
-        self._call(["call", "GetStatus"], say)
+    def _status(self, _: Words, done: Done) -> object:
+        return self._call(
+            ["call", "GetStatus"], done, lambda status, enabled, is_on, pin:
+                f"Bluetooth is {'on' if is_on else 'off'} and "
+                f"{'enabled' if enabled else 'disabled'}; the PIN is {pin}")
 
-    def _call(self, words: Words, done: Done) -> None:
+    def _call(self, words: Words, done: Done,
+              describe: Callable[..., str] = lambda *values: to_json(values)) -> object:
         signature, values = typed(words[2:])
         method = words[1] if "." in words[1] else f"{INTERFACE}.{words[1]}"
 
@@ -184,21 +196,21 @@ class Control:
             if reply.error:
                 done(f"{reply.error}: {reply.text}", ok=False)
             else:
-                done(to_json(reply.values), values=reply.values)
+                done(describe(*reply.values), values=reply.values)
         self._bus("session", "caller").call(SERVICE, OBJECT, method, signature, values, answered)
+        return LATER
 
-    def _call_short(self, words: Words, done: Done) -> None:
+    def _call_short(self, words: Words, done: Done) -> object:
         name, *value = words
         if name in ("volume", "mute") and not re.fullmatch("-?[0-9]+", value[0]):
             raise Refused(f"{name} wants a number")
-        method = {"enable": "SetEnabled b:true", "disable": "SetEnabled b:false",
-                  "pin": "SetPid s:", "volume": "SetVolume i:", "mute": "SetMute i:",
-                  "disconnect": "DisconnectDevice",
-                  "forget": "RemoveAllDevices" if value == ["all"] else "RemoveDevice s:"}[name]
-        argument = value if method.endswith(":") else []
-        self._call(["call", *("".join([method, *argument])).split(" ", 1)], done)
+        method, refusal = METHODS.get(" ".join(words)) or METHODS[name]
+        meanings = {0: "done, or nothing to do", 1: refusal}
+        return self._call(
+            ["call", *method.format(*value).split(" ", 1)], done, lambda status:
+                f"{status}: {meanings.get(status) or 'the wait status of what failed'}")
 
-    def _service(self, words: Words, done: Done) -> str | None:
+    def _service(self, words: Words, done: Done) -> object:
         service, what = self._product.service, words[1]
         if what == "kill":
             service.kill(signal_number(words))
@@ -206,65 +218,43 @@ class Control:
             service.start()
         else:
             service.kill(signal.SIGTERM)
-            service.when_ended.append(lambda how: done(f"it has ended {how}")
-                                      if what == "stop" else self._start_again(done))
-            return None
-        return ""
-
-    def _start_again(self, done: Done) -> None:
-        try:
-            self._product.service.start()
-        except Refused as refusal:
-            done(str(refusal), ok=False)
-        else:
-            done()
+            service.when_ended.append(lambda how: done(
+                f"it has ended {how}" if what == "stop" else service.start() or ""))
+            return LATER
+        return None
 
     # ---- phones, programs and their faults
 
-    def _timescale(self, words: Words, _: Done) -> str:
-        try:
-            scale = float(words[1])
-        except ValueError:
-            scale = 0.0
-        if not 0 < scale < float("inf"):
+    def _timescale(self, words: Words, _: Done) -> None:
+        if not re.fullmatch(r"\d*\.?\d+", words[1]) or not float(words[1]):
             raise Refused("timescale wants a number above 0")
-        loop.time_scale = scale
-        return ""
+        loop.time_scale = float(words[1])
 
-    def _spoof(self, words: Words, _: Done) -> str:
-        to = words.pop(1)[3:] if words[1].startswith("to=") else ""
-        if len(words) < 3:
-            raise Refused(f"usage: spoof {COMMANDS['spoof'].parameters}")
-        if not self._bus("system", "spoofer").emit(words[1], words[2], *typed(words[3:]), to):
-            raise Refused("this cannot be sent")
-        return ""
+    def _spoof(self, words: Words, _: Done) -> None:
+        self._bus("system", "spoofer").emit(words[1], words[2], *typed(words[3:]))
 
-    def _kill(self, words: Words, _: Done) -> str:
+    def _kill(self, words: Words, _: Done) -> None:
         self._product.programs.kill(words[1], signal_number(words))
-        return ""
 
-    def _fault(self, words: Words, _: Done) -> str:
+    def _fault(self, words: Words, _: Done) -> None:
         if words[1] == "clear":
             self._product.faults.clear("".join(words[2:3]))
         else:
             self._product.faults.add(words[1:])
         self._product.programs.update_presence()
         self._product.sound_manager.update_presence()
-        return ""
 
     # ---- the rest of the product
 
-    def _platform(self, words: Words, _: Done) -> str:
+    def _platform(self, words: Words, _: Done) -> None:
         event = words[1].removeprefix("spoof-")
         sender = self._bus("session", "platform" if event == words[1] else "stranger")
         reason = [] if event == "supervisor-end" else [" ".join(words[2:])]
         sender.emit("/com/orbitalis/ulmo/platform",
                     f"com.orbitalis.ulmo.platformevents.{EVENTS[event]}", "s" * len(reason), reason)
-        return ""
 
-    def _bus_command(self, words: Words, _: Done) -> str:
+    def _bus_command(self, words: Words, _: Done) -> None:
         (self._product.kill_bus if words[2] == "kill" else self._product.start_bus)(words[1])
-        return ""
 
     def _bus(self, bus: str, name: str):
         try:
@@ -279,9 +269,6 @@ class Control:
         entries = map(json.loads, self._product.journal.contents().splitlines()[-int(count):])
         return "\n".join(f"{entry['time']:9.3f} {entry['line']}" for entry in entries)
 
-    def _note(self, words: Words, _: Done) -> str:
-        return ""  # as every line, it stands in the journal already
-
     def _help(self, words: Words, _: Done) -> str:
         wanted = words[1] if words[1:] else "help"
         topic = COMMANDS[wanted].topic if wanted in COMMANDS else wanted
@@ -292,22 +279,16 @@ class Control:
                 for name, command in commands.items() if command.help)])
         return "\n".join(
             ['The product can be told this; "help TOPIC" or "help COMMAND" says more.']
-            + [" ".join([f"  {topic:9}", *(name for name, command in COMMANDS.items()
-                                           if command.topic == topic)]) for topic in TOPICS])
+            + [textwrap.fill(" ".join(name for name, command in COMMANDS.items()
+                                      if command.topic == topic), 79,
+                             initial_indent=f"  {topic:8}", subsequent_indent=" " * 10)
+               for topic in TOPICS])
 
-    def _quit(self, _: Words, done: Done) -> None:
-        done()
+    def _quit(self, _: Words, __: Done) -> None:
         self._product.quit()
 
 
-def described(usage: str, help: str) -> str:
-    """Two columns of a terminal of 80."""
-    text = textwrap.fill(help, 79, initial_indent=" " * 30, subsequent_indent=" " * 30,
-                         break_on_hyphens=False)
-    return usage.ljust(30) + text[30:] if len(usage) < 30 else f"{usage}\n{text}"
-
-
-def of_bluez(act: Callable[[BlueZ, Words], str]) -> Callable[[Control, Words, Done], str]:
+def of_bluez(act: Callable[[BlueZ, Words], object]) -> Callable[[Control, Words, Done], object]:
     return lambda control, words, done: act(control._product.bluez, words[1:])
 
 
@@ -330,8 +311,7 @@ COMMANDS = {
                     "any method; types s i u b o as v, as in v:b:true", Control._call),
     "service": Command("service", "start|stop|restart|kill [SIGNAL]",
                        "the process; KILL without a signal", Control._service),
-    "phone": Command("phones", "add|PHONE VERB|NAME [...]", '"phone NAME help" lists the verbs',
-                     of_bluez(BlueZ.tell_phone)),
+    "phone": Command("phones", "add|PHONE VERB|NAME [OPTION...]", "", of_bluez(BlueZ.tell_phone)),
     "phones": Command("phones", "", "all of them", of_bluez(BlueZ.describe_phones)),
     "fault": Command("faults",
                      "clear|bluez:|TARGET [BEHAVIOUR...] [times=N|after=N...]", "", Control._fault),
@@ -344,19 +324,19 @@ COMMANDS = {
     "signal": Command("bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]",
                       "from BlueZ, which means nothing by it", of_bluez(BlueZ.send_signal)),
     "spoof": Command("bluez", "PATH INTERFACE.SIGNAL [TYPE:VALUE...]",
-                     "the same from a stranger; to=BUSNAME before PATH: to one peer",
-                     Control._spoof),
+                     "the same from a stranger", Control._spoof),
     "platform": Command("product", "EVENT [REASON...]",
                         "suspend, shutdown, reboot, supervisor-end; spoof-suspend and so on: "
                         "the same from a stranger", Control._platform),
     "bus": Command("product", "session|system kill|start",
                    "only the product's own services get back to it", Control._bus_command),
     "journal": Command("product", "[N]", "the last N entries", Control._journal),
-    "note": Command("product", "[TEXT...]", "for the journal alone", Control._note),
+    "note": Command("product", "[TEXT...]", "for the journal alone", lambda *_: None),
     "help": Command("product", "[TOPIC|COMMAND]", "", Control._help),
     "quit": Command("product", "", "ends all", Control._quit),
     "follow": Command("product", "", "the journal as it goes on", None),
     "unfollow": Command("product", "", "no more of it", None),
+    "draw": Command("product", "", "timeline and sound, as far as it has come", None),
     "ulmoctl": Command("product", "[...]", "this program, on the product's buses", None),
     "busctl": Command("product", "[...]", "the same", None)}
 
@@ -364,12 +344,12 @@ COMMANDS = {
 class Client:
     """Somebody at the control socket."""
 
-    def __init__(self, control: Control, connection: socket.socket) -> None:
+    def __init__(self, control: Control, journal: Journal, connection: socket.socket) -> None:
         self._control = control
+        self._journal = journal
         self._socket = connection
         self._received = b""
         self._to_send = bytearray()
-        self._unfollow: list[Callable[[], None]] = []
         connection.setblocking(False)
         loop.watch(connection, self._read)
 
@@ -385,14 +365,16 @@ class Client:
             self._close()
 
     def _close(self) -> None:
-        for unfollow in self._unfollow:
-            unfollow()
+        if self._send in self._journal.listeners:
+            self._journal.listeners.remove(self._send)
         loop.forget(self._socket)
         self._socket.close()
 
     def _take(self, request: dict) -> None:
         if "follow" in request:
-            self._unfollow.append(self._control.follow(self._send))
+            for entry in self._journal.contents().splitlines():
+                self._send(entry)
+            self._journal.listeners.append(self._send)
         elif "complete" in request:
             self._send(to_json({"words": self._control.complete(request["complete"])}).encode())
         else:

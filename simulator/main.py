@@ -17,16 +17,16 @@ def main() -> None:
     began = time.monotonic()
     # Of this program alone.
     told = {name: os.environ.pop(f"PRODUCT_{name}", "")
-            for name in ("SERVICE", "PULSE", "ENVIRONMENT", "UNDER", "BUILD", "OUT", "DIRECTORY")}
+            for name in "BUILD OUT DIRECTORY TREE PROGRAM SERVICE ENVIRONMENT UNDER PULSE".split()}
     if not told["SERVICE"] or os.getppid() != 1:
         sys.exit("this program works inside of its namespaces only; start virtual-product")
     try:
-        lay_out(told["BUILD"], told["OUT"], told["DIRECTORY"], began)
+        lay_out([told["BUILD"], told["OUT"], told["DIRECTORY"], told["TREE"]], began)
     except OSError as error:
         print(f"mount {error.filename}: {error.strerror}")
         return
     try:
-        product = VirtualProduct(began, told["PULSE"] == "real",
+        product = VirtualProduct(began, told["PULSE"] == "real", told["PROGRAM"],
                                  told["ENVIRONMENT"].splitlines(), told["UNDER"])
         Control(product, f"{OUT}/control")
         if told["SERVICE"] == "start":

@@ -5,6 +5,7 @@
         product.await_line("@ BluetoothOn true")
 """
 
+import contextlib
 import json
 import os
 import re
@@ -13,6 +14,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
@@ -21,7 +23,6 @@ from typing import Any, NamedTuple
 LAUNCHER = Path(__file__).resolve().parent / "virtual-product"
 #: Longer than anything takes that is going to happen, in seconds.
 PATIENCE = 60.0
-CANNOT_RUN = 77
 
 Entry = dict[str, Any]
 
@@ -42,8 +43,10 @@ class Ended(ProductError):
     """The product is not there, or has gone."""
 
 
-class CannotRun(ProductError):
-    """This machine does not allow the namespaces."""
+def check() -> int:
+    """0 where this machine allows a virtual product; else it says why not, and this is the exit
+    status for that."""
+    return subprocess.run([LAUNCHER, "--check"], check=False).returncode
 
 
 def connect(out: Path) -> "Connection":
@@ -62,6 +65,24 @@ def connect(out: Path) -> "Connection":
     return Connection(connection)
 
 
+def styled(text: str, style: str) -> str:
+    """Text in a style of ECMA-48, such as "31", where standard output can show it."""
+    plain = "NO_COLOR" in os.environ or os.environ.get("TERM") == "dumb" or not style
+    return text if plain or not sys.stdout.isatty() else f"\033[{style}m{text}\033[0m"
+
+
+def draw(out: Path) -> Answer:
+    """Draws the run in the folder out, and writes what the board has played, as far as both have
+    come. Says where they are."""
+    from sound.recording import FORMAT  # of which the prompt has no other need
+    shown = os.path.relpath(out) if out.resolve().is_relative_to(Path.cwd()) else out
+    commands: list[list] = [[LAUNCHER.parent / "timeline/write", out],
+                            ["sox", *FORMAT[:-1], out / "board.raw", out / "board.wav"]]
+    if not all([subprocess.run(command, check=False).returncode == 0 for command in commands]):
+        return Answer(False, f"not all of {shown} could be drawn", [])
+    return Answer(True, f"Timeline: {shown}/timeline.html\nSound:    {shown}/board.wav", [])
+
+
 class Connection:
     """The control socket: one JSON object per line both ways."""
 
@@ -71,6 +92,11 @@ class Connection:
 
     def fileno(self) -> int:
         return self._socket.fileno()
+
+    def process(self) -> int:
+        """The number that the product's main program has on this side."""
+        credentials = self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 4)
+        return int.from_bytes(credentials, sys.byteorder)
 
     def close(self) -> None:
         self._socket.close()
@@ -127,15 +153,15 @@ class Product:
             if not self._launcher.stdout.readline():
                 # It has said why on its standard error, which is ours.
                 status = self._launcher.wait()
-                kind = CannotRun if status == CANNOT_RUN else ProductError
-                raise kind(f"virtual-product has ended with status {status}")
+                raise ProductError(f"virtual-product has ended with status {status}")
             self._open()
             for line in tell or []:
                 self.tell(line)
             if tell and not stopped:
                 self.tell("service start")
         except BaseException:
-            self.stop()
+            with contextlib.suppress(ProductError):
+                self.stop()
             raise
 
     @classmethod
@@ -198,8 +224,8 @@ class Product:
                 raise ProductError(f"did not happen within {timeout:g} s: {pattern}")
             self.follow(rest)
 
-    def stop(self) -> int:
-        """Ends it, when it is ours, with all that runs inside; returns its exit status."""
+    def stop(self) -> None:
+        """Ends it, when it is ours, with all that runs inside; ProductError when it failed."""
         status = 0
         if self._launcher:
             try:
@@ -212,4 +238,5 @@ class Product:
             self._launcher = None
         if self._own_out:
             shutil.rmtree(self._own_out, ignore_errors=True)
-        return status
+        if status:
+            raise ProductError(f"virtual-product has ended with status {status}")

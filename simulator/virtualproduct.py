@@ -14,18 +14,18 @@ from processes.soundmanager import SoundManager
 from sound.source import Source
 
 OUT = "/run/product/out"
-SERVICE = "/run/product/build/service/bluetoothmanager"
 SERVICE_PATIENCE = 20  # seconds until its end
 
 
 class VirtualProduct:
-    def __init__(self, began: float, real_pulse: bool, environment: list[str], under: str) -> None:
-        """Starts everything but the service, for whose environment and under see Service."""
+    def __init__(self, began: float, real_pulse: bool, program: str, environment: list[str],
+                 under: str) -> None:
+        """Starts everything but the service, for which the last three see Service."""
         self.journal = Journal(f"{OUT}/journal.jsonl", began)
         self.faults = Faults()
         self.buses = buses.Buses(OUT)
         self.bluez = BlueZ(self.journal, self.faults, buses.address("system"))
-        self.service = Service(self.journal, SERVICE, environment, under)
+        self.service = Service(self.journal, program, environment, under)
         self.sound_manager = SoundManager(self.faults, self.buses)
         self._monitors = {"session": BusMonitor("session", self.journal, lambda path: path),
                           "system": BusMonitor("system", self.journal, self.bluez.short_name)}

@@ -31,18 +31,20 @@ namespace {
 const char Busy[] = "a start or stop is in progress, try again in a moment";
 
 const Command Commands[] = {
-    {"status", nullptr, nullptr, "GetStatus", "", "the service has no status"},
-    {"on", nullptr, "--wait", "SetEnabled", "", Busy},
-    {"off", nullptr, nullptr, "SetEnabled", "Bluetooth is off.", Busy},
-    {"pin", "the new PIN", nullptr, "SetPid", "The PIN is %1.", "the PIN must be four digits"},
-    {"volume", "a level from 0 to 100", nullptr, "SetVolume", "The volume is set.", nullptr},
-    {"mute", nullptr, nullptr, "SetMute", "The sound is muted.", nullptr},
-    {"unmute", nullptr, nullptr, "SetMute", "The sound is not muted.", nullptr},
-    {"disconnect", nullptr, nullptr, "DisconnectDevice", "The device has been told to disconnect.",
-     "no device is connected"},
-    {"forget", "the address of a device, or --all", "--all", "RemoveDevice",
+    {"status", nullptr, nullptr, "GetStatus", QVariant(), "", "the service has no status"},
+    {"on", nullptr, "--wait", "SetEnabled", true, "", Busy},
+    {"off", nullptr, nullptr, "SetEnabled", false, "Bluetooth is off.", Busy},
+    {"pin", "the new PIN", nullptr, "SetPid", QVariant(), "The PIN is %1.",
+     "the PIN must be four digits"},
+    {"volume", "a level from 0 to 100", nullptr, "SetVolume", QVariant(), "The volume is set.",
+     nullptr},
+    {"mute", nullptr, nullptr, "SetMute", 1, "The sound is muted.", nullptr},
+    {"unmute", nullptr, nullptr, "SetMute", 0, "The sound is not muted.", nullptr},
+    {"disconnect", nullptr, nullptr, "DisconnectDevice", QVariant(),
+     "The device has been told to disconnect.", "no device is connected"},
+    {"forget", "the address of a device, or --all", "--all", "RemoveDevice", QVariant(),
      "BlueZ has been told to forget %1.", "BlueZ cannot be asked, is Bluetooth on?"},
-    {"watch", nullptr, nullptr, nullptr, "", ""},
+    {"watch", nullptr, nullptr, nullptr, QVariant(), "", ""},
 };
 
 const Command *commandNamed(const QString &name)
@@ -54,25 +56,17 @@ const Command *commandNamed(const QString &name)
     return nullptr;
 }
 
-// A word such as "-5" is no option, so that the mistake in "volume -5" is told as what it is.
-bool isOption(const QString &word)
-{
-    return word.length() > 1 && word.startsWith('-') && !word.at(1).isDigit();
-}
-
 QString takeArgument(QString argument, CommandLine *line)
 {
+    // BlueZ knows its devices by upper-case addresses, and the service passes them on.
+    line->argument = argument.toUpper();
     if (line->is("volume")) {
-        if (argument.endsWith('%'))
-            argument.chop(1);
-        bool isNumber;
-        const int volume = argument.toInt(&isNumber);
-        if (!isNumber || volume < 0 || volume > 100)
+        if (!QRegExp("0*(100|[0-9]{1,2})%?").exactMatch(argument))
             return "the volume must be a number from 0 to 100";
+        line->argument = argument.remove('%').toInt();
     }
     if (line->is("forget") && !QRegExp("[0-9A-Fa-f]{2}(:[0-9A-Fa-f]{2}){5}").exactMatch(argument))
         return '\'' + argument + "' is no address such as 00:11:22:AA:BB:CC";
-    line->argument = argument;
     return QString();
 }
 
@@ -88,7 +82,8 @@ QString parseCommandLine(QStringList arguments, CommandLine *line)
             words << arguments;
             break;
         }
-        if (!isOption(word)) {
+        // A word such as "-5" is none, so that the mistake in "volume -5" is told as what it is.
+        if (!QRegExp("-[^0-9].*").exactMatch(word)) {
             words << word;
         } else if (option == "--timeout") {
             line->options << option;
@@ -102,8 +97,11 @@ QString parseCommandLine(QStringList arguments, CommandLine *line)
             line->options << word;
         }
     }
+    const bool isHelp = words.value(0) == "help";
+    if (isHelp)
+        words.removeFirst();
     if (line->has("-h") || line->has("--help") || line->has("--version")
-        || words.value(0) == "help")
+        || (isHelp && (words.isEmpty() || commandNamed(words.first()))))
         return QString();
     if (words.isEmpty())
         return "no command";
@@ -111,18 +109,16 @@ QString parseCommandLine(QStringList arguments, CommandLine *line)
     line->command = commandNamed(name);
     if (!line->command)
         return "unknown command '" + name + '\'';
+    line->argument = line->command->value;
     for (const QString &option : line->options) {
         const bool isGeneral = option == "--json" || (option == "--timeout" && !line->is("watch"));
         if (!isGeneral && option != line->command->option)
             return '\'' + name + "' does not take " + option;
     }
-    QString mistake;
-    if (line->command->argument && !line->has("--all")) {
-        if (words.isEmpty())
-            return '\'' + name + "' needs " + line->command->argument;
-        mistake = takeArgument(words.takeFirst(), line);
-    }
-    if (mistake.isEmpty() && !words.isEmpty())
-        mistake = "too many arguments: '" + words.first() + '\'';
-    return mistake;
+    const bool takesArgument = line->command->argument && !line->has("--all");
+    if (takesArgument && words.isEmpty())
+        return '\'' + name + "' needs " + line->command->argument;
+    const QString mistake = takesArgument ? takeArgument(words.takeFirst(), line) : QString();
+    const bool isMore = mistake.isEmpty() && !words.isEmpty();
+    return isMore ? "too many arguments: '" + words.first() + '\'' : mistake;
 }

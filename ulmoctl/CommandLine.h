@@ -3,6 +3,7 @@
 #define COMMANDLINE_H
 
 #include <QtCore/QStringList>
+#include <QtCore/QVariant>
 
 struct Command
 {
@@ -10,6 +11,7 @@ struct Command
     const char *argument; ///< what is missing, when it is; null for a command without one
     const char *option; ///< goes with this one only; null without one
     const char *method; ///< of the service; null for a command that asks it nothing
+    QVariant value; ///< what the method gets, where that is no argument of the command
     const char *done; ///< what to tell; %1 is the argument
     const char *refused; ///< the same; null: the status is not the service's own, but that of pactl
 };
@@ -17,7 +19,7 @@ struct Command
 struct CommandLine
 {
     const Command *command = nullptr; ///< null: only print the help, or the version
-    QString argument; ///< the PIN, the volume without its "%", the address; else empty
+    QVariant argument; ///< what the method gets; invalid for nothing
     QStringList options;
     int timeout = 0; ///< milliseconds to wait for an answer; 0: what suits the command
 

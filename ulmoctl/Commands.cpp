@@ -1,9 +1,11 @@
 #include "Commands.h"
 
+#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <QtCore/QEventLoop>
 #include <QtCore/QTimer>
+#include <QtDBus/QDBusConnectionInterface>
 #include <QtDBus/QDBusMessage>
 #include <QtDBus/QDBusServiceWatcher>
 
@@ -19,9 +21,8 @@ class StartWait : public QEventLoop
 public:
     enum Result { Undecided, CameOn, Failed, ServiceGone };
 
-    // Listens from now on, so that a signal sent before wait() counts as well.
+    // Listens from now on, so that a signal sent before exec() counts as well.
     explicit StartWait(QDBusConnection bus);
-    Result wait(int milliseconds);
 
 private Q_SLOTS:
     void signalCame(const QDBusMessage &signal);
@@ -39,12 +40,6 @@ StartWait::StartWait(QDBusConnection bus)
     QDBusServiceWatcher *watcher = new QDBusServiceWatcher(
         Names::Service, bus, QDBusServiceWatcher::WatchForUnregistration, this);
     connect(watcher, SIGNAL(serviceUnregistered(QString)), SLOT(serviceGone()));
-}
-
-StartWait::Result StartWait::wait(int milliseconds)
-{
-    QTimer::singleShot(milliseconds, this, SLOT(quit()));
-    return Result(exec());
 }
 
 // The service has no signal for a start that failed, but whatever ends one takes down the sound's
@@ -70,13 +65,11 @@ void StartWait::decide()
 
 namespace {
 
-// The service has one thread, and an answer waits for everything before it. The longest is a new
-// PIN with Bluetooth on: calls to BlueZ, three processes that get 2 s each to stop, one that gets
-// 4 s to start and a dozen programs to run, together up to about a minute.
-//
-// A request is carried out even when nobody waits for its answer any more, so giving up early only
-// hides what came of it: a change waits for the longest one before it and its own time. The status
-// changes nothing and can be asked again; it gets what D-Bus itself allows.
+// The service does one thing at a time; the longest is a new PIN with Bluetooth on: calls to BlueZ,
+// three processes that get 2 s each to stop, one that gets 4 s to start and a dozen programs to
+// run, together up to about a minute. A request is carried out even when nobody waits for its
+// answer any more, so a change waits for the longest one before it and its own time. The status can
+// be asked again; it gets what D-Bus itself allows.
 const int ChangeTimeout = 120000;
 const int StatusTimeout = 25000;
 // After the answer the service gives BlueZ 15 s to appear and then configures it. What keeps it
@@ -96,23 +89,6 @@ QString wordsForWaitStatus(int status)
     return QString("it could not be run (%1)").arg(status);
 }
 
-QVariantList argumentsOf(const CommandLine &line)
-{
-    QVariantList arguments;
-    if (line.is("on") || line.is("off"))
-        arguments << line.is("on");
-    else if (line.is("mute") || line.is("unmute"))
-        arguments << int(line.is("mute"));
-    else if (line.is("volume"))
-        arguments << line.argument.toInt();
-    else if (line.is("pin"))
-        arguments << line.argument;
-    else if (line.is("forget") && !line.has("--all"))
-        // BlueZ knows its devices by upper-case addresses, and the service passes them on.
-        arguments << line.argument.toUpper();
-    return arguments;
-}
-
 int timeoutOf(const CommandLine &line)
 {
     return line.timeout ? line.timeout : line.is("status") ? StatusTimeout : ChangeTimeout;
@@ -122,7 +98,10 @@ int timeoutOf(const CommandLine &line)
 Outcome request(const QDBusConnection &bus, const CommandLine &line, QVariantList *values)
 {
     const char *method = line.has("--all") ? "RemoveAllDevices" : line.command->method;
-    Outcome outcome = callService(bus, method, argumentsOf(line), timeoutOf(line), values);
+    QVariantList arguments;
+    if (line.argument.isValid())
+        arguments << line.argument;
+    Outcome outcome = callService(bus, method, arguments, timeoutOf(line), values);
     if (outcome.exitStatus != Done)
         return outcome;
     const int status = values->value(0).toInt();
@@ -133,8 +112,9 @@ Outcome request(const QDBusConnection &bus, const CommandLine &line, QVariantLis
     else if (status != 0)
         outcome.text = "pactl failed: " + wordsForWaitStatus(status);
     else
-        outcome.text = QString(line.command->done)
-                           .replace("%1", line.has("--all") ? "every device" : line.argument);
+        outcome.text =
+            QString(line.command->done)
+                .replace("%1", line.has("--all") ? "every device" : line.argument.toString());
     return outcome;
 }
 
@@ -152,7 +132,7 @@ Outcome status(const QDBusConnection &bus, const CommandLine &line)
     outcome.details << jsonMember("enabled", enabled) << jsonMember("on", on)
                     << jsonMember("pin", pin);
     if (on)
-        addPhone(&outcome);
+        addPhone(bus, &outcome);
     return outcome;
 }
 
@@ -171,7 +151,8 @@ Outcome switchOn(const QDBusConnection &bus, const CommandLine &line)
     const bool wasOn = values.value(2).toBool();
     const bool wait = line.has("--wait");
     const int patience = !wait ? BriefStartTimeout : line.timeout ? line.timeout : StartTimeout;
-    const StartWait::Result result = wasOn ? StartWait::CameOn : start.wait(patience);
+    QTimer::singleShot(patience, &start, SLOT(quit()));
+    const int result = wasOn ? StartWait::CameOn : start.exec();
     if (result == StartWait::Failed)
         return failure(Refused, "Bluetooth did not come on", LogHint);
     if (result == StartWait::ServiceGone)
@@ -186,6 +167,40 @@ Outcome switchOn(const QDBusConnection &bus, const CommandLine &line)
     return outcome;
 }
 
+// Whether the service applies a volume or mute value; without PulseAudio it only remembers it, with
+// the same answer. Invalid where its processes cannot be seen.
+QVariant runsPulseAudio(const QDBusConnection &bus)
+{
+    const QString look = "grep -qs bluetoothmanager /proc/%1/cmdline || exit 2; "
+                         "grep -hs '(pulseaudio)' /proc/[0-9]*/stat | grep -q ') . %1 '";
+    const uint service = bus.interface()->servicePid(Names::Service);
+    const int status = WEXITSTATUS(system(look.arg(service).toLocal8Bit().constData()));
+    return status < 2 ? QVariant(status == 0) : QVariant();
+}
+
+// The service does not send a value that was the last one, even if a phone has come since and plays
+// without it. So the value beside it is set first. Nobody hears that of a volume; a phone that is
+// muted already is heard for a blink. None begins muted, so "unmute" is sent where it counts.
+Outcome setSound(const QDBusConnection &bus, const CommandLine &line)
+{
+    const QVariant isApplied = runsPulseAudio(bus);
+    QVariantList values;
+    CommandLine beside = line;
+    beside.argument = qAbs(line.argument.toInt() - 1);
+    Outcome outcome = line.is("unmute") ? Outcome() : request(bus, beside, &values);
+    if (outcome.exitStatus == Done)
+        outcome = request(bus, line, &values);
+    if (outcome.exitStatus != Done)
+        return outcome;
+    outcome.details << jsonMember("applied", isApplied);
+    const char next[] = "the next begins unmuted, at full volume.";
+    if (!isApplied.isValid())
+        outcome.text += QString(" If no phone plays, it is remembered: ") + next;
+    else if (!isApplied.toBool())
+        outcome.text = QString("It is remembered: no phone plays; ") + next;
+    return outcome;
+}
+
 } // namespace
 
 Outcome runCommand(const QDBusConnection &bus, const CommandLine &line)
@@ -194,6 +209,8 @@ Outcome runCommand(const QDBusConnection &bus, const CommandLine &line)
         return status(bus, line);
     if (line.is("on"))
         return switchOn(bus, line);
+    if (line.is("volume") || line.is("mute") || line.is("unmute"))
+        return setSound(bus, line);
     QVariantList values;
     return request(bus, line, &values);
 }

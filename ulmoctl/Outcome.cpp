@@ -21,8 +21,7 @@ QString quoted(const QString &text)
 
 Outcome failure(ExitStatus exitStatus, const QString &text, const QString &hint)
 {
-    const Outcome outcome = {exitStatus, text, hint, QStringList()};
-    return outcome;
+    return {exitStatus, text, hint, QStringList()};
 }
 
 QString jsonMember(const char *name, const QVariant &value)

@@ -1,7 +1,6 @@
 #include <QtCore/QRegExp>
-#include <QtDBus/QDBusConnection>
+#include <QtDBus/QDBusArgument>
 #include <QtDBus/QDBusMessage>
-#include <QtDBus/QDBusReply>
 
 #include "Commands.h"
 
@@ -9,38 +8,44 @@ namespace {
 
 const int Timeout = 2000; // milliseconds; the status is worth more than the phone
 
-QDBusMessage ask(const QString &path, const char *interface, const char *method)
+// What BlueZ answers; invalid for an error.
+QVariant ask(const QDBusConnection &bus, const QString &path, const char *interface,
+             const char *method = "GetProperties")
 {
     QDBusMessage call = QDBusMessage::createMethodCall("org.bluez", path, interface, method);
     call.setAutoStartService(false); // whether BlueZ runs is the service's affair
-    return QDBusConnection::systemBus().call(call, QDBus::Block, Timeout);
-}
-
-QVariantMap propertiesOf(const QString &path, const char *interface)
-{
-    return QDBusReply<QVariantMap>(ask(path, interface, "GetProperties"));
+    const QDBusMessage answer = bus.call(call, QDBus::Block, Timeout);
+    const bool isError = answer.type() != QDBusMessage::ReplyMessage;
+    return isError ? QVariant() : answer.arguments().value(0);
 }
 
 } // namespace
 
-void addPhone(Outcome *outcome)
+void addPhone(QDBusConnection bus, Outcome *outcome)
 {
-    const QDBusReply<QDBusObjectPath> adapter = ask("/", "org.bluez.Manager", "DefaultAdapter");
+    // Beside a BlueZ that does not know these interfaces, one that does is on the service's bus.
+    QVariant adapter = ask(bus, "/", "org.bluez.Manager", "DefaultAdapter");
+    if (!adapter.isValid()) {
+        bus = QDBusConnection::systemBus();
+        adapter = ask(bus, "/", "org.bluez.Manager", "DefaultAdapter");
+    }
     if (!adapter.isValid())
         return;
-    const QDBusReply<QList<QDBusObjectPath>> devices =
-        ask(adapter.value().path(), "org.bluez.Adapter", "ListDevices");
+    const QVariant devices = ask(bus, qvariant_cast<QDBusObjectPath>(adapter).path(),
+                                 "org.bluez.Adapter", "ListDevices");
     if (!devices.isValid())
         return;
     QVariantMap phone;
     bool playing = false;
     // A second phone is connected for a moment, before the service disconnects it.
-    for (const QDBusObjectPath &device : devices.value()) {
-        const QVariantMap properties = propertiesOf(device.path(), "org.bluez.Device");
+    for (const QDBusObjectPath &device : qdbus_cast<QList<QDBusObjectPath>>(devices)) {
+        const QVariant answer = ask(bus, device.path(), "org.bluez.Device");
+        const QVariantMap properties = qdbus_cast<QVariantMap>(answer);
         if (playing || !properties.value("Connected").toBool())
             continue;
         phone = properties;
-        playing = propertiesOf(device.path(), "org.bluez.AudioSource").value("State") == "playing";
+        const QVariant source = ask(bus, device.path(), "org.bluez.AudioSource");
+        playing = qdbus_cast<QVariantMap>(source).value("State") == "playing";
     }
     if (phone.isEmpty()) {
         outcome->text += "\nPhone       none";

@@ -1,7 +1,6 @@
 #include "Service.h"
 
 #include <grp.h>
-#include <unistd.h>
 
 #include <QtDBus/QDBusConnectionInterface>
 #include <QtDBus/QDBusError>
@@ -19,14 +18,6 @@ const char LogHint[] =
 QString busAddress()
 {
     return QString::fromLocal8Bit(qgetenv(AddressVariable));
-}
-
-// Whether there is such a group and this process may use what is for root and its members.
-bool isOutsideGroup(const char *name)
-{
-    const group *members = getgrnam(name);
-    return members && geteuid() != 0 && getegid() != members->gr_gid
-        && !group_member(members->gr_gid);
 }
 
 Outcome errorOutcome(const QDBusConnection &bus, const QDBusMessage &error, int timeout)
@@ -67,12 +58,15 @@ QDBusConnection connectToBus()
 Outcome withoutBus(const QDBusConnection &bus)
 {
     const QString address = busAddress();
-    // A bus hangs up on whoever may not use it.
-    const bool isRefused = bus.lastError().type() == QDBusError::NoReply;
-    if (isRefused && address == ProductAddress && isOutsideGroup("ulmo"))
+    const QDBusError::ErrorType error = bus.lastError().type();
+    // A bus hangs up on whoever may not use it, and remembers the groups of whom it has refused.
+    if (error == QDBusError::NoReply && address == ProductAddress && getgrnam("ulmo"))
         return failure(Unreachable,
                        "the bus " + address + " is for root and the members of the group ulmo",
-                       "To become one: sudo adduser NAME ulmo, then log in anew.");
+                       "To become one: sudo adduser NAME ulmo. For it to count: sudo systemctl "
+                       "reload ulmo-bus, then log in anew.");
+    if (error == QDBusError::NoReply || error == QDBusError::AccessDenied)
+        return failure(Unreachable, "the bus " + address + " does not let this user in");
     return failure(Unreachable, "no bus at " + address + " (" + bus.lastError().message() + ')',
                    address == ProductAddress
                        ? "See whether it runs: systemctl status " ULMO_BUS_UNIT

@@ -61,6 +61,17 @@ QByteArray withoutMark(const QByteArray &line)
     return line.startsWith(CommentMark) ? line.mid(CommentMarkSize) : line;
 }
 
+/** Undoes the format's escapes. Others stay: some GLib give no text at all where there is one. */
+QByteArray unescaped(QByteArray text)
+{
+    for (int at = 0; (at = text.indexOf('\\', at)) >= 0; ++at) {
+        const int known = QByteArray("sntr\\").indexOf(text.constData()[at + 1]);
+        if (known >= 0)
+            text.replace(at, 2, QByteArray(1, " \n\t\r\\"[known]));
+    }
+    return text;
+}
+
 /** Reads the file; a missing one is empty. Without keys, but with a reason, where it fails. */
 KeyFile readKeyFile(const QByteArray &path, QString &reason)
 {
@@ -153,8 +164,7 @@ struct Configuration::Private
 
     void log(int level, const QString &text) const
     {
-        platformLog(level, objectPath,
-                    QString("settings file %1 %2").arg(QFile::decodeName(path), text));
+        platformLog(level, objectPath, "settings file " + QFile::decodeName(path) + ' ' + text);
     }
 };
 
@@ -175,17 +185,16 @@ bool Configuration::isValid() const
 }
 
 int Configuration::ReadConfigValue(const QString &section, const QString &key, int defaultValue,
-                                   bool *ok, bool)
+                                   bool *ok, bool flag)
 {
-    const Text value(d->keys ? g_key_file_get_value(d->keys.get(), section.toUtf8().constData(),
-                                                    key.toUtf8().constData(), nullptr)
-                             : nullptr);
+    bool isThere = false;
     bool isInteger = false;
-    const int number = QByteArray(value.get()).toInt(&isInteger);
-    if (value && !isInteger)
+    const QString stored = ReadConfigValue(section, key, QString(), &isThere, flag);
+    const int number = stored.toInt(&isInteger);
+    if (isThere && !isInteger)
         d->log(2,
                QString("[%1] %2: \"%3\" is no integer, the default is used")
-                   .arg(section, key, QString::fromUtf8(value.get())));
+                   .arg(section, key, stored));
     if (ok)
         *ok = isInteger;
     return isInteger ? number : defaultValue;
@@ -194,12 +203,12 @@ int Configuration::ReadConfigValue(const QString &section, const QString &key, i
 QString Configuration::ReadConfigValue(const QString &section, const QString &key,
                                        const QString &defaultValue, bool *ok, bool)
 {
-    const Text value(d->keys ? g_key_file_get_string(d->keys.get(), section.toUtf8().constData(),
-                                                     key.toUtf8().constData(), nullptr)
+    const Text value(d->keys ? g_key_file_get_value(d->keys.get(), section.toUtf8().constData(),
+                                                    key.toUtf8().constData(), nullptr)
                              : nullptr);
     if (ok)
         *ok = value != nullptr;
-    return value ? QString::fromUtf8(value.get()) : defaultValue;
+    return value ? QString::fromUtf8(unescaped(value.get())) : defaultValue;
 }
 
 bool Configuration::WriteConfigValue(const QString &section, const QString &key,

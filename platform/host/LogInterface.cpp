@@ -13,8 +13,7 @@ namespace {
 /** Below PIPE_BUF, so that lines of several writers to one pipe do not mix. */
 const size_t LineSize = 2048;
 
-/** The length without a character that was cut in its midst: the journal takes such a line for
- * data. */
+/** The length without a character cut in its midst: the journal takes such a line for data. */
 size_t withoutCutCharacter(const char *text, size_t length)
 {
     size_t start = length;
@@ -62,16 +61,7 @@ long utcOffset()
 /** The syslog priority of a level. */
 int priority(int level)
 {
-    switch (level) {
-    case 1:
-        return 3;
-    case 2:
-        return 4;
-    case 9:
-        return 7;
-    default:
-        return 6;
-    }
+    return level == 1 ? 3 : level == 2 ? 4 : level == 9 ? 7 : 6;
 }
 } // namespace
 

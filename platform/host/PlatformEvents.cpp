@@ -22,8 +22,7 @@ PlatformEvents::PlatformEvents(UlmoFeatureBase *feature, const QString &objectPa
     }
     if (!m_initialized)
         platformLog(1, objectPath,
-                    QString("no platform events from the session bus: ")
-                        + bus.lastError().message());
+                    "no platform events from the session bus: " + bus.lastError().message());
 }
 
 void PlatformEvents::eventReceived(const QDBusMessage &message)

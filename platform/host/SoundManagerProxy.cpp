@@ -5,8 +5,7 @@
 #include <QtDBus/QDBusReply>
 
 namespace {
-/** Milliseconds to wait for the bus daemon, which answers at once unless it is in trouble itself.
- */
+/** Milliseconds to wait for the bus daemon, which answers at once unless in trouble itself. */
 const int BusTimeout = 1000;
 
 bool hasOwner(const QDBusConnection &bus, const QString &service)

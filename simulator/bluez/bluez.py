@@ -1,20 +1,27 @@
 """The virtual BlueZ 4 as far as the service can notice it: the daemon and its adapter on the system
 bus, the agent program, and the phones around, which outlive both."""
 
+import os
 import re
+from pathlib import Path
 from typing import Callable
 
 from bluez.adapter import Adapter
 from bluez.agent import Agent
-from bluez.phone import VERBS, Phone
+from bluez.phone import Phone
 from core import loop
 from core.bus import Bus
 from core.faults import Faults
 from core.journal import Journal
 from core.words import Refused, typed, unknown_word
+from sound.recording import why_unplayable
 
 USUAL_ADAPTER_DELAY = 60  # from the name to the adapter, in real milliseconds
-ADD_USAGE = "phone add NAME [address=A] [name=TEXT] [pin=PIN] [audio=FILE] [known] [trusted]"
+#: Of a new phone.
+OPTIONS = {"address=A": "of its radio", "name=TEXT": "what it shows to others",
+           "pin=PIN": "what its owner types, without it 7351",
+           "audio=FILE": "what it plays (not below /tmp), else two tones",
+           "known": "paired from before", "trusted": "paired and accepted from before"}
 
 
 class BlueZ:
@@ -79,27 +86,24 @@ class BlueZ:
     # ---- control
 
     def describe_phones(self, _: list[str]) -> str:
-        return "\n".join(map(Phone.describe, self.phones.values())) or "no phones"
+        return ("\n".join(map(Phone.describe, self.phones.values()))
+                or 'no phones; "phone add anna" makes one')
 
-    def tell_phone(self, words: list[str]) -> str:
-        """Has a phone, or the people around, do what the words say. The answer for people."""
+    def tell_phone(self, words: list[str]) -> None:
+        """Has a phone, or the people around, do what the words say."""
         handle, *words = words
         if handle == "add":
             self._add_phone(words)
-        elif not words:
-            raise Refused(f"phone NAME VERB, phone NAME help, or {ADD_USAGE}")
         elif handle not in self.phones:
             raise unknown_word("phone", handle, self.phones)
-        elif words[0] == "help":
-            return "\n".join(f"{name} {verb.argument}".ljust(26) + verb.help
-                             for name, verb in VERBS.items())
         else:
             self.phones[handle].act(words)
-        return ""
+            if words == ["remove"]:
+                del self.phones[handle]
 
     def _add_phone(self, words: list[str]) -> None:
-        handle = words[0] if words else ""
-        if not handle or "=" in handle or handle == "add":
+        handle = words[0]
+        if not handle or "=" in handle or handle in ("add", *OPTIONS):
             raise Refused("a phone needs a name")
         if handle in self.phones:
             raise Refused(f"there is a phone {handle} already")
@@ -111,32 +115,34 @@ class BlueZ:
             field, separator, value = word.partition("=")
             if separator and field in ("address", "name", "pin", "audio"):
                 setattr(phone, field, value.upper() if field == "address" else value)
-            elif word not in ("known", "trusted"):
-                raise Refused(ADD_USAGE)
+            elif word not in OPTIONS or separator:
+                raise unknown_word("option of a phone", word, OPTIONS)
         if not re.fullmatch("([0-9A-F]{2}:){5}[0-9A-F]{2}", phone.address):
             raise Refused(f'"{phone.address}" is not an address')
         if other := self._handle_of(phone.address):
             raise Refused(f"{other} has this address")
+        if phone.audio:
+            # From where the virtual product was started.
+            phone.audio = os.path.join(os.environ["PWD"], phone.audio)
+            if why := why_unplayable(Path(phone.audio)):
+                is_hidden = phone.audio.startswith("/tmp/")
+                raise Refused(why + "; the product's /tmp is another one" * is_hidden)
 
         self.phones[handle] = phone
         phone.stream_changed = self.stream_changed
         if "known" in words or "trusted" in words:
             phone.device.set_known("trusted" in words)
 
-    def send_signal(self, words: list[str]) -> str:
-        signature, values = typed(words[2:])
+    def send_signal(self, words: list[str]) -> None:
         if not self._bus or not self._bus.is_open:
             raise Refused("bluetoothd is not running")
-        if not self._bus.emit(words[0], words[1], signature, values):
-            raise Refused("this signal cannot be sent")
-        return ""
+        self._bus.emit(words[0], words[1], *typed(words[2:]))
 
-    def set_backend(self, words: list[str]) -> str:
+    def set_backend(self, words: list[str]) -> None:
         if words not in (["mgmt"], ["hci"], ["hci", "other"]):
             raise Refused("backend mgmt|hci, or backend hci other")
         self.adapter.is_raw_hci = words[0] == "hci"
         self.adapter.audio_first = "other" in words
-        return ""
 
     def _handle_of(self, address: str) -> str:
         """What the phone with this address is called; empty when there is none."""

@@ -206,6 +206,11 @@ class Device:
             self._remove()
             call.reply()
 
+    def forget(self) -> None:
+        """The daemon does not know it any more, as if somebody had removed it."""
+        if self._exists:
+            self._remove()
+
     def _remove(self) -> None:
         self.is_bonded = False
         self.adapter.remove(self)

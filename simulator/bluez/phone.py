@@ -42,7 +42,7 @@ class Phone:
         self.stream = ""
         self._adapter = adapter
         self._journal = journal
-        self._auto_play = False
+        self.auto_play = "off"
         self._after_pairing: Action | None = None
         self._step = Timer()  # between the steps of what a person wants
         #: What the unit knows of it.
@@ -60,7 +60,10 @@ class Phone:
 
     def describe(self) -> str:
         """A line for people."""
-        states = {"paired": self.is_bonded, "out of range": not self.is_in_range,
+        own, units = self.is_bonded, self.device.is_bonded
+        states = {"paired": own and units, "paired for the phone only": own > units,
+                  "paired for the unit only": own < units,
+                  "out of range": not self.is_in_range,
                   f"will {self.answer} audio": self.answer != "accept",
                   "playing": self.stream == "playing", "stream open": self.stream == "paused",
                   "linked": self.device.is_link_up and not self.stream}
@@ -70,8 +73,7 @@ class Phone:
     # ---- what must be so before a person can do something
 
     def needs_unit(self) -> None:
-        if not self.is_in_range:
-            raise Refused(f"{self.handle} is out of range")
+        self._needs(self.is_in_range, "is out of range")
         if not self._adapter.is_ready:
             raise Refused("the unit's radio is not ready")
         if not self.device.is_link_up and not self._adapter.is_connectable:
@@ -79,37 +81,34 @@ class Phone:
 
     def needs_no_bond(self) -> None:
         self.needs_unit()
-        if self.is_bonded and self.device.is_bonded:
-            raise Refused(f"{self.handle} is paired already")
+        self._needs(not (self.is_bonded and self.device.is_bonded), "is paired already")
 
     def needs_audio(self) -> None:
         self.needs_unit()
-        if self.stream:
-            raise Refused(f"{self.handle} is connected already")
-        if not self.is_bonded:
-            raise Refused(f"{self.handle} is not paired")
+        self._needs(not self.stream, "is connected already")
+        self._needs(self.is_bonded, "is not paired")
 
     def needs_link(self) -> None:
-        if not self.device.is_link_up:
-            raise Refused(f"{self.handle} is not connected")
+        self._needs(self.device.is_link_up, "is not connected")
 
     def needs_stream(self) -> None:
-        if not self.stream:
-            raise Refused(f"{self.handle} has no stream to the unit")
+        self._needs(self.stream != "", f'has no stream; "phone {self.handle} connect" opens one')
 
     def needs_pause(self) -> None:
         self.needs_stream()
-        if self.stream == "playing":
-            raise Refused(f"{self.handle} plays already")
+        self._needs(self.stream == "paused", "plays already")
 
     def needs_play(self) -> None:
-        if self.stream != "playing":
-            raise Refused(f"{self.handle} does not play")
+        self._needs(self.stream == "playing", "does not play")
+
+    def _needs(self, holds: bool, why_not: str) -> None:
+        if not holds:
+            raise Refused(f"{self.handle} {why_not}")
 
     # ---- what a person does
 
     def pair(self) -> None:
-        self._open_link(self._start_pairing)
+        self.open_link(self._start_pairing)
 
     def connect(self) -> None:
         if self.is_bonded and self.device.is_bonded:
@@ -118,10 +117,7 @@ class Phone:
 
         def connect_later() -> None:
             self._step.start(AUDIO_AFTER_PAIRING, self.device.audio.phone_connects)
-        self._open_link(lambda: self._start_pairing(connect_later))
-
-    def connect_link(self) -> None:
-        self._open_link(lambda: None)
+        self.open_link(lambda: self._start_pairing(connect_later))
 
     def connect_audio(self) -> None:
         if not self.device.is_bonded:
@@ -135,7 +131,7 @@ class Phone:
             self.device.audio.phone_connects()
             if not announced and not is_linked:
                 self.device.announce_connected()
-        self._open_link(lambda: self._step.start(CHANNEL_SETUP, open_channel), announced)
+        self.open_link(lambda: self._step.start(CHANNEL_SETUP, open_channel), announced)
 
     def _connect_audio_with_old_bond(self) -> None:
         # The unit has forgotten the phone, which does not know that: the audio channel arrives with
@@ -145,7 +141,7 @@ class Phone:
             def open_channel() -> None:
                 self.device.audio.phone_connects()
                 self.device.announce_paired()
-            self._open_link(open_channel)
+            self.open_link(open_channel)
             return
 
         # The channel is refused meanwhile, and the link is not announced before it has a key.
@@ -153,9 +149,9 @@ class Phone:
             self._start_pairing()
             self.device.add_service(ADVANCED)
             self.note("refused", "the unit has forgotten the bond")
-        self._open_link(pair, announced=False)
+        self.open_link(pair, announced=False)
 
-    def _open_link(self, then: Action, announced: bool = True) -> None:
+    def open_link(self, then: Action, announced: bool = True) -> None:
         self._step.stop()
         if self.device.is_link_up:
             then()
@@ -185,9 +181,6 @@ class Phone:
         self.set_stream("paused")
         self.device.audio.phone_suspends()
 
-    def close(self) -> None:
-        self.device.audio.close_stream()
-
     def leave(self) -> None:
         """Pause, stream, signalling channel, link: each step only if there is something to end."""
         if self.stream == "playing":
@@ -208,28 +201,14 @@ class Phone:
         self.device.audio.hang_up()
         self._step.start(REACTION, lambda: self.device.drop_link("the phone leaves"))
 
-    def drop(self) -> None:
-        self.device.drop_link("the phone drops it")
-
     def go_out_of_range(self) -> None:
         self.is_in_range = False
         self._step.stop()
         self.device.drop_link("the phone is out of range")
 
-    def come_into_range(self) -> None:
-        self.is_in_range = True
-
-    def forget(self) -> None:
-        self.is_bonded = False
-
-    def set_auto_play(self, value: str) -> None:
-        self._auto_play = value == "on"
-
-    def set_answer(self, answer: str) -> None:
-        self.answer = answer
-
-    def set_pin(self, pin: str) -> None:
-        self.pin = pin
+    def remove(self) -> None:
+        self.go_out_of_range()
+        self.device.forget()
 
     # ---- what the unit finds and does
 
@@ -260,7 +239,7 @@ class Phone:
             self.note(stream or "stream-closed", why)
         for listener in self.stream_changed:
             listener(self)
-        if not was_open and self._auto_play:
+        if not was_open and self.auto_play == "on":
             self._step.start(AUTO_PLAY, self._play_by_itself)
 
     def _play_by_itself(self) -> None:
@@ -288,26 +267,32 @@ class Verb(NamedTuple):
         return "|" not in self.argument or words[0] in self.argument.split("|")
 
 
+def sets(name: str, *value: object) -> Callable[..., None]:
+    """Gives an attribute of a phone this value, or else the verb's argument."""
+    return lambda phone, *words: setattr(phone, name, *(value or words))
+
+
 VERBS = {
     "pair": Verb("pairs, without connecting its audio", Phone.pair, Phone.needs_no_bond),
-    "connect": Verb("connects its audio as a usual phone, pairs if it must", Phone.connect,
-                    Phone.needs_unit),
-    "connect-acl": Verb("opens the radio link only", Phone.connect_link, Phone.needs_unit),
+    "connect": Verb("connects its audio, pairs first if it must", Phone.connect, Phone.needs_unit),
+    "connect-acl": Verb("opens the radio link only",
+                        lambda phone: phone.open_link(lambda: None), Phone.needs_unit),
     "connect-a2dp": Verb("connects its audio, with the bond that it has", Phone.connect_audio,
                          Phone.needs_audio),
     "play": Verb("starts the stream", Phone.play, Phone.needs_pause),
     "pause": Verb("suspends the stream", Phone.pause, Phone.needs_play),
-    "close": Verb("closes the stream", Phone.close, Phone.needs_stream),
+    "close": Verb("closes the stream", lambda phone: phone.device.audio.close_stream(),
+                  Phone.needs_stream),
     "leave": Verb("ends everything in order", Phone.leave, Phone.needs_link),
-    "drop": Verb("loses the link at once", Phone.drop, Phone.needs_link),
+    "drop": Verb("loses the link at once",
+                 lambda phone: phone.device.drop_link("the phone drops it"), Phone.needs_link),
     "out-of-range": Verb("cannot be reached any more, nor reach the unit", Phone.go_out_of_range),
-    "in-range": Verb("can be reached again", Phone.come_into_range),
-    "ignore": Verb("will never answer the unit's audio requests",
-                   lambda phone: phone.set_answer("ignore")),
-    "refuse": Verb("will close the unit's audio connections at once",
-                   lambda phone: phone.set_answer("refuse")),
-    "accept": Verb("will accept again", lambda phone: phone.set_answer("accept")),
-    "auto-play": Verb("whether it plays as soon as a stream is open", Phone.set_auto_play,
+    "in-range": Verb("can be reached again", sets("is_in_range", True)),
+    "remove": Verb("is taken away, with all that the unit knows of it", Phone.remove),
+    "ignore": Verb("will never answer the unit's audio requests", sets("answer", "ignore")),
+    "refuse": Verb("will close the unit's audio connections at once", sets("answer", "refuse")),
+    "accept": Verb("will accept again", sets("answer", "accept")),
+    "auto-play": Verb("whether it plays as soon as a stream is open", sets("auto_play"),
                       argument="on|off"),
-    "forget": Verb("forgets its bond with the unit", Phone.forget),
-    "pin": Verb("will pair with another PIN", Phone.set_pin, argument="PIN")}
+    "forget": Verb("forgets its bond with the unit", sets("is_bonded", False)),
+    "pin": Verb("will pair with another PIN", sets("pin"), argument="PIN")}

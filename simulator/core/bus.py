@@ -9,7 +9,7 @@ from jeepney import (DBusAddress, HeaderFields, MatchRule, Message, MessageFlag,
 from jeepney.io.blocking import DBusConnection, prep_socket
 
 from core import loop
-from core.words import PATH
+from core.words import PATH, Refused
 
 PATIENCE = 5  # seconds, for what only the bus has to do
 ERROR = "org.freedesktop.DBus.Error."
@@ -102,18 +102,14 @@ class Bus:
         """Nobody waits for this answer any more."""
         self._answers.pop(serial, None)
 
-    def emit(self, path: str, member: str, signature: str = "", values: Iterable[Any] = (),
-             to: str = "") -> bool:
-        """Sends a signal, to one peer or to all. False when it cannot be sent."""
+    def emit(self, path: str, member: str, signature: str = "", values: Iterable[Any] = ()) -> bool:
+        """Sends a signal; false when the bus has gone."""
         interface, _, name = member.rpartition(".")
         # The bus throws out whoever sends what is no signal.
         if not PATH.fullmatch(path) or not MEMBER.fullmatch(member):
-            return False
-        signal = new_signal(DBusAddress(path, interface=interface), name, signature or None,
-                            tuple(values))
-        if to:
-            signal.header.fields[HeaderFields.destination] = to
-        return self.send(signal)
+            raise Refused("this is no PATH INTERFACE.SIGNAL")
+        return self.send(new_signal(DBusAddress(path, interface=interface), name,
+                                    signature or None, tuple(values)))
 
     def own(self, name: str, owns: bool = True) -> None:
         """Has a name, or gives it back; returns when that is so."""

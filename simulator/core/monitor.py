@@ -6,6 +6,7 @@ import os
 import re
 import select
 import subprocess
+import time
 from typing import Any, Callable
 
 from core import loop
@@ -44,7 +45,7 @@ class BusMonitor:
         self._journal = journal
         self._short_name = short_name
         self._busctl: subprocess.Popen | None = None
-        self._rest = b""
+        self._marks = 0
         self._is_settled = True
         self._open_calls: dict[tuple[str, int], tuple[str, Message]] = {}
 
@@ -52,16 +53,16 @@ class BusMonitor:
         """Begins, or begins anew with a bus that was ended."""
         self._address = address
         self.stop()
+        self._rest = b""
         self._open_calls.clear()
         self._busctl = subprocess.Popen(
             ["busctl", f"--address={address}", "--json=short", "monitor"],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        # Nothing may happen on the bus before it listens, which it tells on its standard error.
-        listens = select.select([self._busctl.stderr], [], [], PATIENCE)[0]
-        if not listens or b"Monitoring" not in os.read(self._busctl.stderr.fileno(), 4096):
-            raise Refused(f"busctl cannot watch the {self._bus} bus")
-        os.set_blocking(self._busctl.stdout.fileno(), False)
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         loop.watch(self._busctl.stdout, self._read)
+        # Nothing may happen on the bus before it listens.
+        self.settle()
+        if not self._is_settled or not self._busctl:
+            raise Refused(f"busctl cannot watch the {self._bus} bus")
 
     def stop(self) -> None:
         if self._busctl:
@@ -72,18 +73,24 @@ class BusMonitor:
 
     def settle(self) -> None:
         """Returns when everything that has been sent before is in the journal."""
-        # The bus shows everything in one order, a signal of our own as well.
+        # The bus shows everything in one order, a signal of our own as well, once busctl is there.
         try:
             own = Bus(self._address)
         except OSError:
             return
-        self._is_settled = not own.emit("/", MARK + ".Mark")
+        self._marks += 1
+        deadline = time.monotonic() + PATIENCE
+        self._is_settled = False
+        while (not self._is_settled and time.monotonic() < deadline
+               and own.emit("/", f"{MARK}.Mark{self._marks}")):
+            while not self._is_settled and select.select([self._busctl.stdout], [], [], 0.02)[0]:
+                self._read()
         own.close()
-        while (not self._is_settled
-               and select.select([self._busctl.stdout], [], [], PATIENCE)[0]):
-            self._read()
 
     def _read(self) -> None:
+        # Whoever had its turn before in the loop may have settled.
+        if not select.select([self._busctl.stdout], [], [], 0)[0]:
+            return
         data = os.read(self._busctl.stdout.fileno(), 1 << 16)
         if not data:
             # It ends by itself when its bus does.
@@ -102,7 +109,7 @@ class BusMonitor:
             if key in message:
                 facts[key] = message[key]
         if facts.get("interface") == MARK:
-            self._is_settled = True
+            self._is_settled |= facts["member"] == f"Mark{self._marks}"
         elif message["type"] == "method_call":
             self._record_call(message, facts)
         elif message["type"] == "signal":

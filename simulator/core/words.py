@@ -5,6 +5,8 @@ import re
 from typing import Any, Iterable
 
 INTEGERS = {"i": range(-2**31, 2**31), "u": range(2**32)}
+#: Where people type something else first.
+SYNONYMS = {"exit": ["quit"], "?": ["help"]}
 PATH = re.compile("/|(/[A-Za-z0-9_]+)+")
 
 
@@ -16,7 +18,7 @@ def unknown_word(what: str, word: str, known: Iterable[str]) -> Refused:
     """Says that word is none of those that are known, and names the nearest."""
     known = list(known)
     nearest = [each for each in known if len(word) > 1 and each.startswith(word)]
-    nearest = nearest or difflib.get_close_matches(word, known, 1)
+    nearest = nearest or SYNONYMS.get(word) or difflib.get_close_matches(word, known, 1)
     hint = f'; did you mean "{nearest[0]}"?' if nearest else ""
     return Refused(f'there is no {what} "{word}"{hint}')
 

@@ -4,6 +4,8 @@ import array
 import json
 import math
 import re
+import shlex
+import shutil
 import subprocess
 import time
 from dataclasses import dataclass
@@ -33,9 +35,6 @@ class Recording:
             missing = min(max(-first, 0), count)
             sound = bytes(missing * FRAME) + file.read((count - missing) * FRAME)
         return sound.ljust(count * FRAME, b"\0")
-
-    def write_wav(self, path: Path) -> None:
-        subprocess.run(["sox", *FORMAT[:-1], self.path, path], check=True)
 
 
 @dataclass
@@ -78,8 +77,8 @@ def _measure_channel(sound: bytes, number: int) -> Channel:
     return Channel(20 * math.log10(rms), frequency)
 
 
-def why_unplayable(audio: Path) -> str:
-    """Why a phone cannot play this file; empty when it can."""
+def why_unplayable(audio: Path, folder: Path | None = None) -> str:
+    """Why a phone cannot play this file, or its copy in the folder; empty when it can."""
     if not audio.is_file():
         return f"{audio} is no file" if audio.exists() else f"there is no {audio}"
     if audio.stat().st_size == 0:
@@ -87,9 +86,17 @@ def why_unplayable(audio: Path) -> str:
     try:
         values = _statistics([str(audio)], "trim", "0", "60")
     except OSError as reason:
-        return f"sox cannot read {audio} ({reason}); convert it to WAV"
+        return (f"sox cannot read {audio} ({reason}); convert it, as with "
+                f"ffmpeg -i {shlex.quote(str(audio))} {shlex.quote(f'{audio}.wav')}")
     is_silent = values["Maximum amplitude"] == values["Minimum amplitude"]
-    return f"nothing can be heard in the first minute of {audio}" if is_silent else ""
+    if is_silent:
+        return f"nothing can be heard in the first minute of {audio}"
+    length = subprocess.run(["sox", "--i", "-D", audio], stdout=subprocess.PIPE, check=True).stdout
+    needed, free = float(length) * RATE * FRAME, shutil.disk_usage(folder or audio).free
+    if folder and needed > free:
+        return (f"the disk of {folder} is full: {free / 1e6:.0f} MB are free, {needed / 1e6:.0f} "
+                f"are needed for a copy of {audio}")
+    return ""
 
 
 def phone_sound(audio: Path | None, seconds: float) -> bytes:

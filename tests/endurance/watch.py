@@ -206,15 +206,14 @@ class Run:
     def play(self, course: Callable[["Run", Watch], None], **options: list | dict) -> int:
         """Plays a course in a product with these options, and returns the exit status. A failure
         says how to repeat it, and keeps the folder."""
+        if status := product.check():
+            return status
         folder = Path(tempfile.mkdtemp(prefix="endurance."))
         folder.chmod(0o755)
         (folder / "settings.ini").write_text("[BLUETOOTH]\nbt-timeout-reconnect-1=300\n")
         try:
             with product.Product(out=folder, pulse="scripted", **options) as running:
                 course(self, Watch(running))
-        except product.CannotRun as reason:
-            print(f"SKIPPED: {reason}")
-            return product.CANNOT_RUN
         except (Wrong, product.ProductError) as failure:
             journal = folder / "journal.jsonl"
             for line in journal.read_text().splitlines()[-TAIL:] if journal.exists() else []:

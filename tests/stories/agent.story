@@ -7,7 +7,7 @@ with fault agent exit=5 times=12
 < Adapter.RegisterAgent *
 --
 - kill agent
-4 agent down 9 crash
+4 agent down * crash
 $ hciconfig hci0 noscan
 + the agent comes back
 < Adapter.RegisterAgent *

@@ -79,7 +79,7 @@ never @ ConnectAudioDevice
 4 wait pulseaudio ... 2
 --
 - kill pulseaudio KILL
-2 pulseaudio down 9 crash
+2 pulseaudio down * crash
 4 Disconnect {anna}
 + anna is let go
 + the sound that was to come ends

@@ -50,15 +50,18 @@ after 0.05 to 5 s
 + anna is the unit's own
 @ PlayBluetooth
 
-== What a phone does while it waits to be connected again makes no difference, even if it leaves
-with setting bt-timeout-reconnect-1 1500
+== What happens while a phone waits to be connected again makes no difference ({event})
+for event
+| phone anna leave
+| platform suspend
+with setting bt-timeout-reconnect-1 3000
 + anna is accepted for a while
 - phone anna pause
 4 waiting to reconnect
 - phone anna play
 4 waiting to reconnect
 nothing else
-- phone anna leave
+- {event}
 + anna is let go
 + nobody is played
 4 reconnect
@@ -211,6 +214,7 @@ for how, outcome
 4 start/restart timer for no play
 - signal {anna} org.bluez.AudioSource.PropertyChanged s:State v:s:connected
 4 start/restart timer for no play
+- signal {berta} org.bluez.AudioSource.PropertyChanged s:State v:s:disconnected
 after 9.4 to 14 s
 4 CONNECTED BUT NOT PLAYING
 @ NoPlayConnectedDevive
@@ -220,18 +224,19 @@ after 9.4 to 14 s
 never 4 reconnect
 
 == A phone that was silent is not reported any more when {what}
-for what, line, sign
-| it plays | - phone anna play |
-| Bluetooth is switched off | - disable | @ BluetoothOn false
-| another one is refused | - phone berta connect-acl | > Device.Disconnect berta
+for what, line, sign, told
+| it plays | - phone anna play | | 2 error enabling sound manager for bluetooth play
+| Bluetooth is switched off | - disable | @ BluetoothOn false | never 2 *
+| another one is refused | - phone berta connect-acl | > Device.Disconnect berta |
 + there is anna
 - phone add berta known
 # The answer to the play request, which comes after the timer's start, is later than its end.
-- fault soundmanager delay=11500
+- fault soundmanager refuse=11500 after=1 times=1
 - phone anna connect
 4 start/restart timer for no play
 @ PlayBluetooth
 {line}
 {sign}
-< PlayBluetooth *
+< PlayBluetooth Failed *
+{told}
 never @ NoPlayConnectedDevive

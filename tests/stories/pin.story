@@ -58,10 +58,13 @@ settings bt-pid={pin}
 - phone anna pin {pin}
 + anna comes
 
-== A new PIN is saved while Bluetooth is off, and used as well where it cannot be
+== A new PIN is saved where Bluetooth did not come on, and used as well where it cannot be
 with setting bt-disable-legacy 1
 with setting bt-pid 1234
-+ the service runs with Bluetooth off
+with fault bluetoothd missing
+1 error starting bluez
++ the stack that is off goes down
++ nobody is played
 - pin 7351
 4 [DBUS|Internal] SetPid(7351) requested
 4 Disconnect connected device
@@ -76,7 +79,7 @@ with setting bt-pid 1234
 ! SetPid 0
 nothing else
 settings bt-pid=7351
-= 0 false false 7351
+= 0 true false 7351
 spoil the settings
 - pin 1234
 4 set legacy mode 1
@@ -84,6 +87,6 @@ spoil the settings
 4 Saving bluetooth configuration
 1 Impossible to initialize Configuration proxy
 @ BluetoothPidChanged 1234
-= 0 false false 1234
+= 0 true false 1234
 # What cannot be read is never overwritten.
 settings spoilt=1

@@ -21,25 +21,29 @@ nothing else of 1 2 @ >
 - fault clear
 + anna comes
 
-== A phone that is held when a stop is refused is disconnected
+== A phone that is held when a stop is refused is disconnected, once
 + there is anna
 # Asked when the connection is made again, refused when it is there again.
 - fault soundmanager refuse=2500
-+ anna comes
-- fault clear soundmanager
+- phone anna connect
+2 trust for {anna} is true
+@ PlayBluetooth
 2 error enabling sound manager for bluetooth play so disconnect
 4 Disconnect {anna}
 + anna is gone
-> Device.Disconnect anna
-# What is asked here is granted, and the play request's refusal comes later.
-nothing else of > @
+* anna link-down
+* anna link-down
+# So is the stop that is asked for here, when nobody is held.
+2 error enabling sound manager for bluetooth play
+< StopPlay Failed *
+< StopPlay Failed *
+nothing else of 1 2
 
 == The refusal of an older request to stop, when a newer one was granted, is of no interest
 + there is anna
-- fault soundmanager refuse=3000
+- fault soundmanager refuse=8000 times=1
 - phone anna connect
 @ StopPlay bluetooth ""
-- fault clear soundmanager
 @ PlayBluetooth
 - phone anna leave
 + anna is gone

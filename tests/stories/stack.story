@@ -136,7 +136,7 @@ settings bt-enable=
 == Bluetooth comes back a second after its daemon ended, or when it is switched on before
 + Bluetooth is on
 - kill bluetoothd SEGV
-2 bluezDown down 11 crash
+2 bluezDown down * crash
 4 restart
 after 0.8 to 5 s
 + the stack is begun
@@ -186,7 +186,8 @@ nothing else
 == Children that do not obey are killed after 2 s
 with fault agent ignore-term
 with fault bluetoothd ignore-term
-+ Bluetooth is on
+with fault pulseaudio ignore-term
++ anna is streaming
 + Bluetooth is switched off
 4 forceSyncDown
 $ hciconfig hci0 noscan
@@ -197,6 +198,9 @@ after 1.8 to 8 s
 after 1.8 to 8 s
 4 forceSyncDown kill bluez
 $ hciconfig hci0 down
++ the sound ends
+# What is heard ends before others may play.
+after 1 to 8 s
 + nobody is played
 @ BluetoothOn false
 nothing else

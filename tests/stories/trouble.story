@@ -32,7 +32,7 @@ nothing else
 == A daemon that ends while a phone's sound is to come takes the phone with it, and both come back
 + anna is polling
 - kill bluetoothd
-2 bluezDown down 9 crash
+2 bluezDown down * crash
 4 forceSyncDown
 $ hciconfig hci0 noscan
 4 forceSyncDown terminate agent
@@ -41,8 +41,12 @@ $ hciconfig hci0 down
 + nobody is played
 4 restart
 + the stack comes up
-# There was nobody to call, nor does anything wait for the sound any more.
+# There was nobody to call.
 nothing else
+# Nor does anything wait for the sound any more, which is seen in the second until the next start.
+- kill bluetoothd
+4 restart
++ the stack comes up
 never 4 wait pulseaudio *
 + all is well again
 # The phone has another path now.
@@ -60,8 +64,8 @@ never 4 wait pulseaudio *
 2 disconnectDevice {anna} error disconnectiong 
 + anna is let go
 4 connectAudioSource {anna}
-2 connectAudioSource {anna} connected but error on it
-2 bluezDown down 9 crash
+2 connectAudioSource {anna} *error*
+2 bluezDown down * crash
 + Bluetooth is on
 + anna comes
 

@@ -2,6 +2,9 @@
 
 == Each command asks for one thing, and tells what came of it
 + Bluetooth is on
+# The service takes both for set, and would not send them to her.
+shell {inside} ulmoctl volume 40% => It is remembered: no phone plays; *
+shell {inside} ulmoctl mute --json => {"command":"mute",*"status":0,"applied":false}
 - phone add berta known
 - phone add anna trusted "name=An	na \"A\""
 + anna comes
@@ -12,12 +15,17 @@ shell ulmoctl status => *enabled, on\nPIN   *7351\nPhone *An?na "A" (00:1A:7D:DA
 shell ulmoctl status --json => {"command":"status","exitStatus":0,"status":0,"enabled":true,*}
 shell ulmoctl status --json => *,"on":true,"pin":"7351","phone":"00:1A:7D:DA:71:13","name":*}
 shell ulmoctl status --json => *:13","name":"An\u0009na \"A\"","playing":true}
-shell ulmoctl volume 40% => The volume is set.
+shell {inside} ulmoctl volume 40 => The volume is set.
+$ pactl set-source-output-volume 0 39%
 $ pactl set-source-output-volume 0 40%
-shell ulmoctl mute => The sound is muted.
+shell {inside} ulmoctl mute --json => *"status":0,"applied":true}
 $ pactl set-source-output-mute 0 1
-shell ulmoctl unmute => The sound is not muted.
+shell ulmoctl mute => The sound is muted. If no phone plays, it is remembered: *
 $ pactl set-source-output-mute 0 0
+$ pactl set-source-output-mute 0 1
+shell {inside} ulmoctl unmute => The sound is not muted.
+$ pactl set-source-output-mute 0 0
+never $ pactl set-source-output-mute 0 1
 - fault pactl:volume exit=127
 - fault pactl:mute crash
 shell ulmoctl volume 7 --json => *:1,"status":32512,"error":"pactl failed: exit status 127"}\n(1)
@@ -30,7 +38,7 @@ shell ulmoctl disconnect => ulmoctl: no device is connected\n(1)
 shell ulmoctl status --json => *,"phone":null}
 - fault bluez:Manager.DefaultAdapter error times=1
 shell ulmoctl status => Bluetooth   enabled, on\nPIN         7351
-shell ulmoctl forget 00:1a:7d:da:71:14 => BlueZ has been told to forget 00:1a:7d:da:71:14.
+shell ulmoctl forget 00:1a:7d:da:71:14 => BlueZ has been told to forget 00:1A:7D:DA:71:14.
 > Adapter.RemoveDevice hci0 berta
 shell ulmoctl --all forget => BlueZ has been told to forget every device.
 > Adapter.RemoveDevice hci0 anna
@@ -110,6 +118,7 @@ with service stopped
 shell ulmoctl start => ulmoctl: unknown command 'start'\nTry 'ulmoctl --help' *(2)
 shell ulmoctl --json => ulmoctl: no command\n*(2)
 shell ulmoctl off --wait => ulmoctl: 'off' does not take --wait\n*(2)
+shell ulmoctl help nonsense => ulmoctl: unknown command 'nonsense'\n*(2)
 shell ulmoctl watch --timeout 5 => ulmoctl: 'watch' does not take --timeout\n*(2)
 shell ulmoctl on --timeout=0 => ulmoctl: --timeout takes seconds, from 1 to 3600\n*(2)
 shell ulmoctl forget => ulmoctl: 'forget' needs the address of a device, or --all\n*(2)

@@ -10,7 +10,7 @@ import unittest
 CLIENT = sys.argv[1:]
 ZEROS = b"[S]\n" + bytes(64)  # as after a crash
 COMMENTED = ("# Product\n\n[A]\n; the name\nN=x y\nN[de]=z\n\n  ; Radio\n\n"
-             "[S]\nL=5\n;K=1\n#\x1f;b\nunknown=\\s;\n;\n")
+             "[S]\nL=5\n;K=1\n#\x1f;b\n;\nunknown=\\s;\n")
 
 
 class Log(unittest.TestCase):
@@ -88,7 +88,7 @@ class Settings(unittest.TestCase):
                 ("[S]\nK=2147483648\n", "2147483648", None),
                 ("[S]\nK=5 ; five\n", "5 ; five", None),
                 ("\n  [S]  \nK  =  Living Room #2\n", "Living Room #2", None),
-                ("[S]\nK=C:\\Audio=;\n", "C:\\Audio=;", None),
+                ("[S]\nK=\\sC:\\Audio=;\\t\\\\n\\\n", " C:\\Audio=;\t\\n\\", None),
                 ("[S]\nK=\n", "", None),
                 ("[S]\nK=1\n[X]\n[S]\nK=2", "2", 2),
                 ("\ufeff; Notiz\r\n[S]\r\n\r\nK=Küche\r\n", "Küche", None),
@@ -100,7 +100,7 @@ class Settings(unittest.TestCase):
                 self.assertEqual(printed.splitlines(), [
                     "valid", "default 0" if text is None else f"{text} 1",
                     "77 0" if number is None else f"{number} 1"])
-                warning = f'2 /object settings file {self.path} [S] K: "{text}" is no integer'
+                warning = f'2 /object settings file {self.path} [S] K: "{text}" '.replace("\t", " ")
                 self.assertEqual(warning in logged, text is not None and number is None)
 
     def test_unusable(self):
@@ -125,7 +125,7 @@ class Settings(unittest.TestCase):
         self.assertEqual(self.content(), COMMENTED.replace("L=5", "L=6") + "K=1٢\n")
         self.store(";x")
         self.write("K", "1")
-        self.assertEqual(self.content(), ";x\n\n[S]\nK=1\n")
+        self.assertRegex(self.content(), "^;x\n\n?\\[S]\nK=1\n$")  # the blank line with some GLib
         self.assertEqual(os.listdir(self.folder.name), ["settings.ini"])
 
     def test_first_writes(self):
