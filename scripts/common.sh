@@ -51,7 +51,7 @@ build_package() {
     eval "$flags"
     export CFLAGS="$CFLAGS $CPPFLAGS" CXXFLAGS="$CXXFLAGS $CPPFLAGS"
     ! grep -q '^VERSION_ID="12"' /etc/os-release || units=${units#/usr} # there its debhelper looks
-    build "$folder" virtual-product -DCMAKE_INSTALL_PREFIX=/usr \
+    build "$folder" packed -DCMAKE_INSTALL_PREFIX=/usr \
         -DULMO_SYSTEMD_UNIT_DIR="$units" "$@"
 }
 

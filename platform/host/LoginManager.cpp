@@ -24,6 +24,10 @@ LoginManager::LoginManager(UlmoFeatureBase *feature, const QString &objectPath)
     , m_objectPath(objectPath)
     , m_bus(QDBusConnection::systemBus())
 {
+    // The machine's own, where the service's system bus is the product's.
+    const QString address = qgetenv("ULMO_MACHINE_BUS_ADDRESS");
+    if (!address.isEmpty())
+        m_bus = QDBusConnection::connectToBus(address, "machine");
     if (!m_bus.isConnected())
         return;
     m_loginManager = new NameOwner(m_bus, Service, this);
@@ -91,7 +95,7 @@ void LoginManager::prepareForShutdown()
     QDBusMessage query = QDBusMessage::createMethodCall(m_loginManager->uniqueName(), Path,
                                                         "org.freedesktop.DBus.Properties", "Get");
     query << Interface << "ScheduledShutdown";
-    m_bus.callWithCallback(query, this, SLOT(scheduleFound(QDBusVariant)), SLOT(scheduleUnknown()),
+    m_bus.callWithCallback(query, this, SLOT(scheduleFound(QDBusVariant)), SLOT(scheduleFound()),
                            ScheduleTimeout);
 }
 
@@ -122,12 +126,6 @@ void LoginManager::scheduleFound(const QDBusVariant &schedule)
         kind.clear();
     if (m_shutdown == ShutdownOfUnknownKind)
         prepareForShutdown(kind);
-}
-
-void LoginManager::scheduleUnknown()
-{
-    if (m_shutdown == ShutdownOfUnknownKind)
-        prepareForShutdown(QString());
 }
 
 void LoginManager::takeInhibitor()

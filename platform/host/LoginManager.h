@@ -1,5 +1,5 @@
-// Sleep and shutdown of the whole machine, as systemd's login manager tells them on the system bus.
-// Where there is no login manager, nothing happens.
+// Sleep and shutdown of the whole machine, as systemd's login manager tells them on the machine's
+// system bus. Where there is no login manager, nothing happens.
 #ifndef LOGINMANAGER_H
 #define LOGINMANAGER_H
 
@@ -27,8 +27,7 @@ private Q_SLOTS:
     void signalReceived(const QDBusMessage &message);
     void inhibitorGranted(const QDBusUnixFileDescriptor &inhibitor);
     void inhibitorRefused(const QDBusError &error);
-    void scheduleFound(const QDBusVariant &schedule);
-    void scheduleUnknown();
+    void scheduleFound(const QDBusVariant &schedule = QDBusVariant());
 
 private:
     enum Shutdown { NoShutdown, ShutdownOfUnknownKind, ShutdownAnnounced };

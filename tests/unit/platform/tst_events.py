@@ -71,10 +71,10 @@ class LoginManager:
 
 
 class Events(unittest.TestCase):
-    def start(self):
+    def start(self, **environment):
         self.doCleanups()  # of the one before
         client = subprocess.Popen([*CLIENT, "events"], bufsize=0, stdin=subprocess.PIPE,
-                                  stdout=subprocess.PIPE)
+                                  stdout=subprocess.PIPE, env={**os.environ, **environment})
         self.addCleanup(client.communicate)
         return client
 
@@ -115,8 +115,10 @@ class Events(unittest.TestCase):
                 stranger.close()
 
     def test_restart(self):
-        """It goes away after it granted too late, and the next one refuses at first."""
-        client = self.start()
+        """It goes away after it granted too late, and the next one refuses at first. It is on the
+        machine's bus, where the service's is another one."""
+        client = self.start(DBUS_SYSTEM_BUS_ADDRESS="unix:path=/nowhere",
+                            ULMO_MACHINE_BUS_ADDRESS=os.environ["DBUS_SESSION_BUS_ADDRESS"])
         login = LoginManager(is_late=True)
         self.check_call(client, login, "suspend suspend")
         login.bus.close()
