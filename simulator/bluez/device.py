@@ -43,7 +43,6 @@ class Device:
         self.is_trusted = False
         self.is_link_up = False
         self.is_pairing = False
-        self._exists = False  # on the bus
         self._paired = False  # the property: the bond as far as it was signalled
         self._name_known = False  # even without the device
         self._connected = False  # the property: the link as far as it was signalled
@@ -65,7 +64,6 @@ class Device:
         self.is_bonded = self.phone.is_bonded = self._paired = self._name_known = True
         self.is_trusted = trusted
         self._uuids = [SOURCE]
-        self._exists = True
         self.adapter.add(self, announced=False)
 
     def has_service(self, uuid: str) -> bool:
@@ -107,9 +105,7 @@ class Device:
 
     def link_up(self, announced: bool = True) -> None:
         """It has come up; signalled unless the daemon is to hear of something else first."""
-        if not self._exists:
-            self._exists = True
-            self.adapter.add(self)
+        self.adapter.add(self)
         # Whatever is left of the link before is noticed now.
         self.audio.notice_hang_up()
         self.is_link_up = True
@@ -130,17 +126,17 @@ class Device:
             self._changed("Alias", ("s", self.phone.name))
 
     def page(self, done: Callable[[bool], None]) -> None:
-        """Pages the phone; done gets whether the link is up then."""
-        self._page_waiters.append(done)
-        if self._link.is_active:
-            return
-
+        """Pages the phone unless the link is up; done gets whether it is up then."""
         def answered() -> None:
             if self.phone.is_in_range and self.adapter.is_powered:
                 self.link_up()
             else:
                 self._finish_page()
-        self._link.start(LINK_SETUP if self.phone.is_in_range else PAGE_TIMEOUT, answered)
+        self._page_waiters.append(done)
+        if self.is_link_up:
+            self._finish_page()
+        elif not self._link.is_active:
+            self._link.start(LINK_SETUP if self.phone.is_in_range else PAGE_TIMEOUT, answered)
 
     def _finish_page(self) -> None:
         waiters, self._page_waiters = self._page_waiters, []
@@ -174,7 +170,7 @@ class Device:
             self._connected = False
             self._changed("Connected", ("b", False))
         if self._removal or not self.is_bonded:
-            self._remove()
+            self.remove()
         elif had_audio and not self.adapter.audio_first:
             self.audio.link_lost(by_unit)
 
@@ -203,15 +199,11 @@ class Device:
             self._request_disconnect()
         else:
             self.audio.notice_hang_up()
-            self._remove()
+            self.remove()
             call.reply()
 
-    def forget(self) -> None:
-        """The daemon does not know it any more, as if somebody had removed it."""
-        if self._exists:
-            self._remove()
-
-    def _remove(self) -> None:
+    def remove(self) -> None:
+        """The daemon does not know it any more."""
         self.is_bonded = False
         self.adapter.remove(self)
         self.retire()
@@ -230,7 +222,7 @@ class Device:
         self.is_link_up = self._connected = self.is_pairing = False
         if not self.is_bonded:
             # Nothing is left of it, for as long as it does not come again.
-            self._exists = self._paired = self.is_trusted = False
+            self._paired = self.is_trusted = False
             self._uuids = []
 
     # ---- pairing
@@ -276,10 +268,7 @@ class Device:
 
     def _start_search(self) -> None:
         self._search = Search.PAGING
-        if self.is_link_up:
-            self._browse(True)
-        else:
-            self.page(self._browse)
+        self.page(self._browse)
 
     def _browse(self, is_linked: bool) -> None:
         self._search = Search.BROWSING if is_linked else Search.NONE
