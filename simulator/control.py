@@ -378,10 +378,8 @@ class Client:
 
     def _send(self, line: bytes) -> None:
         """Sends what the other end takes now; the rest when it takes more."""
-        is_behind = bool(self._to_send)
         self._to_send += line + b"\n"
-        if not is_behind:
-            self._flush()
+        self._flush()
 
     def _flush(self) -> None:
         try:

@@ -48,8 +48,8 @@ class Device:
         self._connected = False  # the property: the link as far as it was signalled
         self._search = Search.NONE
         self._uuids: list[str] = []
-        self._disconnect_calls: list[Call] = []
-        self._removal: Call | None = None
+        self._disconnect_calls: list[Call] = []  # answered when the link ends
+        self._is_unwanted = False  # after RemoveDevice
         self._page_waiters: list[Callable[[bool], None]] = []
         self._disconnect = Timer()
         self._link = Timer()  # until it is up, or dropped for want of users
@@ -81,8 +81,7 @@ class Device:
             self._set_property(call)
         elif call.method == "Device.Disconnect()":
             if self._connected:
-                self._disconnect_calls.append(call)
-                self._request_disconnect()
+                self._request_disconnect(call)
             else:
                 call.fail("NotConnected")
         elif not self.has_service(SOURCE) or not self.audio.handle(call):
@@ -156,7 +155,7 @@ class Device:
         if self._search == Search.BROWSING:
             self._search = Search.NONE
 
-        by_unit = bool(self._disconnect_calls or self._removal)
+        by_unit = bool(self._disconnect_calls)
         had_audio = self.audio.is_active
         if had_audio and self.adapter.audio_first:
             self.audio.hang_up()
@@ -164,12 +163,10 @@ class Device:
         for call in self._disconnect_calls:
             call.reply()
         self._disconnect_calls = []
-        if self._removal:
-            self._removal.reply()
         if self._connected:
             self._connected = False
             self._changed("Connected", ("b", False))
-        if self._removal or not self.is_bonded:
+        if self._is_unwanted or not self.is_bonded:
             self.remove()
         elif had_audio and not self.adapter.audio_first:
             self.audio.link_lost(by_unit)
@@ -183,20 +180,20 @@ class Device:
         elif not self._link.is_active:
             self._link.start(LINK_IDLE, lambda: self.drop_link("nobody uses the link"))
 
-    def _request_disconnect(self) -> None:
+    def _request_disconnect(self, call: Call) -> None:
+        self._disconnect_calls.append(call)
         # The stream is not closed first: whatever the phone does in these 2 s still happens.
-        if self._disconnect.is_active:
-            return
-        self.adapter.emit(self.path, "Device.DisconnectRequested")
-        self._disconnect.start(DISCONNECT_DELAY, lambda: self.drop_link("the unit disconnects"))
+        if not self._disconnect.is_active:
+            self.adapter.emit(self.path, "Device.DisconnectRequested")
+            self._disconnect.start(DISCONNECT_DELAY, lambda: self.drop_link("the unit disconnects"))
 
     def remove_on(self, call: Call) -> None:
         """Adapter.RemoveDevice."""
-        if not self.is_bonded or self._removal or self._search != Search.NONE:
+        if not self.is_bonded or self._is_unwanted or self._search != Search.NONE:
             call.fail("DoesNotExist", "Device creation in progress")
         elif self._connected:
-            self._removal = call
-            self._request_disconnect()
+            self._is_unwanted = True
+            self._request_disconnect(call)
         else:
             self.audio.notice_hang_up()
             self.remove()
@@ -217,9 +214,8 @@ class Device:
             timer.stop()
         self._page_waiters = []
         self._disconnect_calls = []
-        self._removal = None
         self._search = Search.NONE
-        self.is_link_up = self._connected = self.is_pairing = False
+        self.is_link_up = self._connected = self.is_pairing = self._is_unwanted = False
         if not self.is_bonded:
             # Nothing is left of it, for as long as it does not come again.
             self._paired = self.is_trusted = False

@@ -51,7 +51,8 @@ class Phone:
         verb = VERBS.get(words[0])
         if not verb:
             raise unknown_word("phone verb", words[0], VERBS)
-        if not verb.takes(words[1:]):
+        choices = verb.argument.split("|")
+        if len(words) - 1 != bool(verb.argument) or len(choices) > 1 and words[1] not in choices:
             raise Refused(f"{words[0]} {verb.argument}".strip())
         verb.check(self)
         verb.act(self, *words[1:])
@@ -247,11 +248,6 @@ class Verb(NamedTuple):
     act: Callable[..., None]
     check: Callable[[Phone], None] = lambda phone: None
     argument: str = ""
-
-    def takes(self, words: list[str]) -> bool:
-        if len(words) != bool(self.argument):
-            return False
-        return "|" not in self.argument or words[0] in self.argument.split("|")
 
 
 def sets(name: str, *value: object) -> Callable[..., None]:
