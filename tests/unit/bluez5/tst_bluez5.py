@@ -30,6 +30,7 @@ VALUES = {name: dbus.ObjectPath(path) for name, path in PATHS.items()} | {
     "/source": dbus.ObjectPath("/source"), "source": dbus.Dictionary({"UUID": SOURCE}, "sv"),
     "/sink": dbus.ObjectPath("/sink"), "sink": dbus.Dictionary({"UUID": SINK}, "sv"),
     "SBC": dbus.Array(b"\xff\xff\x02\xfa", "y"), "zeros": dbus.Array(bytes(4), "y"),
+    "short": dbus.Array(b"\xff", "y"),
     "40": dbus.UInt16(40, variant_level=1), "672": dbus.UInt16(672),
     "descriptor": dbus.types.UnixFd(0), "adapter": dbus.Array(["org.bluez.Adapter1"]),
     "strange": dbus.Dictionary({"State": 5, "Device": dbus.types.UnixFd(0)}, "sv")}
@@ -114,6 +115,8 @@ STORIES = {
         bluez5 asks registered MediaEndpoint1.SetConfiguration hci0 strange;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration x; bluez5 sees SelectConfiguration U;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration zeros;
+        bluez5 sees SelectConfiguration Inv;
+        bluez5 asks registered MediaEndpoint1.SelectConfiguration short;
         bluez5 sees SelectConfiguration Inv;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration SBC; bluez5 sees (33) (21) (53);
         client asks hci0 Media1.RegisterEndpoint x strange > RegisterEndpoint UnknownMethod;
@@ -361,8 +364,12 @@ class Programs(Machine):
         """With BlueZ 5, its adapter and the endpoint, however late; older links are cut."""
         self.client = Peer(self, "SYSTEM", "arg0=org.bluez")
         users = len(self.client.bus.list_names())
-        self.start("bluetoothd", "-n")
-        await_that(lambda: len(self.client.bus.list_names()) > users)
+        for is_last in False, True:
+            self.start("bluetoothd", "-n")
+            await_that(lambda: len(self.client.bus.list_names()) > users)
+            if not is_last:
+                self.program.terminate()
+                self.ends(0)
         self.start_bluez5()
         self.bluez5.holds = self.bluez5.holds | {"RegisterEndpoint"}
         self.bluez5.sees("/ GetManagedObjects")
