@@ -113,7 +113,8 @@ STORIES = {
         stranger signals / ObjectManager.InterfacesRemoved hci0 adapter;
         stranger asks registered MediaEndpoint1.Release; stranger sees Release Unknown;
         bluez5 asks registered MediaEndpoint1.SetConfiguration hci0 strange;
-        bluez5 asks registered MediaEndpoint1.SelectConfiguration x; bluez5 sees SelectConfiguration U;
+        bluez5 asks registered MediaEndpoint1.SelectConfiguration x;
+        bluez5 sees SelectConfiguration Unknown;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration zeros;
         bluez5 sees SelectConfiguration Inv;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration short;
@@ -248,16 +249,17 @@ class Machine(dbusmock.DBusTestCase):
     def start(self, name, *arguments):
         """What a sanitizer says of it is a failure."""
         errors = self.enterContext(tempfile.TemporaryFile())
-        self.program = subprocess.Popen([FOLDER + "/" + name, *arguments], stderr=errors, env={
-            **os.environ, "ULMO_MACHINE_BUS_ADDRESS": os.environ["DBUS_SESSION_BUS_ADDRESS"],
-            "BLUEZHOSTNAME": "Living Room"})
+        addresses = {"ULMO_MACHINE_BUS_ADDRESS": os.environ["DBUS_SESSION_BUS_ADDRESS"]}
+        self.program = program = subprocess.Popen(
+            [FOLDER + "/" + name, *arguments], stderr=errors,
+            env=os.environ | addresses | {"BLUEZHOSTNAME": "Living Room"})
 
         def check():
-            self.program.terminate()
-            await_that(lambda: self.program.poll() is not None)
+            program.terminate()
+            await_that(lambda: program.poll() is not None)
             errors.seek(0)
             self.assertNotRegex(errors.read().decode(), "Sanitizer|runtime error")
-        self.addCleanup(self.program.kill)
+        self.addCleanup(program.kill)
         self.addCleanup(check)
 
     def ends(self, status: int):
