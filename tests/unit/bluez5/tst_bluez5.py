@@ -58,9 +58,9 @@ STORIES = {
         client asks anna Device.Disconnect > Disconnect NotConnected;
         anna links > anna Connected 1; {OPENS}
         anna links 0; anna closes > anna State disconnected > anna Connected 0""",
-    "The link of a new phone is told with the phone only, that of a quick one never": """
+    "The link of a new phone is told with the phone, that of a quick one never": """
         anna is_there 1 > hci0 DeviceCreated anna > anna Connected 1;
-        anna links 0 > anna Connected 0;
+        anna opens elsewhere; stream is_forgotten; anna links 0 > anna Connected 0;
         anna opens > anna Connected 1 > anna State connecting > anna State connected;
         anna closes > anna State disconnected > anna Connected 0""",
     "The unit connects a phone, which BlueZ 5 refuses once, and disconnects it": f"""
@@ -78,16 +78,17 @@ STORIES = {
             > anna State disconnected > anna Connected 0;
         bluez5 sees anna Disconnect; bluez5 answers ConnectProfile""",
     "A second phone is refused and removed, and the first one plays on": f"""
-        {COMES} {PLAYS} bert is_there > hci0 DeviceCreated bert; bert links > bert Connected 1;
+        {COMES} {PLAYS} anna is_taken; bert is_there > hci0 DeviceCreated bert;
+        bert links > bert Connected 1;
         client asks bert Device.Disconnect; bluez5 answers Disconnect > Disconnect ok;
         bert links 0 > bert Connected 0; bert links > bert Connected 1;
         client asks hci0 Adapter.RemoveDevice bert; bluez5 sees hci0 RemoveDevice bert;
         bert links 0 > RemoveDevice ok > bert Connected 0; bert is_forgotten;
-        bluez5 answers RemoveDevice; {REGISTERS} {TAKES} anna is_taken; pulse hears; {LEAVES}""",
+        bluez5 answers RemoveDevice; {REGISTERS} {TAKES} pulse hears; {LEAVES}""",
     "PulseAudio is there before the phone, and turns it down": f"""
         {REGISTERS} {COMES} pulse sees /sink SetConfiguration stream;
-        {PLAYS} pulse sees stream PropertiesChanged pending; {TAKES} anna is_taken; pulse hears;
-        pulse sees TryAcquire 672 672;
+        {PLAYS} anna is_taken; anna sends; pulse sees stream PropertiesChanged pending; {TAKES}
+        pulse hears 2; pulse sees TryAcquire 672 672;
         pulse asks stream Properties.Set org.bluez.MediaTransport1 Volume 40;
         pulse sees stream PropertiesChanged Volume 40; pulse asks stream MediaTransport1.Release;
         bluez5 answers Release; pulse sees Release ok; {LEAVES}
@@ -99,12 +100,13 @@ STORIES = {
         anna tells idle > anna State connected;
         {PLAYS} anna is_taken; anna is_lost; sound close; {LEAVES}""",
     "Wrong and late answers of BlueZ 5 cost PulseAudio no more than the stream": f"""
-        {REGISTERS} {COMES} {PLAYS} {TAKES} bluez5 refuses TryAcquire no;
+        {REGISTERS} {COMES} {PLAYS} bluez5 refuses TryAcquire no;
+        pulse sees stream PropertiesChanged pending; {TAKES} bluez5 refuses TryAcquire no;
         pulse sees TryAcquire Failed; {TAKES} bluez5 answers TryAcquire x; pulse sees TryAcquire;
         {TAKES} bluez5 answers TryAcquire descriptor; pulse sees TryAcquire;
         {TAKES} bluez5 answers TryAcquire 672 672 descriptor; pulse sees TryAcquire;
-        {TAKES} bluez5 sees stream TryAcquire; {LEAVES} pulse sees TryAcquire NotAuthorized;
-        bluez5 answers TryAcquire descriptor 672 672""",
+        {TAKES} bluez5 sees stream TryAcquire; {LEAVES}
+        bluez5 answers TryAcquire descriptor 672 672; pulse sees TryAcquire""",
     "Nonsense from either bus is refused, and changes nothing": f"""
         {COMES} bluez5 signals anna Properties.PropertiesChanged x;
         bluez5 signals / ObjectManager.InterfacesAdded x;
@@ -113,6 +115,7 @@ STORIES = {
         stranger signals / ObjectManager.InterfacesRemoved hci0 adapter;
         stranger asks registered MediaEndpoint1.Release; stranger sees Release Unknown;
         bluez5 asks registered MediaEndpoint1.SetConfiguration hci0 strange;
+        bluez5 sees SetConfiguration Invalid;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration x;
         bluez5 sees SelectConfiguration Unknown;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration zeros;
@@ -193,12 +196,14 @@ class Peer:
         await_that(found)
         self.lines.remove(found()[0])
 
-    def hears(self):
-        """What is sent on the stream that it has got; when it lets that go, nobody has it."""
+    def hears(self, packets="1"):
+        """All sent on the stream that it has got, and when it lets that go, nobody has it."""
         await_that(lambda: self.given)
         stream = self.given.pop().take()
+        os.set_blocking(stream, False)
         Machine.sound.send(b"heard")
-        assert os.read(stream, 99) == b"heard"
+        for _ in range(int(packets)):
+            assert os.read(stream, 99) == b"heard"
         os.close(stream)
         assert Machine.sound.recv(99) == b""
 
@@ -305,14 +310,15 @@ class Machine(dbusmock.DBusTestCase):
         objects[path].UpdateProperties("org.bluez.Device1",
                                        {"Connected": dbus.Boolean(int(is_linked))})
 
-    def opens(self, path):
-        """Its stream, of SBC."""
+    def opens(self, path, elsewhere=""):
+        """Its stream, of SBC; elsewhere is at an endpoint of another program."""
         self._shows(PATHS["stream"], "org.bluez.MediaTransport1", Device=dbus.ObjectPath(path),
                     UUID=dbus.String(SINK), Codec=dbus.Byte(0), State=dbus.String("idle"),
                     Configuration=dbus.Array(b"\x21\x15\x02\x35", "y"), Volume=dbus.UInt16(127))
         properties, = objects[PATHS["stream"]].props.values()
-        self.bluez5.asks("registered", "MediaEndpoint1.SetConfiguration", "stream",
-                         dbus.Dictionary(properties, "sv"))
+        if not elsewhere:
+            self.bluez5.asks("registered", "MediaEndpoint1.SetConfiguration", "stream",
+                             dbus.Dictionary(properties, "sv"))
 
     def tells(self, _, state: str):
         """pending: it plays and nobody has taken the stream; active: somebody has; idle."""
@@ -323,9 +329,12 @@ class Machine(dbusmock.DBusTestCase):
         self.sound.settimeout(PATIENCE)
         self.bluez5.answers("TryAcquire", dbus.types.UnixFd(given), "672", "672")
 
+    def sends(self, _):
+        self.sound.send(b"heard")
+
     def is_lost(self, _):
         """What it sends is thrown away."""
-        self.sound.send(b"lost")
+        self.sends(_)
         await_that(lambda: fcntl.ioctl(self.sound, termios.TIOCOUTQ, bytes(4)) == bytes(4))
 
     def closes(self, _):
