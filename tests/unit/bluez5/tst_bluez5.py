@@ -32,8 +32,8 @@ VALUES = {name: dbus.ObjectPath(path) for name, path in PATHS.items()} | {
     "SBC": dbus.Array(b"\xff\xff\x02\xfa", "y"), "zeros": dbus.Array(bytes(4), "y"),
     "short": dbus.Array(b"\xff", "y"),
     "40": dbus.UInt16(40, variant_level=1), "672": dbus.UInt16(672),
-    "descriptor": dbus.types.UnixFd(0), "adapter": dbus.Array(["org.bluez.Adapter1"]),
-    "strange": dbus.Dictionary({"State": 5, "Device": dbus.types.UnixFd(0)}, "sv")}
+    "descriptor": dbus.types.UnixFd(2), "adapter": dbus.Array(["org.bluez.Adapter1"]),
+    "strange": dbus.Dictionary({"State": 5, "Device": dbus.types.UnixFd(2)}, "sv")}
 
 # Steps of the anna that BlueZ 5 shows, of others, and after ">" all that the service hears of it.
 IS_THERE = "anna is_there > hci0 DeviceCreated anna;"
