@@ -64,13 +64,14 @@ int main(int argc, char **argv)
         QDBusMessage call = QDBusMessage::createMethodCall("org.bluez", "/org/bluez",
                                                            "org.bluez.AgentManager1", method);
         call.setArguments(values);
-        return bus.call(call, QDBus::Block, 5000).errorMessage();
+        const QString error = bus.call(call, QDBus::Block, 5000).errorMessage();
+        return error.isEmpty() ? error : method + ": " + error;
     };
     QString error = ask("RegisterAgent", {objectPath(arguments[2]), arguments[6]});
     if (error.isEmpty())
         error = ask("RequestDefaultAgent", {objectPath(arguments[2])});
     if (!error.isEmpty())
-        fail("BlueZ 5 does not take the agent: " + error);
+        fail(error);
     application.exec();
     if (bus.interface()->isServiceRegistered("org.bluez")) // it would be started for a call
         ask("UnregisterAgent", {objectPath(arguments[2])});
