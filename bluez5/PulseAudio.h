@@ -78,7 +78,7 @@ private:
         if (m_stream != m_bluez5->stream()) {
             letGo();
             m_isAsked = false;
-            callEndpoint("ClearConfiguration", {objectPath(m_stream)});
+            callEndpoint("ClearConfiguration", {objectPath(m_stream)}, [](const QDBusMessage &) {});
             m_stream = m_bluez5->stream();
             give();
         }
@@ -125,7 +125,7 @@ private:
     }
 
     void callEndpoint(const QString &method, const QVariantList &arguments,
-                      const Answered &answered = nullptr)
+                      const Answered &answered)
     {
         if (!m_owner.isEmpty() && !m_stream.isEmpty())
             send(QDBusConnection::systemBus(), m_owner, m_endpoint,
