@@ -50,7 +50,7 @@ inline QVariant objectPath(const QString &path)
 }
 
 /** Calls "interface.method". An error goes to the log, unless the answer is asked for. */
-inline void send(QDBusConnection bus, const QString &service, const QString &path,
+inline void send(const QDBusConnection &bus, const QString &service, const QString &path,
                  const QString &method, const QVariantList &arguments,
                  const Answered &answered = nullptr, int timeout = -1)
 {
