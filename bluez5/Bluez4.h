@@ -237,8 +237,9 @@ private:
             select(known(path), "Adapter Address Alias Blocked Class Icon Name Trusted UUIDs");
         properties.insert("Connected", known(path).value("Connected").toBool() || hasStream(path));
         // The bond comes with the key, as in BlueZ 4, BlueZ 5's own "Paired" with the services.
-        if (known(path).contains("Bonded"))
-            properties.insert("Paired", known(path).value("Bonded"));
+        if (known(path).contains("Paired"))
+            properties.insert("Paired", known(path).value("Bonded", known(path).value("Paired")));
+        properties.insert("Services", objectPaths({}));
         return properties;
     }
 

@@ -249,7 +249,11 @@ private:
         if (qEnvironmentVariableIsSet("BLUEZHOSTNAME"))
             set(path, Adapter1, "Alias", qEnvironmentVariable("BLUEZHOSTNAME"));
         set(path, Adapter1, "DiscoverableTimeout", 0u);
-        set(path, Adapter1, "Powered", true); // refused where the radio is blocked
+        set(path, Adapter1, "Powered", true, [](const QDBusMessage &answer) {
+            if (!answer.errorName().isEmpty())
+                warn("the radio cannot be switched on, rfkill may block it: "
+                     + answer.errorMessage());
+        });
         setDeviceClass(path);
         const auto answered = [=](const QDBusMessage &answer) {
             m_hasEndpoint = answer.errorName().isEmpty();

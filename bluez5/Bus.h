@@ -40,7 +40,8 @@ inline void quitOnTermination()
 /** Where BlueZ 5 is. For the service, and so for what it starts, the system's is the product's. */
 inline QDBusConnection machineBus()
 {
-    return QDBusConnection::connectToBus(qEnvironmentVariable("ULMO_MACHINE_BUS_ADDRESS"),
+    const QString usual = "unix:path=/run/dbus/system_bus_socket";
+    return QDBusConnection::connectToBus(qEnvironmentVariable("ULMO_MACHINE_BUS_ADDRESS", usual),
                                          "machine");
 }
 
