@@ -1,51 +1,279 @@
 // The bridge's face towards the service: BlueZ 4, as far as the service knows it.
-#ifndef BLUEZ4_H
-#define BLUEZ4_H
+#pragma once
 
 #include "Bluez5.h"
 
-/**
- * org.bluez.Manager, Adapter, Device and AudioSource on the product's bus, at the paths of BlueZ 5.
- * What BlueZ 5 has is compared with what was told, and the difference told in BlueZ 4's order. What
- * is known to send no sound, a keyboard say, is left out: the service would keep the place for it.
- */
+// In milliseconds.
+const int ConnectTimeout = 8500; // what BlueZ 4 takes for a phone out of range
+const int ConnectAgain = 500;
+const int LinkTimeout = 1000; // for the word of a link
+
+/** A phone that closes the door on the stream, by BlueZ 5.66 and by 5.82. */
+const QStringList Refusals = {"br-connection-unknown", "br-connection-refused"};
+
+/** Manager, Adapter, Device and AudioSource on the product's bus, at BlueZ 5's paths. */
 class Bluez4 : public QObject
 {
 public:
-    Bluez4(Bluez5 *bluez5, QObject *parent);
+    explicit Bluez4(Bluez5 *bluez5) : m_bluez5(bluez5)
+    {
+        QMetaType::registerComparators<QDBusObjectPath>();
+        QMetaType::registerComparators<QList<QDBusObjectPath>>();
+        connect(bluez5, &Bluez5::changed, this, &Bluez4::update);
+    }
 
-    /** Tells the adapter. To be called when the name org.bluez has been taken. */
-    void begin();
-    /** Answers a call, at once or later; false when there is no such method. */
-    bool handle(const QDBusMessage &call);
-    QStringList connectedPhones() const;
+    /** Answers "interface.method(signature)", at once or later; false when there is none. */
+    bool handle(const QString &method, const QDBusMessage &call)
+    {
+        const Interfaces told = m_told.value(call.path());
+        if (told.contains(call.interface()) && method.endsWith(".GetProperties()"))
+            return send(call.createReply(told[call.interface()]));
+        if (told.contains(Manager) && method == "org.bluez.Manager.DefaultAdapter()")
+            return send(call.createReply(objectPath(m_bluez5->adapter())));
+        if (told.contains(Adapter) && method == "org.bluez.Adapter.ListDevices()")
+            return send(call.createReply(told[Adapter].value("Devices")));
+        if (told.contains(Adapter) && method == "org.bluez.Adapter.RemoveDevice(o)")
+            return removeDevice(call);
+        if (told.contains(Device) && method == "org.bluez.Device.SetProperty(sv)")
+            return setTrusted(call);
+        if (told.contains(Device) && method == "org.bluez.Device.Disconnect()")
+            return disconnectLink(call);
+        return told.contains(AudioSource) && method == "org.bluez.AudioSource.Connect()"
+            && connectSound(call);
+    }
 
 private:
-    struct Phone
-    {
-        QVariantMap told;
-        QString state = "disconnected";
-        QDBusMessage removing;   // the unanswered Adapter.RemoveDevice, if any
-        QDBusMessage connecting; // the unanswered AudioSource.Connect, if any,
-        int attempt = 0;         // and its number, or 0
-    };
+    const QString Manager = "org.bluez.Manager";
+    const QString Adapter = "org.bluez.Adapter";
+    const QString Device = "org.bluez.Device";
+    const QString AudioSource = "org.bluez.AudioSource";
 
-    bool handlePhone(const QString &method, const QDBusMessage &call);
-    bool removePhone(const QDBusMessage &call);
-    bool connectSound(const QDBusMessage &call);
-    void openStream(const QString &path, int attempt, bool isLast);
-    void endConnect(const QString &path, int attempt);
-    QVariantMap adapterProperties() const;
-    QVariantMap deviceProperties(const QString &path) const;
-    void update(const QString &path);
-    void updateAdapter();
-    void updateState(const QString &path);
-    void setState(const QString &path, const QString &state);
+    bool removeDevice(const QDBusMessage &call)
+    {
+        const QVariant path = call.arguments().at(0);
+        const Interfaces told = m_told.value(qvariant_cast<QDBusObjectPath>(path).path());
+        const bool isConnected = told[Device].value("Connected").toBool();
+        if (!told.contains(Device))
+            return refuse(call, "DoesNotExist", "Does Not Exist");
+        // BlueZ 4 answers before it tells that the link has gone, BlueZ 5 after.
+        m_bluez5->call(call.path(), "org.bluez.Adapter1.RemoveDevice", {path},
+                       isConnected ? nullptr : passTo(call));
+        return !isConnected || send(call.createReply());
+    }
+
+    bool setTrusted(const QDBusMessage &call)
+    {
+        const QVariant value = qvariant_cast<QDBusVariant>(call.arguments().at(1)).variant();
+        if (call.arguments().at(0) != "Trusted" || value.userType() != QMetaType::Bool)
+            return refuse(call, "InvalidArguments", "Invalid arguments in method call");
+        m_bluez5->set(call.path(), Device1, "Trusted", value, passTo(call));
+        return true;
+    }
+
+    bool disconnectLink(const QDBusMessage &call)
+    {
+        if (!m_told[call.path()][Device].value("Connected").toBool())
+            return refuse(call, "NotConnected", "Not Connected");
+        tell(call.path(), "org.bluez.Device.DisconnectRequested", {});
+        if (known(call.path()).value("Connected").toBool())
+            m_bluez5->call(call.path(), "org.bluez.Device1.Disconnect", {}, passTo(call));
+        else // BlueZ 5 has missed the link of the stream
+            m_bluez5->call(call.path(), "org.bluez.Device1.DisconnectProfile", {SourceService},
+                           passTo(call));
+        return true;
+    }
+
+    bool connectSound(const QDBusMessage &call)
+    {
+        if (m_connects.contains(call.path()))
+            return refuse(call, "InProgress", "Operation already in progress");
+        if (hasStream(call.path()))
+            return refuse(call, "AlreadyConnected", "Already Connected");
+        m_connects.insert(call.path(), call);
+        tellNews(call.path(), AudioSource, {{"State", "connecting"}});
+        openStream(call.path(), QDeadlineTimer(ConnectTimeout), false);
+        return true;
+    }
+
+    /**
+     * A phone's kernel may refuse the stream while it does not yet take the link for encrypted.
+     * That passes; but after an error the service would forget the phone. So it is tried twice.
+     */
+    void openStream(const QString &path, const QDeadlineTimer &deadline, bool isLast)
+    {
+        const auto again = [=] { openStream(path, deadline, true); };
+        const auto answered = [=](const QDBusMessage &reply) {
+            if (!isLast && Refusals.contains(reply.errorMessage()))
+                return QTimer::singleShot(ConnectAgain, this, again);
+            if (reply.errorName() == "org.freedesktop.DBus.Error.NoReply")
+                m_bluez5->call(path, "org.bluez.Device1.Disconnect", {}); // it would go on
+            endConnect(path);
+        };
+        m_bluez5->call(path, "org.bluez.Device1.ConnectProfile", {SourceService}, answered,
+                       int(deadline.remainingTime()));
+    }
+
+    /** With success if there is a stream by now, whoever has made it. */
+    void endConnect(const QString &path)
+    {
+        if (!m_connects.contains(path))
+            return;
+        const QDBusMessage call = m_connects.take(path);
+        if (hasStream(path))
+            send(call.createReply());
+        else
+            refuse(call, "Failed", "Stream setup failed");
+        // The service keeps the place for a phone that was connecting until it hears that the link
+        // has gone, and would hear nothing of a link that never was.
+        if (!m_told[path][Device].value("Connected").toBool())
+            m_told[path][Device].remove("Connected");
+        updatePhone(path);
+    }
+
+    void update(const QString &changed)
+    {
+        const QString adapter = m_bluez5->adapter();
+        const QString path = Bluez5::phoneOf(changed);
+        if (m_told.isEmpty() && m_bluez5->isReady())
+            begin();
+        if (m_told.isEmpty())
+            return;
+        if (!m_told.contains(path) && m_bluez5->isPhone(path)) {
+            show(path);
+            tell(adapter, "org.bluez.Adapter.DeviceCreated", {objectPath(path)});
+        }
+        tellNews(adapter, Adapter, adapterProperties());
+        if (!m_told.value(path).contains(Device))
+            return;
+        updatePhone(path);
+        if (!known(path).isEmpty())
+            return;
+        m_told.remove(path);
+        tellNews(adapter, Adapter, adapterProperties());
+        tell(adapter, "org.bluez.Adapter.DeviceRemoved", {objectPath(path)});
+    }
+
+    /** Not before BlueZ 5 is ready: a missing adapter shows as the service's own time-out. */
+    void begin()
+    {
+        const QString adapter = m_bluez5->adapter();
+        if (!QDBusConnection::systemBus().registerService("org.bluez"))
+            fail("another daemon has the name org.bluez on the product's bus");
+        for (const QString &path : m_bluez5->paths()) {
+            if (m_bluez5->isPhone(path))
+                show(path);
+        }
+        m_bluez5->cutLinks(); // the service never heard of them, and would not look after them
+        m_told[adapter][Adapter] = adapterProperties();
+        tell("/", "org.bluez.Manager.AdapterAdded", {objectPath(adapter)});
+        tellNews("/", Manager, {{"Adapters", objectPaths({adapter})}});
+        tell("/", "org.bluez.Manager.DefaultAdapterChanged", {objectPath(adapter)});
+    }
+
+    /** Not connected, whatever BlueZ 5 has, until it is updated. */
+    void show(const QString &path)
+    {
+        m_told[path][Device] = deviceProperties(path);
+        m_told[path][Device].insert("Connected", false);
+        m_told[path][AudioSource].insert("State", "disconnected");
+    }
+
+    void updatePhone(const QString &path)
+    {
+        const QVariantMap device = deviceProperties(path);
+        const QString stream = m_bluez5->stream();
+        // Of a phone that is quick, BlueZ 5 hears of the link after the stream, or never.
+        if (hasStream(path) && !known(path).value("Connected").toBool() && m_awaited != stream) {
+            QTimer::singleShot(LinkTimeout, this, [=] {
+                m_awaited = stream;
+                update(path);
+            });
+            return;
+        }
+        if (known(path).isEmpty())
+            endConnect(path);
+        // Sound begins after the link and ends before it: who has forgotten a phone with its link
+        // would keep the place for it after a word of its sound.
+        if (device.value("Connected").toBool())
+            tellNews(path, Device, device);
+        // While the unit connects, BlueZ 4 tells no more than that, and the rest after its answer.
+        if (!m_connects.contains(path))
+            updateState(path);
+        tellNews(path, Device, device);
+    }
+
+    void updateState(const QString &path)
+    {
+        const Interfaces stream = m_bluez5->interfaces(m_bluez5->stream());
+        const QVariant sound = stream[MediaTransport1].value("State");
+        const bool plays = sound == "pending" || sound == "active";
+        if (!hasStream(path))
+            return tellNews(path, AudioSource, {{"State", "disconnected"}});
+        if (m_told[path][AudioSource].value("State") == "disconnected")
+            tellNews(path, AudioSource, {{"State", "connecting"}});
+        tellNews(path, AudioSource, {{"State", plays ? "playing" : "connected"}});
+    }
+
+    void tellNews(const QString &path, const QString &interface, const QVariantMap &properties)
+    {
+        const QVariantMap changes = news(&m_told[path][interface], properties);
+        for (const QString &name : changes.keys())
+            tell(path, interface + ".PropertyChanged",
+                 {name, QVariant::fromValue(QDBusVariant(changes.value(name)))});
+    }
+
+    // What BlueZ 5 has, by BlueZ 4's names
+
+    QVariantMap known(const QString &path) const { return m_bluez5->interfaces(path)[Device1]; }
+
+    bool hasStream(const QString &path) const
+    {
+        return path == Bluez5::phoneOf(m_bluez5->stream());
+    }
+
+    QVariantMap deviceProperties(const QString &path) const
+    {
+        QVariantMap properties =
+            select(known(path), "Adapter Address Alias Blocked Class Icon Name Trusted UUIDs");
+        properties.insert("Connected", known(path).value("Connected").toBool() || hasStream(path));
+        // The bond comes with the key, as in BlueZ 4, BlueZ 5's own "Paired" with the services.
+        if (known(path).contains("Paired"))
+            properties.insert("Paired", known(path).value("Bonded", known(path).value("Paired")));
+        properties.insert("Services", objectPaths({}));
+        return properties;
+    }
+
+    QVariantMap adapterProperties() const
+    {
+        const QVariantMap known = m_bluez5->interfaces(m_bluez5->adapter())[Adapter1];
+        QVariantMap properties = select(known,
+                                        "Address Class Discoverable DiscoverableTimeout "
+                                        "Discovering Pairable PairableTimeout Powered");
+        properties.insert("Name", known.value("Alias"));
+        properties.insert("Devices", objectPaths(QStringList(m_told.keys()).filter("/dev_")));
+        return properties;
+    }
+
+    static QVariantMap select(const QVariantMap &properties, const QString &names)
+    {
+        QVariantMap selected;
+        for (const QString &name : names.split(' ')) {
+            if (properties.contains(name))
+                selected.insert(name, properties.value(name));
+        }
+        return selected;
+    }
+
+    static QVariant objectPaths(const QStringList &paths)
+    {
+        QList<QDBusObjectPath> objects;
+        for (const QString &path : paths)
+            objects << QDBusObjectPath(path);
+        return QVariant::fromValue(objects);
+    }
 
     Bluez5 *const m_bluez5;
-    QVariantMap m_adapterTold;
-    QMap<QString, Phone> m_phones;
-    int m_attempts = 0;
+    QMap<QString, Interfaces> m_told; // by path
+    QString m_awaited; // the stream whose link has been waited for
+    QMap<QString, QDBusMessage> m_connects; // the unanswered AudioSource.Connect, by path
 };
-
-#endif

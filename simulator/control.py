@@ -272,20 +272,16 @@ class Control:
     def _help(self, words: Words, _: Done) -> str:
         wanted = words[1] if words[1:] else "help"
         topic = COMMANDS[wanted].topic if wanted in COMMANDS else wanted
-        commands = {name: command for name, command in COMMANDS.items() if command.topic == topic}
         if wanted != "help":
             return "\n".join([TOPICS[topic], *(
                 described(f"  {name} {command.parameters}", command.help)
-                for name, command in commands.items() if command.help)])
+                for name, command in COMMANDS.items() if command.topic == topic and command.help)])
         return "\n".join(
             ['The product can be told this; "help TOPIC" or "help COMMAND" says more.']
             + [textwrap.fill(" ".join(name for name, command in COMMANDS.items()
                                       if command.topic == topic), 79,
                              initial_indent=f"  {topic:8}", subsequent_indent=" " * 10)
                for topic in TOPICS])
-
-    def _quit(self, _: Words, __: Done) -> None:
-        self._product.quit()
 
 
 def of_bluez(act: Callable[[BlueZ, Words], object]) -> Callable[[Control, Words, Done], object]:
@@ -333,7 +329,7 @@ COMMANDS = {
     "journal": Command("product", "[N]", "the last N entries", Control._journal),
     "note": Command("product", "[TEXT...]", "for the journal alone", lambda *_: None),
     "help": Command("product", "[TOPIC|COMMAND]", "", Control._help),
-    "quit": Command("product", "", "ends all", Control._quit),
+    "quit": Command("product", "", "ends all", lambda control, *_: control._product.quit()),
     "follow": Command("product", "", "the journal as it goes on", None),
     "unfollow": Command("product", "", "no more of it", None),
     "draw": Command("product", "", "timeline and sound, as far as it has come", None),
@@ -382,10 +378,8 @@ class Client:
 
     def _send(self, line: bytes) -> None:
         """Sends what the other end takes now; the rest when it takes more."""
-        is_behind = bool(self._to_send)
         self._to_send += line + b"\n"
-        if not is_behind:
-            self._flush()
+        self._flush()
 
     def _flush(self) -> None:
         try:

@@ -49,22 +49,6 @@ def check() -> int:
     return subprocess.run([LAUNCHER, "--check"], check=False).returncode
 
 
-def connect(out: Path) -> "Connection":
-    """Connects to the product whose folder is out. A socket's path must be short, the way to it
-    need not."""
-    connection = socket.socket(socket.AF_UNIX)
-    try:
-        folder = os.open(out, os.O_PATH | os.O_DIRECTORY)
-        try:
-            connection.connect(f"/proc/self/fd/{folder}/control")
-        finally:
-            os.close(folder)
-    except OSError as error:
-        connection.close()
-        raise Ended(f"no virtual product runs in {out}") from error
-    return Connection(connection)
-
-
 def styled(text: str, style: str) -> str:
     """Text in a style of ECMA-48, such as "31", where standard output can show it."""
     plain = "NO_COLOR" in os.environ or os.environ.get("TERM") == "dumb" or not style
@@ -84,11 +68,21 @@ def draw(out: Path) -> Answer:
 
 
 class Connection:
-    """The control socket: one JSON object per line both ways."""
+    """The control socket of the product whose folder is out: one JSON object per line both ways."""
 
-    def __init__(self, connection: socket.socket) -> None:
-        self._socket = connection
+    def __init__(self, out: Path) -> None:
+        self._socket = socket.socket(socket.AF_UNIX)
         self._received = b""
+        try:
+            # A socket's path must be short, the way to it need not.
+            folder = os.open(out, os.O_PATH | os.O_DIRECTORY)
+            try:
+                self._socket.connect(f"/proc/self/fd/{folder}/control")
+            finally:
+                os.close(folder)
+        except OSError as error:
+            self.close()
+            raise Ended(f"no virtual product runs in {out}") from error
 
     def fileno(self) -> int:
         return self._socket.fileno()
@@ -175,8 +169,8 @@ class Product:
         return product
 
     def _open(self) -> None:
-        self._control = connect(self.out)
-        self._following = connect(self.out)
+        self._control = Connection(self.out)
+        self._following = Connection(self.out)
         self._entries: list[Entry] = []
         self._following.send({"follow": True})
 
@@ -229,7 +223,7 @@ class Product:
         status = 0
         if self._launcher:
             try:
-                connect(self.out).send({"tell": "quit"})
+                Connection(self.out).send({"tell": "quit"})
             except Ended:
                 # It does not listen yet, or any more.
                 self._launcher.send_signal(signal.SIGTERM)

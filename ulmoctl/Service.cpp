@@ -47,7 +47,7 @@ Outcome errorOutcome(const QDBusConnection &bus, const QDBusMessage &error, int 
 
 } // namespace
 
-QDBusConnection connectToBus()
+QDBusConnection serviceBus()
 {
     if (qgetenv(AddressVariable).isEmpty())
         qputenv(AddressVariable, ProductAddress);

@@ -7,7 +7,7 @@
 #include "Outcome.h"
 
 /** The session bus of the environment or, if that names none, the product's. */
-QDBusConnection connectToBus();
+QDBusConnection serviceBus();
 
 /** What to tell when that failed. */
 Outcome withoutBus(const QDBusConnection &bus);

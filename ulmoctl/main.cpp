@@ -47,7 +47,7 @@ int run(const QStringList &arguments)
         return Done;
     }
 
-    const QDBusConnection bus = connectToBus();
+    const QDBusConnection bus = serviceBus();
     if (bus.isConnected() && line.is("watch"))
         return watch(bus, line.has("--json"));
     const Outcome outcome = bus.isConnected() ? runCommand(bus, line) : withoutBus(bus);

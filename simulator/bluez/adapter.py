@@ -38,8 +38,8 @@ class Adapter:
         self._sink_owner: Device | None = None
         self._agent = ""  # its bus name
         self._agent_path = ""
-        self._question: int | None = None
-        self._asker: Device | None = None
+        self._asker: Device | None = None  # for whom the agent is asked
+        self._question = 0  # the number of that call
 
     # ---- the daemon
 
@@ -69,8 +69,7 @@ class Adapter:
 
     def vanish(self) -> None:
         """The daemon has gone, with its connection to the bus."""
-        self._bus = None
-        self._question = None
+        self._bus = self._asker = None
         self.forget_agent()
         for device in self._devices:
             device.retire()
@@ -147,12 +146,12 @@ class Adapter:
                   answer: AgentsAnswer) -> None:
         """Calls it for device with more values. It is asked one thing at a time, and refuses
         whatever else comes meanwhile."""
-        if not self._agent or self._question is not None:
+        if not self._agent or self._asker:
             answer(False, "")
             return
 
         def answered(reply: Reply) -> None:
-            self._question = None
+            self._asker = None
             answer(not reply.error, str(reply.values[0]) if reply.values else "")
         self._asker = device
         self._question = self._call_agent(member, "o" + signature, (device.path, *values), answered)
@@ -164,10 +163,10 @@ class Adapter:
 
     def cancel_question(self, device: Device) -> None:
         """What was asked for device is void: the agent gets Cancel, nobody an answer."""
-        if self._question is None or self._asker is not device:
+        if self._asker is not device:
             return
         self._bus.drop(self._question)
-        self._question = None
+        self._asker = None
         if self._agent:
             self._call_agent("Cancel")
 
@@ -221,13 +220,17 @@ class Adapter:
     # ---- devices
 
     def add(self, device: Device, announced: bool = True) -> None:
-        """It is on the bus; announced unless it is known from before."""
+        """It is on the bus, if it was not; announced unless it is known from before."""
+        if device in self._devices:
+            return
         self._devices.append(device)
         if announced:
             self.emit(self.path, "Adapter.DeviceCreated", "o", device.path)
             self._changed("Devices", ("ao", self._device_paths()))
 
     def remove(self, device: Device) -> None:
+        if device not in self._devices:
+            return
         self._devices.remove(device)
         self._changed("Devices", ("ao", self._device_paths()))
         self.emit(self.path, "Adapter.DeviceRemoved", "o", device.path)

@@ -95,21 +95,16 @@ class Audio:
         else:
             self._has_dead_session = False
             self._connect = call
-            self._connect_as_asked()
-
-    def _connect_as_asked(self) -> None:
-        if self._phase == Phase.WAITING:
-            self._configure(QUESTIONS)
-        if self._phase != Phase.IDLE:
-            return  # joins what is being set up
-        self._phase = Phase.CONNECTING
-        self._device.link_users_changed()
-        # Before the link can exist: "connecting" always precedes Connected = true here.
-        self._set_state("connecting")
-        if self._device.is_link_up:
-            self._open_signalling()
-        else:
-            self._device.page(lambda is_up: self._open_signalling() if is_up else self._end(2))
+            # In other phases it joins what is being set up.
+            if self._phase == Phase.WAITING:
+                self._configure(QUESTIONS)
+            elif self._phase == Phase.IDLE:
+                self._phase = Phase.CONNECTING
+                self._device.link_users_changed()
+                # Before the link can exist: "connecting" always precedes Connected = true here.
+                self._set_state("connecting")
+                self._device.page(
+                    lambda is_up: self._open_signalling() if is_up else self.hang_up(2))
 
     def _disconnect_called(self, call: Call) -> None:
         is_alive = self._phase not in (Phase.IDLE, Phase.DYING)
@@ -135,7 +130,7 @@ class Audio:
         # Failures before the signalling channel is usable are signalled twice.
         self._next.start(CHANNEL_SETUP, lambda: self._configure(QUESTIONS)
                          if self._phone.is_bonded and self._phone.answer != "refuse"
-                         else self._end(2))
+                         else self.hang_up(2))
 
     def _configure(self, questions: int) -> None:
         """The unit asks the next of its questions and those that follow."""
@@ -157,7 +152,7 @@ class Audio:
     def _ask(self, answered: Action) -> None:
         """Has answered done when the phone answers, or gives the connection up."""
         if self._phone.answer == "ignore":
-            self._next.start(ANSWER_LIMIT, lambda: self._end(1, "the phone does not answer"))
+            self._next.start(ANSWER_LIMIT, lambda: self.hang_up(1, "the phone does not answer"))
         else:
             self._next.start(ANSWER, answered)
 
@@ -185,7 +180,7 @@ class Audio:
                 self._authorised()
             else:
                 self._phone.note("refused", "nobody authorises its audio")
-                self._end(1)
+                self.hang_up()
         self._adapter.ask_agent(self._device, "Authorize", "s", (ADVANCED,), answered)
 
     def _authorised(self) -> None:
@@ -250,27 +245,23 @@ class Audio:
 
     # ---- the end
 
-    def hang_up(self) -> None:
-        """The signalling channel is closed."""
-        self._end(1)
-
     def link_lost(self, by_unit: bool) -> None:
         """The daemon notices a little later. After Device.Disconnect, by the unit, a Connect that
         comes before that fails."""
         self._phase = Phase.DYING
         self._adapter.release_sink(self._device)
+        self._disconnected_at = time.monotonic() if by_unit else 0.0
         if by_unit:
-            self._disconnected_at = time.monotonic()
             self._next.start_real(DISCONNECT_NOTICED, self.hang_up)
         else:
-            self._disconnected_at = 0.0
             self._next.start(HANG_UP_NOTICED, self.hang_up)
 
     def notice_hang_up(self) -> None:
         if self._phase == Phase.DYING:
-            self._end(1)
+            self.hang_up()
 
-    def _end(self, times: int, why: str = "") -> None:
+    def hang_up(self, times: int = 1, why: str = "") -> None:
+        """The signalling channel is closed, which is signalled so many times."""
         self._phase = Phase.IDLE
         self._next.stop()
         self._phone.set_stream("", why)

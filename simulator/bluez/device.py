@@ -43,14 +43,13 @@ class Device:
         self.is_trusted = False
         self.is_link_up = False
         self.is_pairing = False
-        self._exists = False  # on the bus
         self._paired = False  # the property: the bond as far as it was signalled
         self._name_known = False  # even without the device
         self._connected = False  # the property: the link as far as it was signalled
         self._search = Search.NONE
         self._uuids: list[str] = []
-        self._disconnect_calls: list[Call] = []
-        self._removal: Call | None = None
+        self._disconnect_calls: list[Call] = []  # answered when the link ends
+        self._is_unwanted = False  # after RemoveDevice
         self._page_waiters: list[Callable[[bool], None]] = []
         self._disconnect = Timer()
         self._link = Timer()  # until it is up, or dropped for want of users
@@ -65,7 +64,6 @@ class Device:
         self.is_bonded = self.phone.is_bonded = self._paired = self._name_known = True
         self.is_trusted = trusted
         self._uuids = [SOURCE]
-        self._exists = True
         self.adapter.add(self, announced=False)
 
     def has_service(self, uuid: str) -> bool:
@@ -83,8 +81,7 @@ class Device:
             self._set_property(call)
         elif call.method == "Device.Disconnect()":
             if self._connected:
-                self._disconnect_calls.append(call)
-                self._request_disconnect()
+                self._request_disconnect(call)
             else:
                 call.fail("NotConnected")
         elif not self.has_service(SOURCE) or not self.audio.handle(call):
@@ -107,9 +104,7 @@ class Device:
 
     def link_up(self, announced: bool = True) -> None:
         """It has come up; signalled unless the daemon is to hear of something else first."""
-        if not self._exists:
-            self._exists = True
-            self.adapter.add(self)
+        self.adapter.add(self)
         # Whatever is left of the link before is noticed now.
         self.audio.notice_hang_up()
         self.is_link_up = True
@@ -130,17 +125,17 @@ class Device:
             self._changed("Alias", ("s", self.phone.name))
 
     def page(self, done: Callable[[bool], None]) -> None:
-        """Pages the phone; done gets whether the link is up then."""
-        self._page_waiters.append(done)
-        if self._link.is_active:
-            return
-
+        """Pages the phone unless the link is up; done gets whether it is up then."""
         def answered() -> None:
             if self.phone.is_in_range and self.adapter.is_powered:
                 self.link_up()
             else:
                 self._finish_page()
-        self._link.start(LINK_SETUP if self.phone.is_in_range else PAGE_TIMEOUT, answered)
+        self._page_waiters.append(done)
+        if self.is_link_up:
+            self._finish_page()
+        elif not self._link.is_active:
+            self._link.start(LINK_SETUP if self.phone.is_in_range else PAGE_TIMEOUT, answered)
 
     def _finish_page(self) -> None:
         waiters, self._page_waiters = self._page_waiters, []
@@ -160,7 +155,7 @@ class Device:
         if self._search == Search.BROWSING:
             self._search = Search.NONE
 
-        by_unit = bool(self._disconnect_calls or self._removal)
+        by_unit = bool(self._disconnect_calls)
         had_audio = self.audio.is_active
         if had_audio and self.adapter.audio_first:
             self.audio.hang_up()
@@ -168,13 +163,11 @@ class Device:
         for call in self._disconnect_calls:
             call.reply()
         self._disconnect_calls = []
-        if self._removal:
-            self._removal.reply()
         if self._connected:
             self._connected = False
             self._changed("Connected", ("b", False))
-        if self._removal or not self.is_bonded:
-            self._remove()
+        if self._is_unwanted or not self.is_bonded:
+            self.remove()
         elif had_audio and not self.adapter.audio_first:
             self.audio.link_lost(by_unit)
 
@@ -187,31 +180,27 @@ class Device:
         elif not self._link.is_active:
             self._link.start(LINK_IDLE, lambda: self.drop_link("nobody uses the link"))
 
-    def _request_disconnect(self) -> None:
+    def _request_disconnect(self, call: Call) -> None:
+        self._disconnect_calls.append(call)
         # The stream is not closed first: whatever the phone does in these 2 s still happens.
-        if self._disconnect.is_active:
-            return
-        self.adapter.emit(self.path, "Device.DisconnectRequested")
-        self._disconnect.start(DISCONNECT_DELAY, lambda: self.drop_link("the unit disconnects"))
+        if not self._disconnect.is_active:
+            self.adapter.emit(self.path, "Device.DisconnectRequested")
+            self._disconnect.start(DISCONNECT_DELAY, lambda: self.drop_link("the unit disconnects"))
 
     def remove_on(self, call: Call) -> None:
         """Adapter.RemoveDevice."""
-        if not self.is_bonded or self._removal or self._search != Search.NONE:
+        if not self.is_bonded or self._is_unwanted or self._search != Search.NONE:
             call.fail("DoesNotExist", "Device creation in progress")
         elif self._connected:
-            self._removal = call
-            self._request_disconnect()
+            self._is_unwanted = True
+            self._request_disconnect(call)
         else:
             self.audio.notice_hang_up()
-            self._remove()
+            self.remove()
             call.reply()
 
-    def forget(self) -> None:
-        """The daemon does not know it any more, as if somebody had removed it."""
-        if self._exists:
-            self._remove()
-
-    def _remove(self) -> None:
+    def remove(self) -> None:
+        """The daemon does not know it any more."""
         self.is_bonded = False
         self.adapter.remove(self)
         self.retire()
@@ -225,12 +214,11 @@ class Device:
             timer.stop()
         self._page_waiters = []
         self._disconnect_calls = []
-        self._removal = None
         self._search = Search.NONE
-        self.is_link_up = self._connected = self.is_pairing = False
+        self.is_link_up = self._connected = self.is_pairing = self._is_unwanted = False
         if not self.is_bonded:
             # Nothing is left of it, for as long as it does not come again.
-            self._exists = self._paired = self.is_trusted = False
+            self._paired = self.is_trusted = False
             self._uuids = []
 
     # ---- pairing
@@ -276,10 +264,7 @@ class Device:
 
     def _start_search(self) -> None:
         self._search = Search.PAGING
-        if self.is_link_up:
-            self._browse(True)
-        else:
-            self.page(self._browse)
+        self.page(self._browse)
 
     def _browse(self, is_linked: bool) -> None:
         self._search = Search.BROWSING if is_linked else Search.NONE

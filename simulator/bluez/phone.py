@@ -5,15 +5,13 @@ from __future__ import annotations
 from typing import Callable, NamedTuple
 
 from bluez.adapter import Adapter
-from bluez.audio import ADVANCED, SOURCE
-from bluez.device import Device
+from bluez.audio import ADVANCED, CHANNEL_SETUP, SOURCE
+from bluez.device import LINK_SETUP, Device
 from core.journal import Journal
 from core.loop import Action, Timer
 from core.words import Refused, unknown_word
 
 # Milliseconds of product time.
-LINK_SETUP = 40
-CHANNEL_SETUP = 20
 REACTION = 100  # between two steps of its own
 AUDIO_AFTER_PAIRING = 500  # of a usual phone
 AUTO_PLAY = 350  # from an open stream to one that plays by itself
@@ -53,7 +51,8 @@ class Phone:
         verb = VERBS.get(words[0])
         if not verb:
             raise unknown_word("phone verb", words[0], VERBS)
-        if not verb.takes(words[1:]):
+        choices = verb.argument.split("|")
+        if len(words) - 1 != bool(verb.argument) or len(choices) > 1 and words[1] not in choices:
             raise Refused(f"{words[0]} {verb.argument}".strip())
         verb.check(self)
         verb.act(self, *words[1:])
@@ -185,21 +184,14 @@ class Phone:
         """Pause, stream, signalling channel, link: each step only if there is something to end."""
         if self.stream == "playing":
             self.pause()
-        if not self.stream:
-            self._close_signalling_and_leave()
-            return
-
-        def close_stream() -> None:
+        elif self.stream:
             self.device.audio.close_stream()
-            self._step.start(REACTION, self._close_signalling_and_leave)
-        self._step.start(REACTION, close_stream)
-
-    def _close_signalling_and_leave(self) -> None:
-        if not self.device.audio.is_active:
+        elif self.device.audio.is_active:
+            self.device.audio.hang_up()
+        else:
             self.device.drop_link("the phone leaves")
             return
-        self.device.audio.hang_up()
-        self._step.start(REACTION, lambda: self.device.drop_link("the phone leaves"))
+        self._step.start(REACTION, self.leave)
 
     def go_out_of_range(self) -> None:
         self.is_in_range = False
@@ -208,7 +200,7 @@ class Phone:
 
     def remove(self) -> None:
         self.go_out_of_range()
-        self.device.forget()
+        self.device.remove()
 
     # ---- what the unit finds and does
 
@@ -240,11 +232,7 @@ class Phone:
         for listener in self.stream_changed:
             listener(self)
         if not was_open and self.auto_play == "on":
-            self._step.start(AUTO_PLAY, self._play_by_itself)
-
-    def _play_by_itself(self) -> None:
-        if self.stream == "paused":
-            self.play()
+            self._step.start(AUTO_PLAY, lambda: self.stream == "paused" and self.play())
 
     def note(self, state: str, why: str = "") -> None:
         """Writes a state to the journal, with the reason why."""
@@ -260,11 +248,6 @@ class Verb(NamedTuple):
     act: Callable[..., None]
     check: Callable[[Phone], None] = lambda phone: None
     argument: str = ""
-
-    def takes(self, words: list[str]) -> bool:
-        if len(words) != bool(self.argument):
-            return False
-        return "|" not in self.argument or words[0] in self.argument.split("|")
 
 
 def sets(name: str, *value: object) -> Callable[..., None]:

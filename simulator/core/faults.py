@@ -16,14 +16,10 @@ STANDING = ("missing", "absent", "no-name", "adapter-delay")
 
 @dataclass
 class Behaviour:
-    """How a target behaves for once: "exit" with value "3", "never", ...; false when nothing is
-    wrong."""
+    """How a target behaves for once: "exit" with value "3", "never", ..."""
 
-    name: str = ""
+    name: str = ""  # empty when nothing is wrong
     value: str = ""  # what stands after "=", else empty
-
-    def __bool__(self) -> bool:
-        return bool(self.name)
 
     @property
     def number(self) -> int:
@@ -123,10 +119,10 @@ class Faults:
                 return fault.behaviour
         return Behaviour()
 
-    def standing(self, target: str, name: str) -> Behaviour:
+    def standing(self, target: str, name: str) -> Behaviour | None:
         """What holds until it is cleared, and next() never gives."""
         return next((fault.behaviour for fault in self._faults
-                     if fault.target == target and fault.behaviour.name == name), Behaviour())
+                     if fault.target == target and fault.behaviour.name == name), None)
 
     def guard(self, handle: Callable[[Call], None]) -> Callable[[Call], None]:
         """handle, of calls to BlueZ, for those that no fault keeps from it."""

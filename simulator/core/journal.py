@@ -25,7 +25,7 @@ class Journal:
         self.record("control", "clock", "- product started", began=began)
 
     def record(self, lane: str, kind: str, line: str, **facts: Any) -> None:
-        """Writes an entry of a lane ("bluez", ...) and a kind ("signal", ...), with the time."""
+        """Writes an entry of a lane ("bus", ...) and a kind ("signal", ...), with the time."""
         stamp = round(time.monotonic() - self._began, 6)
         text = to_json({"time": stamp, "lane": lane, "kind": kind, "line": line, **facts})
         entry = text.encode(errors="replace")

@@ -71,12 +71,11 @@ class Timer:
         self.start_real(milliseconds * time_scale, action)
 
     def start_real(self, milliseconds: float, action: Action) -> None:
+        def fire() -> None:
+            self._shot = None
+            action()
         self.stop()
-        self._shot = _timers.enter(milliseconds / 1000, 0, lambda: self._fire(action))
-
-    def _fire(self, action: Action) -> None:
-        self._shot = None
-        action()
+        self._shot = _timers.enter(milliseconds / 1000, 0, fire)
 
     def stop(self) -> None:
         if self._shot:

@@ -22,7 +22,6 @@ PROGRAM_FOLDER = Path("/run/product/bin")
 REAL_PROGRAMS = "/run/product/host/bin/"
 PULSE_PID = Path("/var/run/pulse/pid")
 DAEMONS = ("bluetoothd", "agent", "pulseaudio")
-LANES = {"bluetoothd": "bluez", "agent": "agent", "pulseaudio": "pulse", "pactl": "pulse"}
 #: PulseAudio's module for BlueZ 4, which Debian has no more: the product makes the phone's source.
 DISCOVERY = "module-bluetooth-discover"
 END_DELAY = 0.02  # seconds it takes a daemon to end; the real ones need 10 to 50 ms
@@ -83,9 +82,7 @@ class Programs:
         self._real_pulse = real_pulse
         self._files = {file.name: os.readlink(file) for file in PROGRAM_FOLDER.iterdir()}
         self._stubs: list[Stub] = []  # in the order of their start
-        self._bluetoothd: Stub | None = None  # the one that serves, and so on
-        self._agent: Stub | None = None
-        self._pulse: Stub | None = None
+        self._serving: dict[str, Stub] = {}  # of the daemons by their names
         # The scripted sound server.
         self._discovery = False
         self._loopback = ""  # the source that it takes
@@ -126,17 +123,13 @@ class Programs:
 
     def system_bus_lost(self) -> None:
         """What cannot live without it ends too."""
-        if self._bluetoothd:
-            self._bluez.stop(orderly=False)
-            self._bluetoothd.exit(1)
-        if self._agent:
-            self._bluez.stop_agent(orderly=False)
-            self._agent.exit(1)
-        self._bluetoothd = self._agent = None
+        for name in ("bluetoothd", "agent"):
+            if stub := self._serving.get(name):
+                self._stop_serving(stub, orderly=False)
+                stub.exit(1)
 
     def _agent_exited(self, status: int) -> None:
-        agent, self._agent = self._agent, None
-        if agent:
+        if agent := self._serving.pop("agent", None):
             loop.later(END_DELAY, lambda: agent.exit(status))
 
     def _accept(self) -> None:
@@ -165,21 +158,19 @@ class Programs:
             self._ended(stub)
 
     def _take(self, stub: Stub, texts: list[str]) -> None:
-        if not stub.name:
-            stub.name, stub.host_name, *stub.arguments = texts
-            self.about_to_speak()
-            mark = "&" if stub.name in DAEMONS else "$"
-            self._record(stub, "start", [mark, stub.name, *stub.arguments],
-                         arguments=stub.arguments)
-            self._started(stub)
-        else:
+        self.about_to_speak()
+        if stub.name:
             # There is nothing else that it tells.
-            self.about_to_speak()
             self._termination_requested(stub)
+            return
+        stub.name, stub.host_name, *stub.arguments = texts
+        mark = "&" if stub.name in DAEMONS else "$"
+        self._record(stub, "start", [mark, stub.name, *stub.arguments], arguments=stub.arguments)
+        self._started(stub)
 
     def _record(self, stub: Stub, kind: str, words: list[str], **facts: object) -> None:
-        self._journal.record(LANES.get(stub.name, "tool"), kind, " ".join(words),
-                             program=stub.name, pid=stub.pid, **facts)
+        self._journal.record("program", kind, " ".join(words), program=stub.name, pid=stub.pid,
+                             **facts)
 
     def _started(self, stub: Stub) -> None:
         fault = self._faults.next(stub.name, " ".join(stub.arguments))
@@ -210,19 +201,19 @@ class Programs:
     def _start_on_bus(self, stub: Stub) -> None:
         # There can be one at a time, and none without a bus.
         try:
-            if stub.name == "agent" and not self._agent:
-                self._bluez.start_agent(stub.arguments)
-                self._agent = stub
-            elif stub.name == "bluetoothd" and not self._bluetoothd:
-                self._bluez.start(stub.pid, stub.host_name)
-                self._bluetoothd = stub
-            else:
+            if stub.name in self._serving:
                 stub.exit(1)
+                return
+            if stub.name == "agent":
+                self._bluez.start_agent(stub.arguments)
+            else:
+                self._bluez.start(stub.pid, stub.host_name)
+            self._serving[stub.name] = stub
         except OSError:
             stub.exit(1)
 
     def _start_pulseaudio(self, stub: Stub) -> None:
-        self._pulse = stub
+        self._serving[stub.name] = stub
         if self._real_pulse:
             stub.end = {}
             stub.order("become", REAL_PROGRAMS + stub.name, os.environ.get("PRODUCT_ONE_GROUP", ""))
@@ -244,7 +235,7 @@ class Programs:
     def _run_pactl(self, stub: Stub) -> None:
         if self._real_pulse and DISCOVERY not in stub.arguments:
             self._run_real_pactl(stub)
-        elif not self._pulse or not self._load_module(stub.arguments):
+        elif "pulseaudio" not in self._serving or not self._load_module(stub.arguments):
             stub.exit(1)
         else:
             needs_loopback = stub.arguments[0].startswith("set-source-output-")
@@ -284,17 +275,13 @@ class Programs:
     def _termination_requested(self, stub: Stub) -> None:
         if stub.ignores_term:
             return
-        if stub is self._bluetoothd:
-            self._bluez.stop(orderly=True)
-            self._bluetoothd = None
-        elif stub is self._agent:
-            self._bluez.stop_agent(orderly=True)
-            self._agent = None
-        elif stub is self._pulse:
-            PULSE_PID.unlink(missing_ok=True)
-        else:
+        if self._serving.get(stub.name) is not stub:
             stub.end_by(signal.SIGTERM)
             return
+        if stub.name == "pulseaudio":
+            PULSE_PID.unlink(missing_ok=True)
+        else:
+            self._stop_serving(stub, orderly=True)
         loop.later(END_DELAY, lambda: stub.exit(0) if stub in self._stubs else None)
 
     def _ended(self, stub: Stub) -> None:
@@ -303,14 +290,16 @@ class Programs:
                    for key, number in stub.end.items()]
             arguments = [] if stub.name in DAEMONS else stub.arguments
             self._record(stub, "end", [".", stub.name, *arguments, "ended", *how], **stub.end)
-        if stub is self._bluetoothd:
-            self._bluetoothd = None
-            self._bluez.stop(orderly=False)
-        elif stub is self._agent:
-            self._agent = None
-            self._bluez.stop_agent(orderly=False)
-        elif stub is self._pulse:
-            self._pulse = None
+        if self._serving.get(stub.name) is stub:
+            self._stop_serving(stub, orderly=False)
+
+    def _stop_serving(self, stub: Stub, orderly: bool) -> None:
+        del self._serving[stub.name]
+        if stub.name == "bluetoothd":
+            self._bluez.stop(orderly)
+        elif stub.name == "agent":
+            self._bluez.stop_agent(orderly)
+        else:
             self._discovery = False
             self._set_loopback("")
             self._source.set_discovered(False)

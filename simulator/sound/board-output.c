@@ -29,9 +29,8 @@ struct Output
     snd_pcm_ioplug_t plugin;
     int timer; /* a tick per period: the poll descriptor */
     int file;
-    int running;
     int64_t fileTime; /* of the file's first frame: CLOCK_MONOTONIC, nanoseconds */
-    int64_t startTime; /* of the device */
+    int64_t startTime; /* of the device; 0 while it stands still */
     int64_t firstFrame; /* where in the file the device's frame 0 belongs */
     snd_pcm_uframes_t boundary; /* where the device's positions wrap */
 };
@@ -52,7 +51,7 @@ static int64_t framesSince(int64_t time)
 /* Frames heard since the start. */
 static int64_t heard(const struct Output *output)
 {
-    return output->running ? framesSince(output->startTime) : 0;
+    return output->startTime ? framesSince(output->startTime) : 0;
 }
 
 static int setTimer(struct Output *output, int64_t interval)
@@ -66,7 +65,6 @@ static int startOutput(snd_pcm_ioplug_t *plugin)
 {
     struct Output *output = plugin->private_data;
     output->startTime = monotonicTime();
-    output->running = 1;
     return setTimer(output, (int64_t)plugin->period_size * nanoseconds / Rate);
 }
 
@@ -75,9 +73,9 @@ static int stopOutput(snd_pcm_ioplug_t *plugin)
 {
     struct Output *output = plugin->private_data;
     const int64_t end = heard(output);
-    if (!output->running)
+    if (!output->startTime)
         return 0;
-    output->running = 0;
+    output->startTime = 0;
     if (end < (int64_t)plugin->appl_ptr
         && ftruncate(output->file, (output->firstFrame + end) * FrameSize) < 0)
         return -errno;
@@ -100,7 +98,7 @@ static snd_pcm_sframes_t takeFrames(snd_pcm_ioplug_t *plugin, const snd_pcm_chan
     int64_t late = heard(output) - position;
 
     /* The first frames are handed over just before the start. */
-    if (!output->running && position == 0)
+    if (!output->startTime && position == 0)
         output->firstFrame = framesSince(output->fileTime);
     for (late = late < 0 ? 0 : late; late < (int64_t)size;) {
         const int64_t place = (output->firstFrame + position + late) * FrameSize;

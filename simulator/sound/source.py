@@ -27,7 +27,6 @@ class Source:
         self.taken: Callable[[bool], None] = lambda taken: None
         self._journal = journal
         self._phone: Phone | None = None  # whose stream is open; of two the one that came first
-        self._was_playing = False
         self._discovered = False
         self._loader: subprocess.Popen | None = None
         self._module = ""  # the source's number in PulseAudio; empty while there is none
@@ -39,13 +38,12 @@ class Source:
         if self._phone and self._phone is not phone:
             return
         self._phone = phone if phone.stream else None
-        is_playing = phone.stream == "playing"
+        is_fed = self._plays_since is not None
+        if self._phone and self._module and is_fed != (phone.stream == "playing"):
+            self._feed()
+        self._update()
         if not self._phone:
             self._played = 0.0
-        elif self._module and is_playing != self._was_playing:
-            self._feed()
-        self._was_playing = is_playing
-        self._update()
 
     def set_discovered(self, discovered: bool) -> None:
         """PulseAudio has loaded its discovery module, or has ended, and the source with it."""

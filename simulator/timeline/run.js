@@ -87,15 +87,9 @@ function explained(table, line) {
 class Phone {
     lane = [];
     state = null; // by its own word
-    sound = "unheard"; // its state when it plays
     wasLinked = false; // by radio
     stage = "";
     error = "";
-
-    enter(state, entry) {
-        this.state = state;
-        enter(this.lane, state === "playing" ? this.sound : state, entry);
-    }
 
     /** Of a line about it. What the product refuses says something of a phone that is away only. */
     learn(line) {
@@ -171,8 +165,8 @@ class Run {
             [this.linked, this.silenced] = [null, {}];
         const isSilent = this.silenced.mute || this.silenced.volume;
         for (const phone of this.phones.values()) {
-            phone.sound = phone !== this.linked ? "unheard" : isSilent ? "muted" : "playing";
-            phone.enter(phone.state, entry);
+            const sound = phone !== this.linked ? "unheard" : isSilent ? "muted" : "playing";
+            enter(phone.lane, phone.state === "playing" ? sound : phone.state, entry);
         }
     }
 
@@ -203,15 +197,15 @@ class Run {
             this.held = this.named;
         if (STACK[entry.line])
             enter(this.lanes.service, STACK[entry.line], entry);
-        else if (entry.line === "1 error starting pulseaudio, so disconnect")
-            this.held?.enter("given-up", entry);
+        else if (this.held && entry.line === "1 error starting pulseaudio, so disconnect")
+            this.held.state = "given-up";
     }
 
     readPhone(entry) {
         const phone = this.named = this.phone(entry.phone);
         this.devices.set(entry.path.split("dev_")[1], phone);
         const states = {"link-down": null, "stream-closed": "link-up"};
-        phone.enter(entry.state in states ? states[entry.state] : entry.state, entry);
+        phone.state = entry.state in states ? states[entry.state] : entry.state;
     }
 
     readMessage(entry) {

@@ -1,0 +1,106 @@
+"""What is measured: figures of a process, comparisons with a baseline, and how they are shown."""
+
+import os
+import statistics
+import time
+from collections.abc import Iterator
+from pathlib import Path
+
+PATIENCE = 30  # seconds; it only matters where something goes wrong
+
+
+class Figures:
+    """What the kernel tells of a process."""
+
+    def __init__(self, pid: int):
+        self.folder = Path(f"/proc/{pid}")
+
+    def _of_threads(self, file: str) -> Iterator[str]:
+        return ((task / file).read_text() for task in (self.folder / "task").iterdir())
+
+    @staticmethod
+    def _value(text: str, key: str) -> int:
+        return int(text.split(f"\n{key}:")[1].split()[0])
+
+    def resident(self) -> int:
+        """KiB, shared pages included."""
+        return self._value((self.folder / "smaps_rollup").read_text(), "Rss")
+
+    def switches(self) -> int:
+        """How often its threads have given up the processor or were taken off it."""
+        return sum(self._value(status, kind) for status in self._of_threads("status")
+                   for kind in ("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches"))
+
+    def processor_us(self) -> float:
+        return sum(int(schedule.split()[0]) for schedule in self._of_threads("schedstat")) / 1e3
+
+    def holdings(self) -> int:
+        """Descriptors, threads and children."""
+        children = sum(len(pids.split()) for pids in self._of_threads("children"))
+        threads = len(list((self.folder / "task").iterdir()))
+        return len(list((self.folder / "fd").iterdir())) + threads + children
+
+    def keep_on_one_processor(self) -> None:
+        for task in (self.folder / "task").iterdir():
+            os.sched_setaffinity(int(task.name), {0})
+
+    def wait_until_idle(self) -> None:
+        deadline = time.monotonic() + PATIENCE
+        quiet = 0
+        while quiet < 5:
+            before = self.switches()
+            time.sleep(0.02)
+            quiet = quiet + 1 if self.switches() == before else 0
+            if time.monotonic() > deadline:
+                raise TimeoutError("a process does not come to rest")
+
+
+class Comparison:
+    """Repetitions of a figure and of its baseline, taken in turn, and how the two compare."""
+
+    def __init__(self, what: str, baseline: str, unit: str, kind: str, bar: float):
+        self.what, self.baseline, self.unit, self.kind, self.bar = what, baseline, unit, kind, bar
+        self.pairs: list[tuple[float, float]] = []
+
+    def add(self, measured: float, baseline: float) -> None:
+        self.pairs.append((measured, baseline))
+
+    def compared(self) -> float:
+        if self.kind == "ratio":
+            return statistics.median(measured / baseline for measured, baseline in self.pairs)
+        if self.kind == "difference":
+            return statistics.median(measured - baseline for measured, baseline in self.pairs)
+        return statistics.median(measured for measured, _ in self.pairs)
+
+    def is_met(self) -> bool:
+        return self.compared() <= self.bar
+
+    def medians(self) -> list[float]:
+        return [statistics.median(column) for column in zip(*self.pairs)]
+
+
+def wake_ups(when: str, figures: Figures, seconds: int) -> Comparison:
+    row = Comparison(f"wake-ups in {seconds} s, {when}", "none", "", "absolute", 0)
+    figures.wait_until_idle()
+    before = figures.switches()
+    time.sleep(seconds)
+    row.add(figures.switches() - before, 0)
+    return row
+
+
+SIGNS = {"ratio": "x", "difference": "+", "absolute": ""}
+
+
+def number(value: float) -> str:
+    if value == round(value):
+        return str(round(value))
+    return f"{value:.{2 if abs(value) < 10 else 1 if abs(value) < 100 else 0}f}"
+
+
+def show(row: Comparison) -> None:
+    unit = "" if row.kind == "ratio" else row.unit
+    texts = [f"{number(value)} {row.unit}" for value in row.medians()]
+    texts += [f"{SIGNS[row.kind]}{number(value)} {unit}" for value in (row.compared(), row.bar)]
+    cells = "".join(f"{text.strip().replace('+-', '-'):>11}" for text in texts)
+    print(f"{row.what:<36}{cells}\n    against {row.baseline}"
+          + ("" if row.is_met() else ": MISSED"), flush=True)
