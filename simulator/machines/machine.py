@@ -122,9 +122,9 @@ class Phone:
         self._call("Pair")
 
     def connect(self) -> None:
-        """Whether that lasts is the unit's affair. A kernel may refuse a stream that comes before it
-        is through with a new link's encryption. A radio takes longer than that, this air does not:
-        so it is asked again, as people do."""
+        """Whether that lasts is the unit's affair. A kernel may refuse a stream that comes before
+        it is through with a new link's encryption. A radio takes longer than that, this air does
+        not: so it is asked again, as people do."""
         for _ in range(TRIES):
             begin = self._machine.run("date +%s.%N")
             with contextlib.suppress(ProductError):
