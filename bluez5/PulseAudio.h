@@ -110,7 +110,7 @@ private:
         const auto answered = [=](const QDBusMessage &reply) {
             if (!reply.errorName().isEmpty())
                 warn("PulseAudio does not take the phone: " + reply.errorMessage());
-            m_told.remove("State"); // what has begun before is taken when it is heard of once more
+            forgetState();
             update();
         };
         m_told = m_bluez5->interfaces(m_stream)[MediaTransport1];
@@ -121,7 +121,17 @@ private:
         tell("/", "org.freedesktop.DBus.ObjectManager.InterfacesAdded",
              {objectPath(phone), QVariant::fromValue(Interfaces {{Device1, device}})});
         callEndpoint("SetConfiguration", {objectPath(m_stream), m_told}, answered);
-        m_told.remove("State");
+        forgetState();
+    }
+
+    /**
+     * Has the state told once more, so that what has begun before is taken. But not "idle": while
+     * PulseAudio asks for the descriptor, it takes that for the stream's end, and is silent.
+     */
+    void forgetState()
+    {
+        if (m_told.value("State") != "idle")
+            m_told.remove("State");
     }
 
     void callEndpoint(const QString &method, const QVariantList &arguments,

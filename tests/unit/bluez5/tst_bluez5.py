@@ -87,7 +87,8 @@ STORIES = {
         bluez5 answers RemoveDevice; {REGISTERS} {TAKES} pulse hears; {LEAVES}""",
     "PulseAudio is there before the phone, and turns it down": f"""
         {REGISTERS} {COMES} pulse sees /sink SetConfiguration stream;
-        {PLAYS} anna is_taken; anna sends; pulse sees stream PropertiesChanged pending; {TAKES}
+        {PLAYS} anna is_taken; anna sends; pulse sees stream PropertiesChanged pending;
+        pulse lacks PropertiesChanged idle; {TAKES}
         pulse hears 2; pulse sees TryAcquire 672 672;
         pulse asks stream Properties.Set org.bluez.MediaTransport1 Volume 40;
         pulse sees stream PropertiesChanged Volume 40; pulse asks stream MediaTransport1.Release;
@@ -195,6 +196,9 @@ class Peer:
             return [line for line in self.lines if all(text in line for text in texts)]
         await_that(found)
         self.lines.remove(found()[0])
+
+    def lacks(self, *texts: str):
+        assert not [line for line in self.lines if all(text in line for text in texts)], self.lines
 
     def hears(self, packets="1"):
         """All sent on the stream that it has got, and when it lets that go, nobody has it."""
