@@ -93,9 +93,10 @@ inline bool refuse(const QDBusMessage &call, const QString &error, const QString
 inline Answered passTo(const QDBusMessage &call)
 {
     return [call](const QDBusMessage &reply) {
-        send(reply.errorName().isEmpty()
-                 ? call.createReply(reply.arguments())
-                 : call.createErrorReply(reply.errorName(), reply.errorMessage()));
+        if (call.isReplyRequired()) // the bus complains of others
+            send(reply.errorName().isEmpty()
+                     ? call.createReply(reply.arguments())
+                     : call.createErrorReply(reply.errorName(), reply.errorMessage()));
     };
 }
 
