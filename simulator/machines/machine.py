@@ -134,7 +134,9 @@ class Phone:
                 return
 
     def leave(self) -> None:
-        self._call("Disconnect")
+        """Also a link whose other end has gone, which a radio tells after a while, this air not."""
+        with contextlib.suppress(ProductError):  # there may be none
+            self._call("Disconnect")
 
     def play(self) -> None:
         find = "pactl list short sinks | grep -o 'bluez_sink[^\t]*'"
