@@ -2,6 +2,7 @@
 
 import os
 import sched
+import select
 import selectors
 import subprocess
 import time
@@ -50,9 +51,16 @@ def run() -> None:
         wait = _timers.run(blocking=False)
         for key, events in _selector.select(wait if _runs else 0):
             for event, action in zip((selectors.EVENT_READ, selectors.EVENT_WRITE), key.data):
-                # What was done before may have put an end to this one.
-                if events & event and _selector.get_map().get(key.fd) == key:
+                if events & event and _is_due(key, event):
                     action()
+
+
+def _is_due(key: selectors.SelectorKey, event: int) -> bool:
+    """What was done before may have put an end to this one, or have read what there was: who reads
+    then waits for ever."""
+    reads = [key.fd] if event == selectors.EVENT_READ else []
+    writes = [] if reads else [key.fd]
+    return _selector.get_map().get(key.fd) == key and any(select.select(reads, writes, [], 0))
 
 
 def end() -> None:

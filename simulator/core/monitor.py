@@ -88,9 +88,6 @@ class BusMonitor:
         own.close()
 
     def _read(self) -> None:
-        # Whoever had its turn before in the loop may have settled.
-        if not select.select([self._busctl.stdout], [], [], 0)[0]:
-            return
         data = os.read(self._busctl.stdout.fileno(), 1 << 16)
         if not data:
             # It ends by itself when its bus does.
