@@ -127,10 +127,15 @@ public:
         }
     }
 
-    /** The same, and takes the endpoint back, within a second. */
+    /** The same, and takes the endpoint back, within two seconds. */
     void leave()
     {
         cutLinks();
+        // BlueZ 5.82 crashes when it loses the endpoint of a stream that it is closing.
+        bool isLate = false;
+        QTimer::singleShot(1000, this, [&] { isLate = true; });
+        while (!m_stream.isEmpty() && !isLate)
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
         // With its answer, the calls before have arrived as well.
         if (m_hasEndpoint)
             m_bus.call(QDBusMessage::createMethodCall(Service, m_adapter, "org.bluez.Media1",

@@ -15,7 +15,7 @@ from operator import attrgetter
 import dbus
 import dbusmock
 from dbus.lowlevel import (HANDLER_RESULT_HANDLED, HANDLER_RESULT_NOT_YET_HANDLED, ErrorMessage,
-                           MethodReturnMessage, SignalMessage)
+                           MethodCallMessage, MethodReturnMessage, SignalMessage)
 from dbus.mainloop.glib import DBusGMainLoop
 from dbusmock.mockobject import DBusMockObject, objects
 from gi.repository import GLib
@@ -90,9 +90,9 @@ STORIES = {
         {PLAYS} anna is_taken; anna sends; pulse sees stream PropertiesChanged pending;
         pulse lacks PropertiesChanged idle; {TAKES}
         pulse hears 2; pulse sees TryAcquire 672 672;
-        pulse asks stream Properties.Set org.bluez.MediaTransport1 Volume 40;
+        pulse orders stream Properties.Set org.bluez.MediaTransport1 Volume 40;
         pulse sees stream PropertiesChanged Volume 40; pulse asks stream MediaTransport1.Release;
-        bluez5 answers Release; pulse sees Release ok; {LEAVES}
+        bluez5 answers Release; pulse sees Release ok; pulse lacks None; {LEAVES}
         pulse sees /sink ClearConfiguration stream""",
     "Without PulseAudio the sound is thrown away, before it and after it": f"""
         {COMES} {PLAYS} anna is_taken; anna tells active; anna is_lost; {REGISTERS}
@@ -220,6 +220,14 @@ class Peer:
             owner, path, full(interface), member, None, valued(words),
             lambda *values: self._keep(member, *values or ["ok"]),
             lambda error: self._keep(member, error.get_dbus_name().split(".")[-1]), PATIENCE)
+
+    def orders(self, path, method, *words):
+        """And wants no answer, which would be a line without a path and a name."""
+        interface, member = method.split(".")
+        call = MethodCallMessage("org.bluez", PATHS[path], full(interface), member)
+        call.append(*valued(words))
+        call.set_no_reply(True)
+        self.bus.send_message(call)
 
     def signals(self, path, name, *words):
         interface, member = name.split(".")
@@ -406,6 +414,8 @@ class Programs(Machine):
                     self.play(VISIT, number)
                     self.bluez5.lines.clear()
                     self.play(end)
+                    if status == 0 and PATHS["stream"] in objects:
+                        self.play("anna closes")
                     self.ends(status)
                     if status == 0:
                         self.bluez5.sees("hci0 UnregisterEndpoint")
