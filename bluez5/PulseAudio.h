@@ -71,6 +71,10 @@ private:
         m_endpoint = path;
         m_watcher.setWatchedServices(QStringList(owner));
         give();
+        if (!owner.isEmpty())
+            return;
+        m_state.clear(); // what PulseAudio was about to take
+        update();
     }
 
     void update()
@@ -80,12 +84,14 @@ private:
             m_isAsked = false;
             callEndpoint("ClearConfiguration", {objectPath(m_stream)}, [](const QDBusMessage &) {});
             m_stream = m_bluez5->stream();
+            m_state.clear();
             give();
         }
-        const QVariant state = m_bluez5->interfaces(m_stream)[MediaTransport1].value("State");
-        if (state == "idle")
+        const QVariant before = m_state;
+        m_state = m_bluez5->interfaces(m_stream)[MediaTransport1].value("State");
+        if (m_state == "idle")
             letGo();
-        else if (state == "pending" && m_told.value("State") != state && !m_isAsked && !m_drain)
+        else if (m_state == "pending" && m_state != before && !m_isAsked && !m_drain)
             take();
         tellStream();
     }
@@ -185,6 +191,7 @@ private:
     QString m_endpoint;
     QString m_stream; // empty when none is open
     QVariantMap m_told; // its properties
+    QVariant m_state; // what BlueZ 5 has told last: each "pending" is taken once
     bool m_isAsked = false; // BlueZ 5, for its descriptor
     QDBusMessage m_taken; // with it, while the bridge has it
     QSocketNotifier *m_drain = nullptr;
