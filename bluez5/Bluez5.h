@@ -127,7 +127,7 @@ public:
         }
     }
 
-    /** The same, and takes the endpoint back, within two seconds. */
+    /** The same, and takes the endpoint back, before the service loses patience after 2 s. */
     void leave()
     {
         cutLinks();
@@ -141,7 +141,7 @@ public:
             m_bus.call(QDBusMessage::createMethodCall(Service, m_adapter, "org.bluez.Media1",
                                                       "UnregisterEndpoint")
                            << objectPath(EndpointPath),
-                       QDBus::Block, 1000);
+                       QDBus::Block, 500);
     }
 
 Q_SIGNALS:

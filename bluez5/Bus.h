@@ -33,8 +33,11 @@ inline void quitOnTermination()
     sigaddset(&termination, SIGTERM);
     sigprocmask(SIG_BLOCK, &termination, nullptr);
     const int signalled = signalfd(-1, &termination, SFD_CLOEXEC);
-    QObject::connect(new QSocketNotifier(signalled, QSocketNotifier::Read, qApp),
-                     &QSocketNotifier::activated, &QCoreApplication::quit);
+    auto *const notifier = new QSocketNotifier(signalled, QSocketNotifier::Read, qApp);
+    QObject::connect(notifier, &QSocketNotifier::activated, qApp, [notifier] {
+        notifier->setEnabled(false); // it is never read, and would keep a later loop awake
+        QCoreApplication::quit();
+    });
 }
 
 /** Where BlueZ 5 is. For the service, and so for what it starts, the system's is the product's. */
