@@ -11,6 +11,7 @@
 
 /** Gets what a call has returned, or an error, which alone has a name. */
 typedef std::function<void(const QDBusMessage &)> Answered;
+const Answered Ignored = [](const QDBusMessage &) {};
 
 /** Writes to the system's log: the service gives its children no standard error. */
 inline void warn(const QString &text)
@@ -53,21 +54,26 @@ inline QVariant objectPath(const QString &path)
     return QVariant::fromValue(QDBusObjectPath(path));
 }
 
-/** Calls "interface.method". An error goes to the log, unless the answer is asked for. */
-inline void send(const QDBusConnection &bus, const QString &service, const QString &path,
-                 const QString &method, const QVariantList &arguments,
+inline QDBusMessage methodCall(const QString &service, const QString &path,
+                               const QString &interface, const QString &method,
+                               const QVariantList &arguments)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(service, path, interface, method);
+    call.setArguments(arguments);
+    return call;
+}
+
+/** An error goes to the log, unless the answer is asked for. */
+inline void send(const QDBusConnection &bus, const QDBusMessage &call,
                  const Answered &answered = nullptr, int timeout = -1)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(service, path, method.section('.', 0, -2),
-                                                       method.section('.', -1));
-    call.setArguments(arguments);
     auto *const watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, timeout), qApp);
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, qApp, [=] {
         watcher->deleteLater();
         if (answered)
             answered(watcher->reply());
         else if (watcher->isError())
-            warn(method + ": " + watcher->error().message());
+            warn(call.member() + ": " + watcher->error().message());
     });
 }
 
@@ -77,11 +83,11 @@ inline bool send(const QDBusMessage &message)
     return QDBusConnection::systemBus().send(message);
 }
 
-/** Tells "interface.signal" there. */
-inline void tell(const QString &path, const QString &signal, const QVariantList &arguments)
+/** Sends a signal there. */
+inline void tell(const QString &path, const QString &interface, const QString &signal,
+                 const QVariantList &arguments)
 {
-    QDBusMessage message =
-        QDBusMessage::createSignal(path, signal.section('.', 0, -2), signal.section('.', -1));
+    QDBusMessage message = QDBusMessage::createSignal(path, interface, signal);
     message.setArguments(arguments);
     send(message);
 }
@@ -101,16 +107,4 @@ inline Answered passTo(const QDBusMessage &call)
                      ? call.createReply(reply.arguments())
                      : call.createErrorReply(reply.errorName(), reply.errorMessage()));
     };
-}
-
-/** What is not as it was told, and is taken for told from now on. */
-inline QVariantMap news(QVariantMap *told, const QVariantMap &properties)
-{
-    QVariantMap changes;
-    for (const QString &name : properties.keys()) {
-        if (!told->contains(name) || told->value(name) != properties.value(name))
-            changes.insert(name, properties.value(name));
-    }
-    told->insert(changes);
-    return changes;
 }
