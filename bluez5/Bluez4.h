@@ -29,18 +29,22 @@ public:
         if (told.isEmpty())
             return false;
         if (method.endsWith(".GetProperties()"))
-            return send(call.createReply(told));
-        if (method == "org.bluez.Manager.DefaultAdapter()")
-            return send(call.createReply(objectPath(m_bluez5->adapter())));
-        if (method == "org.bluez.Adapter.ListDevices()")
-            return send(call.createReply(told.value("Devices")));
-        if (method == "org.bluez.Adapter.RemoveDevice(o)")
-            return removeDevice(call);
-        if (method == "org.bluez.Device.SetProperty(sv)")
-            return setTrusted(call);
-        if (method == "org.bluez.Device.Disconnect()")
-            return disconnectLink(call);
-        return method == "org.bluez.AudioSource.Connect()" && connectSound(call);
+            send(call.createReply(told));
+        else if (method == "org.bluez.Manager.DefaultAdapter()")
+            send(call.createReply(objectPath(m_bluez5->adapter())));
+        else if (method == "org.bluez.Adapter.ListDevices()")
+            send(call.createReply(told.value("Devices")));
+        else if (method == "org.bluez.Adapter.RemoveDevice(o)")
+            removeDevice(call);
+        else if (method == "org.bluez.Device.SetProperty(sv)")
+            setTrusted(call);
+        else if (method == "org.bluez.Device.Disconnect()")
+            disconnectLink(call);
+        else if (method == "org.bluez.AudioSource.Connect()")
+            connectSound(call);
+        else
+            return false;
+        return true;
     }
 
 private:
@@ -49,56 +53,53 @@ private:
     const QString Device = "org.bluez.Device";
     const QString AudioSource = "org.bluez.AudioSource";
 
-    bool removeDevice(const QDBusMessage &call)
+    void removeDevice(const QDBusMessage &call)
     {
         const QVariant path = call.arguments().at(0);
         const Interfaces told = m_told.value(qvariant_cast<QDBusObjectPath>(path).path());
+        const bool isConnected = told[Device].value("Connected").toBool();
         if (!told.contains(Device))
             return refuse(call, "DoesNotExist", "Does Not Exist");
         // BlueZ 4 answers before it tells that the link has gone, BlueZ 5 after.
-        const bool isConnected = told[Device].value("Connected").toBool();
+        if (isConnected)
+            send(call.createReply());
         m_bluez5->call(call.path(), Adapter1, "RemoveDevice", {path},
                        isConnected ? nullptr : passTo(call));
-        return !isConnected || send(call.createReply());
     }
 
-    bool setTrusted(const QDBusMessage &call)
+    void setTrusted(const QDBusMessage &call)
     {
         const QVariant value = qvariant_cast<QDBusVariant>(call.arguments().at(1)).variant();
         if (call.arguments().at(0) != "Trusted" || value.userType() != QMetaType::Bool)
             return refuse(call, "InvalidArguments", "Invalid arguments in method call");
-        m_bluez5->set(call.path(), Device1, "Trusted", value, passTo(call));
-        return true;
+        m_bluez5->call(call.path(), Properties, "Set", {Device1, "Trusted", variant(value)},
+                       passTo(call));
     }
 
-    bool disconnectLink(const QDBusMessage &call)
+    void disconnectLink(const QDBusMessage &call)
     {
         if (!m_told[call.path()][Device].value("Connected").toBool())
             return refuse(call, "NotConnected", "Not Connected");
-        tell(call.path(), Device, "DisconnectRequested", {});
-        if (isLinked(call.path()))
+        send(QDBusMessage::createSignal(call.path(), Device, "DisconnectRequested"));
+        if (m_bluez5->isLinked(call.path()))
             m_bluez5->call(call.path(), Device1, "Disconnect", {}, passTo(call));
         else // BlueZ 5 has missed the link of the stream
             m_bluez5->call(call.path(), Device1, "DisconnectProfile", {SourceService},
                            passTo(call));
-        return true;
     }
 
-    bool connectSound(const QDBusMessage &call)
+    void connectSound(const QDBusMessage &call)
     {
         if (isConnecting(call.path()))
             return refuse(call, "InProgress", "Operation already in progress");
-        if (hasStream(call.path()))
+        if (m_bluez5->hasStream(call.path()))
             return refuse(call, "AlreadyConnected", "Already Connected");
         tellNews(call.path(), AudioSource, {{"State", "connecting"}});
         openStream(call, QDeadlineTimer(ConnectTimeout), false);
-        return true;
     }
 
-    /**
-     * A phone's kernel may refuse the stream while it does not yet take the link for encrypted.
-     * That passes; but after an error the service would forget the phone. So it is tried twice.
-     */
+    // A phone's kernel may refuse the stream while it does not yet take the link for encrypted.
+    // That passes; but after an error the service would forget the phone. So it is tried twice.
     void openStream(const QDBusMessage &call, const QDeadlineTimer &deadline, bool isLast)
     {
         const auto again = [=] { openStream(call, deadline, true); };
@@ -116,7 +117,7 @@ private:
     /** With success if there is a stream by now, whoever has made it. */
     void endConnect(const QDBusMessage &call)
     {
-        if (hasStream(call.path()))
+        if (m_bluez5->hasStream(call.path()))
             send(call.createReply());
         else
             refuse(call, "Failed", "Stream setup failed");
@@ -139,17 +140,15 @@ private:
             return begin();
         if (!m_told.contains(path) && m_bluez5->isPhone(path)) {
             show(path);
-            tell(adapter, Adapter, "DeviceCreated", {objectPath(path)});
+            send(QDBusMessage::createSignal(adapter, Adapter, "DeviceCreated") << objectPath(path));
         }
         tellNews(adapter, Adapter, adapterProperties());
-        if (!m_told.value(path).contains(Device))
-            return;
         updatePhone(path);
-        if (!m_bluez5->properties(path).isEmpty())
+        if (!m_told.contains(path) || !m_bluez5->properties(path).isEmpty())
             return;
         m_told.remove(path);
         tellNews(adapter, Adapter, adapterProperties());
-        tell(adapter, Adapter, "DeviceRemoved", {objectPath(path)});
+        send(QDBusMessage::createSignal(adapter, Adapter, "DeviceRemoved") << objectPath(path));
     }
 
     /** Not before BlueZ 5 is ready: a missing adapter shows as the service's own time-out. */
@@ -166,48 +165,45 @@ private:
         }
         m_bluez5->cutLinks(); // the service never heard of them, and would not look after them
         m_told[adapter][Adapter] = adapterProperties();
-        tell("/", Manager, "AdapterAdded", {objectPath(adapter)});
+        send(QDBusMessage::createSignal("/", Manager, "AdapterAdded") << objectPath(adapter));
         tellNews("/", Manager, {{"Adapters", objectPaths({adapter})}});
-        tell("/", Manager, "DefaultAdapterChanged", {objectPath(adapter)});
+        send(QDBusMessage::createSignal("/", Manager, "DefaultAdapterChanged")
+             << objectPath(adapter));
     }
 
     /** Not connected, whatever BlueZ 5 has, until it is updated. */
     void show(const QString &path)
     {
-        m_told[path][Device] = deviceProperties(path);
+        m_told[path] = {{Device, deviceProperties(path)},
+                        {AudioSource, {{"State", "disconnected"}}}};
         m_told[path][Device].insert("Connected", false);
-        m_told[path][AudioSource].insert("State", "disconnected");
     }
 
-    void updatePhone(const QString &path)
+    void updatePhone(const QString &path, bool isLate = false)
     {
+        if (!m_told.value(path).contains(Device))
+            return;
         const QVariantMap device = deviceProperties(path);
-        const QString stream = m_bluez5->stream();
-        // Of a phone that is quick, BlueZ 5 hears of the link after the stream, or never.
-        if (hasStream(path) && !isLinked(path) && m_awaited != stream)
-            return QTimer::singleShot(LinkTimeout, this, [=] {
-                m_awaited = stream;
-                update(path);
-            });
-        // Sound begins after the link and ends before it: who has forgotten a phone with its link
-        // would keep the place for it after a word of its sound.
-        if (device.value("Connected").toBool())
-            tellNews(path, Device, device);
-        // While the unit connects, BlueZ 4 tells no more than that, and the rest after its answer.
-        if (!isConnecting(path))
-            updateState(path);
-        tellNews(path, Device, device);
-    }
-
-    void updateState(const QString &path)
-    {
+        const bool wasConnected = m_told[path][Device].value("Connected").toBool();
+        const bool isConnected = device.value("Connected").toBool();
         const QVariant sound = m_bluez5->properties(m_bluez5->stream()).value("State");
         const bool plays = sound == "pending" || sound == "active";
-        if (!hasStream(path))
-            return tellNews(path, AudioSource, {{"State", "disconnected"}});
-        if (m_told[path][AudioSource].value("State") == "disconnected")
+        const bool hasStream = m_bluez5->hasStream(path);
+        const char *const state = !hasStream ? "disconnected" : plays ? "playing" : "connected";
+        // Of a phone that is quick, BlueZ 5 hears of the link after the stream, or never.
+        if (isConnected && !wasConnected && !m_bluez5->isLinked(path) && !isLate)
+            return QTimer::singleShot(LinkTimeout, this, [=] { updatePhone(path, true); });
+        // Sound begins after the link and ends before it: who has forgotten a phone with its link
+        // would keep the place for it after a word of its sound.
+        if (isConnected)
+            tellNews(path, Device, device);
+        // While the unit connects, BlueZ 4 tells no more than that, and the rest after its answer.
+        if (isConnecting(path))
+            return;
+        if (hasStream && m_told[path][AudioSource].value("State") == "disconnected")
             tellNews(path, AudioSource, {{"State", "connecting"}});
-        tellNews(path, AudioSource, {{"State", plays ? "playing" : "connected"}});
+        tellNews(path, AudioSource, {{"State", state}});
+        tellNews(path, Device, device);
     }
 
     /** What is not as it was told. */
@@ -217,26 +213,18 @@ private:
         for (const QString &name : properties.keys()) {
             const QVariant value = properties.value(name);
             if (told.value(name) != value)
-                tell(path, interface, "PropertyChanged",
-                     {name, QVariant::fromValue(QDBusVariant(value))});
+                send(QDBusMessage::createSignal(path, interface, "PropertyChanged")
+                     << name << variant(value));
             told.insert(name, value);
         }
     }
 
     // What BlueZ 5 has, by BlueZ 4's names
 
-    bool hasStream(const QString &path) const
-    {
-        return path == Bluez5::phoneOf(m_bluez5->stream());
-    }
     /** On behalf of the unit. */
     bool isConnecting(const QString &path) const
     {
         return m_told.value(path).value(AudioSource).value("State") == "connecting";
-    }
-    bool isLinked(const QString &path) const
-    {
-        return m_bluez5->properties(path).value("Connected").toBool();
     }
 
     QVariantMap deviceProperties(const QString &path) const
@@ -244,7 +232,7 @@ private:
         // The bond comes with the key, as BlueZ 4's "Paired", BlueZ 5's own with the services.
         QVariantMap properties = select(
             path, "Adapter Address Alias Blocked Paired=Bonded Class Icon Name Trusted UUIDs");
-        properties.insert("Connected", isLinked(path) || hasStream(path));
+        properties.insert("Connected", m_bluez5->isLinked(path) || m_bluez5->hasStream(path));
         properties.insert("Services", objectPaths({}));
         return properties;
     }
@@ -280,5 +268,4 @@ private:
 
     Bluez5 *const m_bluez5;
     QMap<QString, Interfaces> m_told; // by path
-    QString m_awaited; // the stream whose link has been waited for
 };

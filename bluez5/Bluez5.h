@@ -28,10 +28,8 @@ const char EndpointPath[] = "/ulmo/sink";
 // SBC as A2DP lays it out: modes, blocks and bands, least and greatest bitpool.
 const QByteArray Capabilities("\xff\xff\x02\x35", 4);
 
-/**
- * Has phones show a loudspeaker. BlueZ 5 takes the class from its own file only, the kernel from
- * whoever may administrate the network (its net/bluetooth/mgmt.h: Set Device Class).
- */
+// Has phones show a loudspeaker. BlueZ 5 takes the class from its own file only, the kernel from
+// whoever may administrate the network (its net/bluetooth/mgmt.h: Set Device Class).
 inline void setDeviceClass(const QString &adapter)
 {
     const uchar index = adapter.section("hci", -1).toInt();
@@ -44,10 +42,7 @@ inline void setDeviceClass(const QString &adapter)
     close(control);
 }
 
-/**
- * One adapter of BlueZ 5 and all below it, by BlueZ 5's paths, and the one SBC sink endpoint,
- * without which it lets no phone connect its sound.
- */
+/** One adapter of BlueZ 5, what is below it, and the SBC sink endpoint that phones need. */
 class Bluez5 : public QObject, protected QDBusContext
 {
     Q_OBJECT
@@ -71,18 +66,13 @@ public:
                         "Disconnected", this, SLOT(busLost()));
         auto *const watcher = new QDBusServiceWatcher(
             Service, m_bus, QDBusServiceWatcher::WatchForUnregistration, this);
-        connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this, [this] {
-            if (!m_adapter.isEmpty())
-                fail("BlueZ 5 has gone");
-        });
+        connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this,
+                [] { fail("BlueZ 5 has gone"); });
         readObjects();
     }
 
     /** The adapter is there and on, and takes the sound of phones. */
-    bool isReady() const
-    {
-        return m_hasEndpoint && properties(m_adapter).value("Powered").toBool();
-    }
+    bool isReady() const { return m_hasEndpoint && properties(m_adapter)["Powered"].toBool(); }
 
     QString adapter() const { return m_adapter; }
     /** The transport of a phone's sound, or empty. One at a time: the endpoint takes no more. */
@@ -92,36 +82,29 @@ public:
     QVariantMap properties(const QString &path) const { return m_objects.value(path); }
     /** The phone that something below it belongs to, or itself. */
     static QString phoneOf(const QString &path) { return path.section('/', 0, 4); }
+    bool hasStream(const QString &phone) const { return phoneOf(m_stream) == phone; }
+    bool isLinked(const QString &phone) const { return properties(phone)["Connected"].toBool(); }
 
     /** BlueZ 5 also has keyboards. Of a new phone it does not know yet what that offers. */
     bool isPhone(const QString &path) const
     {
-        const QStringList services = properties(path).value("UUIDs").toStringList();
-        if (!isDevice(path) || phoneOf(m_stream) == path || services.contains(SourceService))
-            return isDevice(path);
-        return services.isEmpty()
-            && !properties(path).value("Icon").toString().startsWith("input-");
+        const QStringList services = properties(path)["UUIDs"].toStringList();
+        const bool isInput = properties(path)["Icon"].toString().startsWith("input-");
+        return hasStream(path) || services.contains(SourceService)
+            || (isDevice(path) && services.isEmpty() && !isInput);
     }
 
-    /** As send() does. */
     void call(const QString &path, const QString &interface, const QString &method,
               const QVariantList &arguments, const Answered &answered = nullptr, int timeout = -1)
     {
         send(m_bus, methodCall(Service, path, interface, method, arguments), answered, timeout);
     }
 
-    void set(const QString &path, const QString &interface, const QString &property,
-             const QVariant &value, const Answered &answered = nullptr)
-    {
-        call(path, Properties, "Set",
-             {interface, property, QVariant::fromValue(QDBusVariant(value))}, answered);
-    }
-
     /** Disconnects all phones. */
     void cutLinks()
     {
         for (const QString &path : paths()) {
-            if (isPhone(path) && properties(path).value("Connected").toBool())
+            if (isPhone(path) && isLinked(path))
                 call(path, Device1, "Disconnect", {});
         }
     }
@@ -169,12 +152,10 @@ public Q_SLOTS: // of the endpoint; the bus lets BlueZ 5 call them, as it is roo
     QByteArray SelectConfiguration(const QByteArray &offered)
     {
         for (const char mode : {0x21, 0x22, 0x24, 0x28, 0x11, 0x12, 0x14, 0x18}) {
-            if (offered.size() == Capabilities.size() && (offered[0] & mode) == mode)
-                return QByteArray()
-                    .append(mode)
-                    .append(0x15)
-                    .append(offered[2])
-                    .append(qMin<uchar>(offered[3], Capabilities[3]));
+            if (offered.size() != Capabilities.size() || (offered[0] & mode) != mode)
+                continue;
+            const char bitpool = qMin<uchar>(offered[3], Capabilities[3]);
+            return QByteArray().append(mode).append(0x15).append(offered[2]).append(bitpool);
         }
         sendErrorReply("org.bluez.Error.InvalidArguments", "no SBC that the unit has");
         return QByteArray();
@@ -225,7 +206,7 @@ private:
         if (path == m_adapter)
             fail("the adapter has gone");
         m_objects.remove(path);
-        if (path == m_stream || path == phoneOf(m_stream)) {
+        if (path == m_stream || hasStream(path)) {
             m_objects.remove(m_stream);
             m_stream.clear();
         }
@@ -254,13 +235,15 @@ private:
                                       {"Codec", QVariant::fromValue(uchar(0))},
                                       {"Capabilities", Capabilities}};
         m_adapter = path;
-        set(path, Adapter1, "Alias", qEnvironmentVariable("BLUEZHOSTNAME"));
-        set(path, Adapter1, "DiscoverableTimeout", 0u);
-        set(path, Adapter1, "Powered", true, [](const QDBusMessage &answer) {
+        const QString name = qEnvironmentVariable("BLUEZHOSTNAME");
+        const auto switchedOn = [](const QDBusMessage &answer) {
             if (!answer.errorName().isEmpty())
                 warn("the radio cannot be switched on, rfkill may block it: "
                      + answer.errorMessage());
-        });
+        };
+        call(path, Properties, "Set", {Adapter1, "Alias", variant(name)});
+        call(path, Properties, "Set", {Adapter1, "DiscoverableTimeout", variant(0u)});
+        call(path, Properties, "Set", {Adapter1, "Powered", variant(true)}, switchedOn);
         setDeviceClass(path);
         const auto answered = [=](const QDBusMessage &answer) {
             m_hasEndpoint = answer.errorName().isEmpty();
@@ -268,8 +251,8 @@ private:
                 warn("phones cannot connect their sound: " + answer.errorMessage());
             Q_EMIT changed(path);
         };
-        const QVariantList arguments = {objectPath(EndpointPath), endpoint};
-        call(path, "org.bluez.Media1", "RegisterEndpoint", arguments, answered);
+        call(path, "org.bluez.Media1", "RegisterEndpoint", {objectPath(EndpointPath), endpoint},
+             answered);
     }
 
     QDBusConnection m_bus;

@@ -54,6 +54,11 @@ inline QVariant objectPath(const QString &path)
     return QVariant::fromValue(QDBusObjectPath(path));
 }
 
+inline QVariant variant(const QVariant &value)
+{
+    return QVariant::fromValue(QDBusVariant(value));
+}
+
 inline QDBusMessage methodCall(const QString &service, const QString &path,
                                const QString &interface, const QString &method,
                                const QVariantList &arguments)
@@ -77,25 +82,16 @@ inline void send(const QDBusConnection &bus, const QDBusMessage &call,
     });
 }
 
-/** Sends on the product's bus; true. */
-inline bool send(const QDBusMessage &message)
+/** Sends on the product's bus. */
+inline void send(const QDBusMessage &message)
 {
-    return QDBusConnection::systemBus().send(message);
-}
-
-/** Sends a signal there. */
-inline void tell(const QString &path, const QString &interface, const QString &signal,
-                 const QVariantList &arguments)
-{
-    QDBusMessage message = QDBusMessage::createSignal(path, interface, signal);
-    message.setArguments(arguments);
-    send(message);
+    QDBusConnection::systemBus().send(message);
 }
 
 /** Answers there with an error of BlueZ, such as "Failed". */
-inline bool refuse(const QDBusMessage &call, const QString &error, const QString &text)
+inline void refuse(const QDBusMessage &call, const QString &error, const QString &text)
 {
-    return send(call.createErrorReply("org.bluez.Error." + error, text));
+    send(call.createErrorReply("org.bluez.Error." + error, text));
 }
 
 /** Answers there with what BlueZ 5 does, whose errors have BlueZ 4's names. */

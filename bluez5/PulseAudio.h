@@ -4,11 +4,10 @@
 #include "Bluez5.h"
 
 /**
- * PulseAudio plays only a stream that its own endpoint was given. It registers that here, on the
- * product's bus, and is given the open stream with its descriptor: no sound passes through the
- * bridge. But BlueZ 5 suspends what plays and is not taken within five seconds, and a phone may not
- * begin again. So the bridge takes it, and keeps the descriptor until PulseAudio asks for it. What
- * nobody reads meanwhile, the kernel throws away.
+ * PulseAudio plays only a stream that was given to its own endpoint, which it registers here: no
+ * sound passes through the bridge. But BlueZ 5 suspends what plays and is not taken within five
+ * seconds, and a phone may not begin again. So the bridge takes it, and keeps the descriptor until
+ * PulseAudio asks for it. What nobody reads meanwhile, the kernel throws away.
  */
 class PulseAudio : public QObject
 {
@@ -24,43 +23,50 @@ public:
     /** Answers "interface.method(signature)", at once or later; false when there is none. */
     bool handle(const QString &method, const QDBusMessage &call)
     {
-        const QString adapter = m_bluez5->adapter();
         if (call.path() == m_stream)
-            return handleStream(call);
-        if (call.path() == "/"
-            && method == "org.freedesktop.DBus.ObjectManager.GetManagedObjects()") {
-            // The phone is told with its stream.
-            const ManagedObjects objects = {
-                {QDBusObjectPath(adapter), {{Adapter1, m_bluez5->properties(adapter)}}}};
-            return send(call.createReply(QVariant::fromValue(objects)));
-        }
-        // Having found no RegisterApplication, PulseAudio registers one endpoint after the other.
-        if (call.path() != adapter || method != "org.bluez.Media1.RegisterEndpoint(oa{sv})")
+            handleStream(call);
+        else if (method == "org.freedesktop.DBus.ObjectManager.GetManagedObjects()")
+            showAdapter(call);
+        else if (method == "org.bluez.Media1.RegisterEndpoint(oa{sv})")
+            registerEndpoint(call);
+        else
             return false;
+        return true;
+    }
+
+private:
+    void showAdapter(const QDBusMessage &call)
+    {
+        const QString adapter = m_bluez5->adapter();
+        // The phone is told with its stream.
+        const ManagedObjects objects = {
+            {QDBusObjectPath(adapter), {{Adapter1, m_bluez5->properties(adapter)}}}};
+        send(call.createReply(QVariant::fromValue(objects)));
+    }
+
+    /** Having found no RegisterApplication, PulseAudio registers one after the other. */
+    void registerEndpoint(const QDBusMessage &call)
+    {
         const auto path = qvariant_cast<QDBusObjectPath>(call.arguments().at(0));
         const auto endpoint = qdbus_cast<QVariantMap>(call.arguments().at(1));
         if (endpoint.value("UUID").toString().toLower() == SinkService)
             setEndpoint(call.service(), path.path());
-        return send(call.createReply());
+        send(call.createReply());
     }
 
-private:
     /** All but the descriptor, which the bridge asks for, is BlueZ 5's own answer. */
-    bool handleStream(const QDBusMessage &call)
+    void handleStream(const QDBusMessage &call)
     {
         if (call.service() != m_owner)
             return refuse(call, "NotAuthorized", "Operation Not Authorized");
-        if (!call.member().endsWith("Acquire")) {
-            m_bluez5->call(m_stream, call.interface(), call.member(), call.arguments(),
-                           passTo(call));
-            return true;
-        }
+        if (!call.member().endsWith("Acquire"))
+            return m_bluez5->call(m_stream, call.interface(), call.member(), call.arguments(),
+                                  passTo(call));
         m_askers << passTo(call);
         if (m_taken.type() == QDBusMessage::ReplyMessage)
             handOver(m_taken);
         else if (!m_isAsked)
             take(call.member());
-        return true;
     }
 
     /** PulseAudio's, for phones; of nobody where there is none. */
@@ -80,7 +86,8 @@ private:
     {
         if (m_stream != m_bluez5->stream()) {
             handOver(QDBusMessage::createError("org.bluez.Error.NotAvailable", "it has closed"));
-            callEndpoint("ClearConfiguration", {objectPath(m_stream)}, Ignored);
+            if (!m_owner.isEmpty() && !m_stream.isEmpty())
+                callEndpoint("ClearConfiguration", {objectPath(m_stream)}, Ignored);
             m_stream = m_bluez5->stream();
             give();
         } else if (path == m_stream) {
@@ -88,7 +95,8 @@ private:
                 m_taken = QDBusMessage();
             else if (changes.value("State") == "pending" && !isOurs())
                 take("TryAcquire");
-            tellStream(changes);
+            send(QDBusMessage::createSignal(m_stream, Properties, "PropertiesChanged")
+                 << MediaTransport1 << changes << QStringList());
         }
     }
 
@@ -98,31 +106,23 @@ private:
         const QString phone = Bluez5::phoneOf(m_stream);
         const QVariantMap properties = m_bluez5->properties(m_stream);
         QVariantMap device = m_bluez5->properties(phone);
-        if (m_stream.isEmpty())
+        if (m_owner.isEmpty() || m_stream.isEmpty())
             return;
         // Of a new phone BlueZ 5 does not know it yet; and no other service is the unit's.
         device.insert("UUIDs", QStringList(SourceService));
-        tell("/", ObjectManager, "InterfacesAdded",
-             {objectPath(phone), QVariant::fromValue(Interfaces {{Device1, device}})});
-        callEndpoint("SetConfiguration", {objectPath(m_stream), properties});
+        send(QDBusMessage::createSignal("/", ObjectManager, "InterfacesAdded")
+             << objectPath(phone) << QVariant::fromValue(Interfaces {{Device1, device}}));
+        callEndpoint("SetConfiguration", {objectPath(m_stream), properties}, nullptr);
         // What has begun before is taken when it is told once more. But not "idle": while
         // PulseAudio asks for the descriptor, it takes that for the stream's end, and is silent.
         if (properties.value("State") != "idle")
-            tellStream({{"State", properties.value("State")}});
+            update(m_stream, {{"State", properties.value("State")}});
     }
 
-    void tellStream(const QVariantMap &changes)
+    void callEndpoint(const QString &method, const QVariantList &values, const Answered &answered)
     {
-        tell(m_stream, Properties, "PropertiesChanged", {MediaTransport1, changes, QStringList()});
-    }
-
-    void callEndpoint(const QString &method, const QVariantList &arguments,
-                      const Answered &answered = nullptr)
-    {
-        if (!m_owner.isEmpty() && !m_stream.isEmpty())
-            send(QDBusConnection::systemBus(),
-                 methodCall(m_owner, m_endpoint, "org.bluez.MediaEndpoint1", method, arguments),
-                 answered);
+        send(QDBusConnection::systemBus(),
+             methodCall(m_owner, m_endpoint, "org.bluez.MediaEndpoint1", method, values), answered);
     }
 
     void take(const QString &method)

@@ -37,9 +37,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
     const QStringList arguments = application.arguments();
-    // Spelt as the service spells it.
-    if (arguments.size() != 8 || arguments[1] != "--path" || arguments[3] != "--delay"
-        || arguments[5] != "--capabilites") {
+    if (arguments.size() != 8 || arguments[5] != "--capabilites") { // as the service spells it
         fputs("usage: agent --path PATH --delay SECONDS --capabilites CAPABILITY PIN\n", stderr);
         return 1;
     }
@@ -53,19 +51,18 @@ int main(int argc, char **argv)
     bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
                 "Disconnected", &application, SLOT(quit()));
     const auto ask = [&](const QString &method, const QVariantList &values) {
-        QDBusMessage call =
+        const QDBusMessage call =
             methodCall("org.bluez", "/org/bluez", "org.bluez.AgentManager1", method, values);
-        call.setAutoStartService(method != "UnregisterAgent");
-        return bus.call(call, QDBus::Block, 5000).errorMessage();
+        const QString error = bus.call(call, QDBus::Block, 5000).errorMessage();
+        if (!error.isEmpty())
+            fail(method + ": " + error);
     };
     const QVariant path = objectPath(arguments[2]);
-    for (const QString &error :
-         {ask("RegisterAgent", {path, arguments[6]}), ask("RequestDefaultAgent", {path})}) {
-        if (!error.isEmpty())
-            fail("the agent is not wanted: " + error);
-    }
+    ask("RegisterAgent", {path, arguments[6]});
+    ask("RequestDefaultAgent", {path});
     application.exec();
-    ask("UnregisterAgent", {path});
+    if (bus.interface()->isServiceRegistered("org.bluez")) // it would be started for a call
+        ask("UnregisterAgent", {path});
 }
 
 #include "agent.moc"

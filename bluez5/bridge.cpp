@@ -16,8 +16,9 @@ public:
         const QString method =
             call.interface() + '.' + call.member() + '(' + call.signature() + ')';
         // QtDBus would call the object unknown; PulseAudio has to hear it of the method.
-        return m_bluez4.handle(method, call) || m_pulseAudio.handle(method, call)
-            || send(call.createErrorReply(QDBusError::UnknownMethod, "no " + call.member()));
+        if (!m_bluez4.handle(method, call) && !m_pulseAudio.handle(method, call))
+            send(call.createErrorReply(QDBusError::UnknownMethod, "no " + call.member()));
+        return true;
     }
 
 private:
