@@ -3,11 +3,9 @@
 
 #include "Bluez5.h"
 
-// In milliseconds.
-const int ConnectTimeout = 8500; // what BlueZ 4 takes for a phone out of range
-const int ConnectAgain = 500;
-const int LinkTimeout = 1000; // for the word of a link
-
+const int ConnectTimeout = 8500; // ms; what BlueZ 4 takes for a phone out of range
+const int ConnectAgain = 500; // ms
+const int LinkTimeout = 1000; // ms; for the word of a link
 /** A phone that closes the door on the stream, by BlueZ 5.66 and by 5.82. */
 const QStringList Refusals = {"br-connection-unknown", "br-connection-refused"};
 
@@ -82,15 +80,14 @@ private:
             return refuse(call, "NotConnected", "Not Connected");
         send(QDBusMessage::createSignal(call.path(), Device, "DisconnectRequested"));
         if (m_bluez5->isLinked(call.path()))
-            m_bluez5->call(call.path(), Device1, "Disconnect", {}, passTo(call));
-        else // BlueZ 5 has missed the link of the stream
-            m_bluez5->call(call.path(), Device1, "DisconnectProfile", {SourceService},
-                           passTo(call));
+            return m_bluez5->call(call.path(), Device1, "Disconnect", {}, passTo(call));
+        // BlueZ 5 has missed the link of the stream.
+        m_bluez5->call(call.path(), Device1, "DisconnectProfile", {SourceService}, passTo(call));
     }
 
     void connectSound(const QDBusMessage &call)
     {
-        if (isConnecting(call.path()))
+        if (state(call.path()) == "connecting")
             return refuse(call, "InProgress", "Operation already in progress");
         if (m_bluez5->hasStream(call.path()))
             return refuse(call, "AlreadyConnected", "Already Connected");
@@ -117,11 +114,10 @@ private:
     /** With success if there is a stream by now, whoever has made it. */
     void endConnect(const QDBusMessage &call)
     {
-        if (m_bluez5->hasStream(call.path()))
-            send(call.createReply());
-        else
-            refuse(call, "Failed", "Stream setup failed");
-        if (!isConnecting(call.path()))
+        send(m_bluez5->hasStream(call.path())
+                 ? call.createReply()
+                 : call.createErrorReply("org.bluez.Error.Failed", "Stream setup failed"));
+        if (state(call.path()) != "connecting")
             return; // it has been removed meanwhile
         Interfaces &told = m_told[call.path()];
         told[AudioSource].remove("State");
@@ -154,21 +150,20 @@ private:
     /** Not before BlueZ 5 is ready: a missing adapter shows as the service's own time-out. */
     void begin()
     {
-        const QString adapter = m_bluez5->adapter();
+        const QString path = m_bluez5->adapter();
         if (!m_bluez5->isReady())
             return;
         if (!QDBusConnection::systemBus().registerService("org.bluez"))
             fail("another daemon has the name org.bluez on the product's bus");
-        for (const QString &path : m_bluez5->paths()) {
-            if (m_bluez5->isPhone(path))
-                show(path);
+        for (const QString &device : m_bluez5->paths()) {
+            if (m_bluez5->isPhone(device))
+                show(device);
         }
         m_bluez5->cutLinks(); // the service never heard of them, and would not look after them
-        m_told[adapter][Adapter] = adapterProperties();
-        send(QDBusMessage::createSignal("/", Manager, "AdapterAdded") << objectPath(adapter));
-        tellNews("/", Manager, {{"Adapters", objectPaths({adapter})}});
-        send(QDBusMessage::createSignal("/", Manager, "DefaultAdapterChanged")
-             << objectPath(adapter));
+        m_told[path][Adapter] = adapterProperties();
+        send(QDBusMessage::createSignal("/", Manager, "AdapterAdded") << objectPath(path));
+        tellNews("/", Manager, {{"Adapters", objectPaths({path})}});
+        send(QDBusMessage::createSignal("/", Manager, "DefaultAdapterChanged") << objectPath(path));
     }
 
     /** Not connected, whatever BlueZ 5 has, until it is updated. */
@@ -185,48 +180,42 @@ private:
             return;
         const QVariantMap device = deviceProperties(path);
         const bool wasConnected = m_told[path][Device].value("Connected").toBool();
-        const bool isConnected = device.value("Connected").toBool();
         const QVariant sound = m_bluez5->properties(m_bluez5->stream()).value("State");
         const bool plays = sound == "pending" || sound == "active";
         const bool hasStream = m_bluez5->hasStream(path);
-        const char *const state = !hasStream ? "disconnected" : plays ? "playing" : "connected";
+        const char *const newState = !hasStream ? "disconnected" : plays ? "playing" : "connected";
         // Of a phone that is quick, BlueZ 5 hears of the link after the stream, or never.
-        if (isConnected && !wasConnected && !m_bluez5->isLinked(path) && !isLate)
+        if (hasStream && !wasConnected && !m_bluez5->isLinked(path) && !isLate)
             return QTimer::singleShot(LinkTimeout, this, [=] { updatePhone(path, true); });
         // Sound begins after the link and ends before it: who has forgotten a phone with its link
         // would keep the place for it after a word of its sound.
-        if (isConnected)
+        if (device.value("Connected").toBool())
             tellNews(path, Device, device);
         // While the unit connects, BlueZ 4 tells no more than that, and the rest after its answer.
-        if (isConnecting(path))
+        if (state(path) == "connecting")
             return;
-        if (hasStream && m_told[path][AudioSource].value("State") == "disconnected")
+        if (hasStream && state(path) == "disconnected")
             tellNews(path, AudioSource, {{"State", "connecting"}});
-        tellNews(path, AudioSource, {{"State", state}});
+        tellNews(path, AudioSource, {{"State", newState}});
         tellNews(path, Device, device);
     }
 
     /** What is not as it was told. */
     void tellNews(const QString &path, const QString &interface, const QVariantMap &properties)
     {
-        QVariantMap &told = m_told[path][interface];
         for (const QString &name : properties.keys()) {
-            const QVariant value = properties.value(name);
-            if (told.value(name) != value)
+            QVariant &told = m_told[path][interface][name];
+            if (told != properties.value(name))
                 send(QDBusMessage::createSignal(path, interface, "PropertyChanged")
-                     << name << variant(value));
-            told.insert(name, value);
+                     << name << variant(properties.value(name)));
+            told = properties.value(name);
         }
     }
 
-    // What BlueZ 5 has, by BlueZ 4's names
+    /** Of the sound, as it was told. */
+    QVariant state(const QString &path) const { return m_told.value(path)[AudioSource]["State"]; }
 
-    /** On behalf of the unit. */
-    bool isConnecting(const QString &path) const
-    {
-        return m_told.value(path).value(AudioSource).value("State") == "connecting";
-    }
-
+    /** What BlueZ 5 has, by BlueZ 4's names. */
     QVariantMap deviceProperties(const QString &path) const
     {
         // The bond comes with the key, as BlueZ 4's "Paired", BlueZ 5's own with the services.

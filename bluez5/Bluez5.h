@@ -3,8 +3,6 @@
 
 #include "Bus.h"
 
-#include <sys/socket.h>
-
 /** The interfaces of an object with their properties, and objects by path. */
 typedef QMap<QString, QVariantMap> Interfaces;
 typedef QMap<QDBusObjectPath, Interfaces> ManagedObjects;
@@ -20,11 +18,9 @@ const char MediaTransport1[] = "org.bluez.MediaTransport1";
 const char SourceService[] = "0000110a-0000-1000-8000-00805f9b34fb";
 const char SinkService[] = "0000110b-0000-1000-8000-00805f9b34fb";
 
-const char Service[] = "org.bluez";
 const char ObjectManager[] = "org.freedesktop.DBus.ObjectManager";
 const char Properties[] = "org.freedesktop.DBus.Properties";
 const char EndpointPath[] = "/ulmo/sink";
-
 // SBC as A2DP lays it out: modes, blocks and bands, least and greatest bitpool.
 const QByteArray Capabilities("\xff\xff\x02\x35", 4);
 
@@ -55,25 +51,23 @@ public:
         qDBusRegisterMetaType<Interfaces>();
         qDBusRegisterMetaType<ManagedObjects>();
         m_bus.registerObject(EndpointPath, this, QDBusConnection::ExportAllSlots);
-        m_bus.connect(Service, "/", ObjectManager, "InterfacesAdded", "oa{sa{sv}}", this,
+        m_bus.connect("org.bluez", "/", ObjectManager, "InterfacesAdded", "oa{sa{sv}}", this,
                       SLOT(interfacesAdded(QDBusObjectPath, Interfaces)));
-        m_bus.connect(Service, "/", ObjectManager, "InterfacesRemoved", "oas", this,
+        m_bus.connect("org.bluez", "/", ObjectManager, "InterfacesRemoved", "oas", this,
                       SLOT(interfacesRemoved(QDBusObjectPath, QStringList)));
-        m_bus.connect(Service, QString(), Properties, "PropertiesChanged", "sa{sv}as", this,
+        m_bus.connect("org.bluez", QString(), Properties, "PropertiesChanged", "sa{sv}as", this,
                       SLOT(propertiesChanged(QString, QVariantMap, QStringList, QDBusMessage)));
         for (QDBusConnection bus : {m_bus, QDBusConnection::systemBus()})
             bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
-                        "Disconnected", this, SLOT(busLost()));
+                        "Disconnected", this, SLOT(lost()));
         auto *const watcher = new QDBusServiceWatcher(
-            Service, m_bus, QDBusServiceWatcher::WatchForUnregistration, this);
-        connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this,
-                [] { fail("BlueZ 5 has gone"); });
+            "org.bluez", m_bus, QDBusServiceWatcher::WatchForUnregistration, this);
+        connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this, &Bluez5::lost);
         readObjects();
     }
 
     /** The adapter is there and on, and takes the sound of phones. */
     bool isReady() const { return m_hasEndpoint && properties(m_adapter)["Powered"].toBool(); }
-
     QString adapter() const { return m_adapter; }
     /** The transport of a phone's sound, or empty. One at a time: the endpoint takes no more. */
     QString stream() const { return m_stream; }
@@ -97,7 +91,7 @@ public:
     void call(const QString &path, const QString &interface, const QString &method,
               const QVariantList &arguments, const Answered &answered = nullptr, int timeout = -1)
     {
-        send(m_bus, methodCall(Service, path, interface, method, arguments), answered, timeout);
+        send(m_bus, methodCall("org.bluez", path, interface, method, arguments), answered, timeout);
     }
 
     /** Disconnects all phones. */
@@ -120,7 +114,7 @@ public:
             QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
         // With its answer, the calls before have arrived as well.
         if (m_hasEndpoint)
-            m_bus.call(methodCall(Service, m_adapter, "org.bluez.Media1", "UnregisterEndpoint",
+            m_bus.call(methodCall("org.bluez", m_adapter, "org.bluez.Media1", "UnregisterEndpoint",
                                   {objectPath(EndpointPath)}),
                        QDBus::Block, 500);
     }
@@ -147,7 +141,6 @@ public Q_SLOTS: // of the endpoint; the bus lets BlueZ 5 call them, as it is roo
     }
 
     void Release() { } // it ends, or the adapter has gone
-
     /** 44.1 kHz and joint stereo where the phone has them; 16 blocks of 8 bands every phone has. */
     QByteArray SelectConfiguration(const QByteArray &offered)
     {
@@ -162,14 +155,13 @@ public Q_SLOTS: // of the endpoint; the bus lets BlueZ 5 call them, as it is roo
     }
 
 private Q_SLOTS:
-    void busLost() { fail("a bus has gone"); }
-
+    void lost() { fail("BlueZ 5, or a bus, has gone"); }
     void interfacesAdded(const QDBusObjectPath &object, const Interfaces &interfaces)
     {
         const QString path = object.path();
         if (m_adapter.isEmpty() && interfaces.contains(Adapter1))
             takeAdapter(path);
-        if (!interfaces.contains(kindOf(path)) || !path.startsWith(m_adapter))
+        if (!interfaces.contains(kindOf(path)) || !path.startsWith(m_adapter) || path == m_stream)
             return;
         m_objects.insert(path, interfaces.value(kindOf(path)));
         Q_EMIT changed(path, m_objects.value(path));
@@ -238,8 +230,7 @@ private:
         const QString name = qEnvironmentVariable("BLUEZHOSTNAME");
         const auto switchedOn = [](const QDBusMessage &answer) {
             if (!answer.errorName().isEmpty())
-                warn("the radio cannot be switched on, rfkill may block it: "
-                     + answer.errorMessage());
+                warn("the radio is not on, rfkill may block it: " + answer.errorMessage());
         };
         call(path, Properties, "Set", {Adapter1, "Alias", variant(name)});
         call(path, Properties, "Set", {Adapter1, "DiscoverableTimeout", variant(0u)});

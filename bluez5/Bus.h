@@ -6,12 +6,12 @@
 #include <csignal>
 #include <functional>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
 /** Gets what a call has returned, or an error, which alone has a name. */
 typedef std::function<void(const QDBusMessage &)> Answered;
-const Answered Ignored = [](const QDBusMessage &) {};
 
 /** Writes to the system's log: the service gives its children no standard error. */
 inline void warn(const QString &text)

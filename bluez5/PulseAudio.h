@@ -23,10 +23,12 @@ public:
     /** Answers "interface.method(signature)", at once or later; false when there is none. */
     bool handle(const QString &method, const QDBusMessage &call)
     {
+        const Interfaces adapter = {{Adapter1, m_bluez5->properties(m_bluez5->adapter())}};
+        const ManagedObjects shown = {{QDBusObjectPath(m_bluez5->adapter()), adapter}};
         if (call.path() == m_stream)
             handleStream(call);
         else if (method == "org.freedesktop.DBus.ObjectManager.GetManagedObjects()")
-            showAdapter(call);
+            send(call.createReply(QVariant::fromValue(shown))); // the phone comes with its stream
         else if (method == "org.bluez.Media1.RegisterEndpoint(oa{sv})")
             registerEndpoint(call);
         else
@@ -35,15 +37,6 @@ public:
     }
 
 private:
-    void showAdapter(const QDBusMessage &call)
-    {
-        const QString adapter = m_bluez5->adapter();
-        // The phone is told with its stream.
-        const ManagedObjects objects = {
-            {QDBusObjectPath(adapter), {{Adapter1, m_bluez5->properties(adapter)}}}};
-        send(call.createReply(QVariant::fromValue(objects)));
-    }
-
     /** Having found no RegisterApplication, PulseAudio registers one after the other. */
     void registerEndpoint(const QDBusMessage &call)
     {
@@ -74,7 +67,7 @@ private:
     {
         // What PulseAudio may have had, nobody reads any more, and nobody could take.
         if (!m_owner.isEmpty() && !m_stream.isEmpty() && !isOurs())
-            m_bluez5->call(m_stream, MediaTransport1, "Release", {}, Ignored);
+            m_bluez5->call(m_stream, MediaTransport1, "Release", {}, [](const QDBusMessage &) {});
         m_askers.clear();
         m_owner = owner;
         m_endpoint = path;
@@ -87,7 +80,7 @@ private:
         if (m_stream != m_bluez5->stream()) {
             handOver(QDBusMessage::createError("org.bluez.Error.NotAvailable", "it has closed"));
             if (!m_owner.isEmpty() && !m_stream.isEmpty())
-                callEndpoint("ClearConfiguration", {objectPath(m_stream)}, Ignored);
+                send(endpointCall("ClearConfiguration", {objectPath(m_stream)}));
             m_stream = m_bluez5->stream();
             give();
         } else if (path == m_stream) {
@@ -112,27 +105,28 @@ private:
         device.insert("UUIDs", QStringList(SourceService));
         send(QDBusMessage::createSignal("/", ObjectManager, "InterfacesAdded")
              << objectPath(phone) << QVariant::fromValue(Interfaces {{Device1, device}}));
-        callEndpoint("SetConfiguration", {objectPath(m_stream), properties}, nullptr);
+        send(QDBusConnection::systemBus(),
+             endpointCall("SetConfiguration", {objectPath(m_stream), properties}));
         // What has begun before is taken when it is told once more. But not "idle": while
         // PulseAudio asks for the descriptor, it takes that for the stream's end, and is silent.
         if (properties.value("State") != "idle")
             update(m_stream, {{"State", properties.value("State")}});
     }
 
-    void callEndpoint(const QString &method, const QVariantList &values, const Answered &answered)
+    QDBusMessage endpointCall(const QString &method, const QVariantList &arguments) const
     {
-        send(QDBusConnection::systemBus(),
-             methodCall(m_owner, m_endpoint, "org.bluez.MediaEndpoint1", method, values), answered);
+        return methodCall(m_owner, m_endpoint, "org.bluez.MediaEndpoint1", method, arguments);
     }
 
     void take(const QString &method)
     {
         const QString stream = m_stream;
-        m_isAsked = true;
-        m_bluez5->call(stream, MediaTransport1, method, {}, [=](const QDBusMessage &answer) {
+        const auto answered = [=](const QDBusMessage &answer) {
             if (m_stream == stream) // or else the descriptor goes with the message
                 handOver(answer);
-        });
+        };
+        m_isAsked = true;
+        m_bluez5->call(stream, MediaTransport1, method, {}, answered);
     }
 
     /** The descriptor to PulseAudio, if that has asked, without old sound. If not, it is kept. */
@@ -153,7 +147,6 @@ private:
     }
 
     bool isOurs() const { return m_isAsked || m_taken.type() == QDBusMessage::ReplyMessage; }
-
     Bluez5 *const m_bluez5;
     QDBusServiceWatcher m_watcher;
     QString m_owner; // PulseAudio's name on the bus, or empty

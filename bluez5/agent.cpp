@@ -16,11 +16,9 @@ public Q_SLOTS:
     void Release() { QCoreApplication::quit(); }
     void Cancel() { }
     QString RequestPinCode(const QDBusObjectPath &) { return m_pin; }
-
     // Without a PIN phones pair only where the service has switched that on at the adapter.
     void RequestConfirmation(const QDBusObjectPath &, uint) { }
     void RequestAuthorization(const QDBusObjectPath &) { }
-
     void AuthorizeService(const QDBusObjectPath &, const QString &uuid)
     {
         // Sound and remote control: A2DP source, sink and distribution, AVRCP in its three roles.
@@ -41,7 +39,6 @@ int main(int argc, char **argv)
         fputs("usage: agent --path PATH --delay SECONDS --capabilites CAPABILITY PIN\n", stderr);
         return 1;
     }
-
     quitOnTermination();
     Agent agent(arguments[7]);
     QDBusConnection bus = machineBus();
