@@ -23,7 +23,7 @@ class Adapter:
         self.is_raw_hci = False
         #: Raw HCI in which news of audio connections come before those of links.
         self.audio_first = False
-        self.takes_streams = False
+        self.takes_streams = False  # for PulseAudio
         self.path = ""
         self.is_powered = False
         #: Pairs without the agent.
