@@ -26,10 +26,14 @@ class Recording:
         with (folder / "journal.jsonl").open() as journal:
             self._began = json.loads(journal.readline())["began"]
 
+    def now(self) -> int:
+        """In frames from the beginning."""
+        return int((time.monotonic() - self._began) * RATE)
+
     def heard(self, seconds: float) -> bytes:
         """What was heard in the last `seconds`; silence is silence, whatever the reason."""
         count = round(seconds * RATE)
-        first = int((time.monotonic() - self._began) * RATE) - count
+        first = self.now() - count
         with self.path.open("rb") as file:
             file.seek(max(first, 0) * FRAME)
             missing = min(max(-first, 0), count)
