@@ -3,11 +3,9 @@
 
 #include "Bluez5.h"
 
-// In milliseconds.
-const int ConnectTimeout = 8500; // what BlueZ 4 takes for a phone out of range
-const int ConnectAgain = 500;
-const int LinkTimeout = 1000; // for the word of a link
-
+const int ConnectTimeout = 8500; // ms; what BlueZ 4 takes for a phone out of range
+const int ConnectAgain = 500; // ms
+const int LinkTimeout = 1000; // ms; for the word of a link
 /** A phone that closes the door on the stream, by BlueZ 5.66 and by 5.82. */
 const QStringList Refusals = {"br-connection-unknown", "br-connection-refused"};
 
@@ -25,21 +23,26 @@ public:
     /** Answers "interface.method(signature)", at once or later; false when there is none. */
     bool handle(const QString &method, const QDBusMessage &call)
     {
-        const Interfaces told = m_told.value(call.path());
-        if (told.contains(call.interface()) && method.endsWith(".GetProperties()"))
-            return send(call.createReply(told[call.interface()]));
-        if (told.contains(Manager) && method == "org.bluez.Manager.DefaultAdapter()")
-            return send(call.createReply(objectPath(m_bluez5->adapter())));
-        if (told.contains(Adapter) && method == "org.bluez.Adapter.ListDevices()")
-            return send(call.createReply(told[Adapter].value("Devices")));
-        if (told.contains(Adapter) && method == "org.bluez.Adapter.RemoveDevice(o)")
-            return removeDevice(call);
-        if (told.contains(Device) && method == "org.bluez.Device.SetProperty(sv)")
-            return setTrusted(call);
-        if (told.contains(Device) && method == "org.bluez.Device.Disconnect()")
-            return disconnectLink(call);
-        return told.contains(AudioSource) && method == "org.bluez.AudioSource.Connect()"
-            && connectSound(call);
+        const QVariantMap told = m_told.value(call.path()).value(call.interface());
+        if (told.isEmpty())
+            return false;
+        if (method.endsWith(".GetProperties()"))
+            send(call.createReply(told));
+        else if (method == "org.bluez.Manager.DefaultAdapter()")
+            send(call.createReply(objectPath(m_bluez5->adapter())));
+        else if (method == "org.bluez.Adapter.ListDevices()")
+            send(call.createReply(told.value("Devices")));
+        else if (method == "org.bluez.Adapter.RemoveDevice(o)")
+            removeDevice(call);
+        else if (method == "org.bluez.Device.SetProperty(sv)")
+            setTrusted(call);
+        else if (method == "org.bluez.Device.Disconnect()")
+            disconnectLink(call);
+        else if (method == "org.bluez.AudioSource.Connect()")
+            connectSound(call);
+        else
+            return false;
+        return true;
     }
 
 private:
@@ -48,7 +51,7 @@ private:
     const QString Device = "org.bluez.Device";
     const QString AudioSource = "org.bluez.AudioSource";
 
-    bool removeDevice(const QDBusMessage &call)
+    void removeDevice(const QDBusMessage &call)
     {
         const QVariant path = call.arguments().at(0);
         const Interfaces told = m_told.value(qvariant_cast<QDBusObjectPath>(path).path());
@@ -56,210 +59,190 @@ private:
         if (!told.contains(Device))
             return refuse(call, "DoesNotExist", "Does Not Exist");
         // BlueZ 4 answers before it tells that the link has gone, BlueZ 5 after.
-        m_bluez5->call(call.path(), "org.bluez.Adapter1.RemoveDevice", {path},
+        if (isConnected)
+            send(call.createReply());
+        m_bluez5->call(call.path(), Adapter1, "RemoveDevice", {path},
                        isConnected ? nullptr : passTo(call));
-        return !isConnected || send(call.createReply());
     }
 
-    bool setTrusted(const QDBusMessage &call)
+    void setTrusted(const QDBusMessage &call)
     {
         const QVariant value = qvariant_cast<QDBusVariant>(call.arguments().at(1)).variant();
         if (call.arguments().at(0) != "Trusted" || value.userType() != QMetaType::Bool)
             return refuse(call, "InvalidArguments", "Invalid arguments in method call");
-        m_bluez5->set(call.path(), Device1, "Trusted", value, passTo(call));
-        return true;
+        m_bluez5->call(call.path(), Properties, "Set", {Device1, "Trusted", variant(value)},
+                       passTo(call));
     }
 
-    bool disconnectLink(const QDBusMessage &call)
+    void disconnectLink(const QDBusMessage &call)
     {
         if (!m_told[call.path()][Device].value("Connected").toBool())
             return refuse(call, "NotConnected", "Not Connected");
-        tell(call.path(), "org.bluez.Device.DisconnectRequested", {});
-        if (known(call.path()).value("Connected").toBool())
-            m_bluez5->call(call.path(), "org.bluez.Device1.Disconnect", {}, passTo(call));
-        else // BlueZ 5 has missed the link of the stream
-            m_bluez5->call(call.path(), "org.bluez.Device1.DisconnectProfile", {SourceService},
-                           passTo(call));
-        return true;
+        send(QDBusMessage::createSignal(call.path(), Device, "DisconnectRequested"));
+        if (m_bluez5->isLinked(call.path()))
+            return m_bluez5->call(call.path(), Device1, "Disconnect", {}, passTo(call));
+        // BlueZ 5 has missed the link of the stream.
+        m_bluez5->call(call.path(), Device1, "DisconnectProfile", {SourceService}, passTo(call));
     }
 
-    bool connectSound(const QDBusMessage &call)
+    void connectSound(const QDBusMessage &call)
     {
-        if (m_connects.contains(call.path()))
+        if (state(call.path()) == "connecting")
             return refuse(call, "InProgress", "Operation already in progress");
-        if (hasStream(call.path()))
+        if (m_bluez5->hasStream(call.path()))
             return refuse(call, "AlreadyConnected", "Already Connected");
-        m_connects.insert(call.path(), call);
         tellNews(call.path(), AudioSource, {{"State", "connecting"}});
-        openStream(call.path(), QDeadlineTimer(ConnectTimeout), false);
-        return true;
+        openStream(call, QDeadlineTimer(ConnectTimeout), false);
     }
 
-    /**
-     * A phone's kernel may refuse the stream while it does not yet take the link for encrypted.
-     * That passes; but after an error the service would forget the phone. So it is tried twice.
-     */
-    void openStream(const QString &path, const QDeadlineTimer &deadline, bool isLast)
+    // A phone's kernel may refuse the stream while it does not yet take the link for encrypted.
+    // That passes; but after an error the service would forget the phone. So it is tried twice.
+    void openStream(const QDBusMessage &call, const QDeadlineTimer &deadline, bool isLast)
     {
-        const auto again = [=] { openStream(path, deadline, true); };
+        const auto again = [=] { openStream(call, deadline, true); };
         const auto answered = [=](const QDBusMessage &reply) {
             if (!isLast && Refusals.contains(reply.errorMessage()))
                 return QTimer::singleShot(ConnectAgain, this, again);
             if (reply.errorName() == "org.freedesktop.DBus.Error.NoReply")
-                m_bluez5->call(path, "org.bluez.Device1.Disconnect", {}); // it would go on
-            endConnect(path);
+                m_bluez5->call(call.path(), Device1, "Disconnect", {}); // it would go on
+            endConnect(call);
         };
-        m_bluez5->call(path, "org.bluez.Device1.ConnectProfile", {SourceService}, answered,
+        m_bluez5->call(call.path(), Device1, "ConnectProfile", {SourceService}, answered,
                        int(deadline.remainingTime()));
     }
 
     /** With success if there is a stream by now, whoever has made it. */
-    void endConnect(const QString &path)
+    void endConnect(const QDBusMessage &call)
     {
-        if (!m_connects.contains(path))
-            return;
-        const QDBusMessage call = m_connects.take(path);
-        if (hasStream(path))
-            send(call.createReply());
-        else
-            refuse(call, "Failed", "Stream setup failed");
+        send(m_bluez5->hasStream(call.path())
+                 ? call.createReply()
+                 : call.createErrorReply("org.bluez.Error.Failed", "Stream setup failed"));
+        if (state(call.path()) != "connecting")
+            return; // it has been removed meanwhile
+        Interfaces &told = m_told[call.path()];
+        told[AudioSource].remove("State");
         // The service keeps the place for a phone that was connecting until it hears that the link
         // has gone, and would hear nothing of a link that never was.
-        if (!m_told[path][Device].value("Connected").toBool())
-            m_told[path][Device].remove("Connected");
-        updatePhone(path);
+        if (!told[Device].value("Connected").toBool())
+            told[Device].remove("Connected");
+        updatePhone(call.path());
     }
 
     void update(const QString &changed)
     {
         const QString adapter = m_bluez5->adapter();
         const QString path = Bluez5::phoneOf(changed);
-        if (m_told.isEmpty() && m_bluez5->isReady())
-            begin();
         if (m_told.isEmpty())
-            return;
+            return begin();
         if (!m_told.contains(path) && m_bluez5->isPhone(path)) {
             show(path);
-            tell(adapter, "org.bluez.Adapter.DeviceCreated", {objectPath(path)});
+            send(QDBusMessage::createSignal(adapter, Adapter, "DeviceCreated") << objectPath(path));
         }
         tellNews(adapter, Adapter, adapterProperties());
-        if (!m_told.value(path).contains(Device))
-            return;
         updatePhone(path);
-        if (!known(path).isEmpty())
+        if (!m_told.contains(path) || !m_bluez5->properties(path).isEmpty())
             return;
         m_told.remove(path);
         tellNews(adapter, Adapter, adapterProperties());
-        tell(adapter, "org.bluez.Adapter.DeviceRemoved", {objectPath(path)});
+        send(QDBusMessage::createSignal(adapter, Adapter, "DeviceRemoved") << objectPath(path));
     }
 
     /** Not before BlueZ 5 is ready: a missing adapter shows as the service's own time-out. */
     void begin()
     {
-        const QString adapter = m_bluez5->adapter();
+        const QString path = m_bluez5->adapter();
+        if (!m_bluez5->isReady())
+            return;
         if (!QDBusConnection::systemBus().registerService("org.bluez"))
             fail("another daemon has the name org.bluez on the product's bus");
-        for (const QString &path : m_bluez5->paths()) {
-            if (m_bluez5->isPhone(path))
-                show(path);
+        for (const QString &device : m_bluez5->paths()) {
+            if (m_bluez5->isPhone(device))
+                show(device);
         }
         m_bluez5->cutLinks(); // the service never heard of them, and would not look after them
-        m_told[adapter][Adapter] = adapterProperties();
-        tell("/", "org.bluez.Manager.AdapterAdded", {objectPath(adapter)});
-        tellNews("/", Manager, {{"Adapters", objectPaths({adapter})}});
-        tell("/", "org.bluez.Manager.DefaultAdapterChanged", {objectPath(adapter)});
+        m_told[path][Adapter] = adapterProperties();
+        send(QDBusMessage::createSignal("/", Manager, "AdapterAdded") << objectPath(path));
+        tellNews("/", Manager, {{"Adapters", objectPaths({path})}});
+        send(QDBusMessage::createSignal("/", Manager, "DefaultAdapterChanged") << objectPath(path));
     }
 
     /** Not connected, whatever BlueZ 5 has, until it is updated. */
     void show(const QString &path)
     {
-        m_told[path][Device] = deviceProperties(path);
+        m_told[path] = {{Device, deviceProperties(path)},
+                        {AudioSource, {{"State", "disconnected"}}}};
         m_told[path][Device].insert("Connected", false);
-        m_told[path][AudioSource].insert("State", "disconnected");
     }
 
-    void updatePhone(const QString &path)
+    void updatePhone(const QString &path, bool isLate = false)
     {
-        const QVariantMap device = deviceProperties(path);
-        const QString stream = m_bluez5->stream();
-        // Of a phone that is quick, BlueZ 5 hears of the link after the stream, or never.
-        if (hasStream(path) && !known(path).value("Connected").toBool() && m_awaited != stream) {
-            QTimer::singleShot(LinkTimeout, this, [=] {
-                m_awaited = stream;
-                update(path);
-            });
+        if (!m_told.value(path).contains(Device))
             return;
-        }
-        if (known(path).isEmpty())
-            endConnect(path);
+        const QVariantMap device = deviceProperties(path);
+        const bool wasConnected = m_told[path][Device].value("Connected").toBool();
+        const QVariant sound = m_bluez5->properties(m_bluez5->stream()).value("State");
+        const bool plays = sound == "pending" || sound == "active";
+        const bool hasStream = m_bluez5->hasStream(path);
+        const char *const newState = !hasStream ? "disconnected" : plays ? "playing" : "connected";
+        // Of a phone that is quick, BlueZ 5 hears of the link after the stream, or never.
+        if (hasStream && !wasConnected && !m_bluez5->isLinked(path) && !isLate)
+            return QTimer::singleShot(LinkTimeout, this, [=] { updatePhone(path, true); });
         // Sound begins after the link and ends before it: who has forgotten a phone with its link
         // would keep the place for it after a word of its sound.
         if (device.value("Connected").toBool())
             tellNews(path, Device, device);
         // While the unit connects, BlueZ 4 tells no more than that, and the rest after its answer.
-        if (!m_connects.contains(path))
-            updateState(path);
+        if (state(path) == "connecting")
+            return;
+        if (hasStream && state(path) == "disconnected")
+            tellNews(path, AudioSource, {{"State", "connecting"}});
+        tellNews(path, AudioSource, {{"State", newState}});
         tellNews(path, Device, device);
     }
 
-    void updateState(const QString &path)
-    {
-        const Interfaces stream = m_bluez5->interfaces(m_bluez5->stream());
-        const QVariant sound = stream[MediaTransport1].value("State");
-        const bool plays = sound == "pending" || sound == "active";
-        if (!hasStream(path))
-            return tellNews(path, AudioSource, {{"State", "disconnected"}});
-        if (m_told[path][AudioSource].value("State") == "disconnected")
-            tellNews(path, AudioSource, {{"State", "connecting"}});
-        tellNews(path, AudioSource, {{"State", plays ? "playing" : "connected"}});
-    }
-
+    /** What is not as it was told. */
     void tellNews(const QString &path, const QString &interface, const QVariantMap &properties)
     {
-        const QVariantMap changes = news(&m_told[path][interface], properties);
-        for (const QString &name : changes.keys())
-            tell(path, interface + ".PropertyChanged",
-                 {name, QVariant::fromValue(QDBusVariant(changes.value(name)))});
+        for (const QString &name : properties.keys()) {
+            QVariant &told = m_told[path][interface][name];
+            if (told != properties.value(name))
+                send(QDBusMessage::createSignal(path, interface, "PropertyChanged")
+                     << name << variant(properties.value(name)));
+            told = properties.value(name);
+        }
     }
 
-    // What BlueZ 5 has, by BlueZ 4's names
+    /** Of the sound, as it was told. */
+    QVariant state(const QString &path) const { return m_told.value(path)[AudioSource]["State"]; }
 
-    QVariantMap known(const QString &path) const { return m_bluez5->interfaces(path)[Device1]; }
-
-    bool hasStream(const QString &path) const
-    {
-        return path == Bluez5::phoneOf(m_bluez5->stream());
-    }
-
+    /** What BlueZ 5 has, by BlueZ 4's names. */
     QVariantMap deviceProperties(const QString &path) const
     {
-        QVariantMap properties =
-            select(known(path), "Adapter Address Alias Blocked Class Icon Name Trusted UUIDs");
-        properties.insert("Connected", known(path).value("Connected").toBool() || hasStream(path));
-        // The bond comes with the key, as in BlueZ 4, BlueZ 5's own "Paired" with the services.
-        if (known(path).contains("Paired"))
-            properties.insert("Paired", known(path).value("Bonded", known(path).value("Paired")));
+        // The bond comes with the key, as BlueZ 4's "Paired", BlueZ 5's own with the services.
+        QVariantMap properties = select(
+            path, "Adapter Address Alias Blocked Paired=Bonded Class Icon Name Trusted UUIDs");
+        properties.insert("Connected", m_bluez5->isLinked(path) || m_bluez5->hasStream(path));
         properties.insert("Services", objectPaths({}));
         return properties;
     }
 
     QVariantMap adapterProperties() const
     {
-        const QVariantMap known = m_bluez5->interfaces(m_bluez5->adapter())[Adapter1];
-        QVariantMap properties = select(known,
+        QVariantMap properties = select(m_bluez5->adapter(),
                                         "Address Class Discoverable DiscoverableTimeout "
-                                        "Discovering Pairable PairableTimeout Powered");
-        properties.insert("Name", known.value("Alias"));
+                                        "Discovering Name=Alias Pairable PairableTimeout Powered");
         properties.insert("Devices", objectPaths(QStringList(m_told.keys()).filter("/dev_")));
         return properties;
     }
 
-    static QVariantMap select(const QVariantMap &properties, const QString &names)
+    /** Those with these names; "NAME=NAME" where BlueZ 5's is another. */
+    QVariantMap select(const QString &path, const QString &names) const
     {
+        const QVariantMap properties = m_bluez5->properties(path);
         QVariantMap selected;
         for (const QString &name : names.split(' ')) {
-            if (properties.contains(name))
-                selected.insert(name, properties.value(name));
+            if (properties.contains(name.section('=', -1)))
+                selected.insert(name.section('=', 0, 0), properties.value(name.section('=', -1)));
         }
         return selected;
     }
@@ -274,6 +257,4 @@ private:
 
     Bluez5 *const m_bluez5;
     QMap<QString, Interfaces> m_told; // by path
-    QString m_awaited; // the stream whose link has been waited for
-    QMap<QString, QDBusMessage> m_connects; // the unanswered AudioSource.Connect, by path
 };

@@ -3,8 +3,6 @@
 
 #include "Bus.h"
 
-#include <sys/socket.h>
-
 /** The interfaces of an object with their properties, and objects by path. */
 typedef QMap<QString, QVariantMap> Interfaces;
 typedef QMap<QDBusObjectPath, Interfaces> ManagedObjects;
@@ -20,18 +18,14 @@ const char MediaTransport1[] = "org.bluez.MediaTransport1";
 const char SourceService[] = "0000110a-0000-1000-8000-00805f9b34fb";
 const char SinkService[] = "0000110b-0000-1000-8000-00805f9b34fb";
 
-const char Service[] = "org.bluez";
 const char ObjectManager[] = "org.freedesktop.DBus.ObjectManager";
 const char Properties[] = "org.freedesktop.DBus.Properties";
 const char EndpointPath[] = "/ulmo/sink";
-
 // SBC as A2DP lays it out: modes, blocks and bands, least and greatest bitpool.
 const QByteArray Capabilities("\xff\xff\x02\x35", 4);
 
-/**
- * Has phones show a loudspeaker. BlueZ 5 takes the class from its own file only, the kernel from
- * whoever may administrate the network (its net/bluetooth/mgmt.h: Set Device Class).
- */
+// Has phones show a loudspeaker. BlueZ 5 takes the class from its own file only, the kernel from
+// whoever may administrate the network (its net/bluetooth/mgmt.h: Set Device Class).
 inline void setDeviceClass(const QString &adapter)
 {
     const uchar index = adapter.section("hci", -1).toInt();
@@ -44,10 +38,7 @@ inline void setDeviceClass(const QString &adapter)
     close(control);
 }
 
-/**
- * One adapter of BlueZ 5 and all below it, by BlueZ 5's paths, and the one SBC sink endpoint,
- * without which it lets no phone connect its sound.
- */
+/** One adapter of BlueZ 5, what is below it, and the SBC sink endpoint that phones need. */
 class Bluez5 : public QObject, protected QDBusContext
 {
     Q_OBJECT
@@ -60,70 +51,55 @@ public:
         qDBusRegisterMetaType<Interfaces>();
         qDBusRegisterMetaType<ManagedObjects>();
         m_bus.registerObject(EndpointPath, this, QDBusConnection::ExportAllSlots);
-        m_bus.connect(Service, "/", ObjectManager, "InterfacesAdded", "oa{sa{sv}}", this,
+        m_bus.connect("org.bluez", "/", ObjectManager, "InterfacesAdded", "oa{sa{sv}}", this,
                       SLOT(interfacesAdded(QDBusObjectPath, Interfaces)));
-        m_bus.connect(Service, "/", ObjectManager, "InterfacesRemoved", "oas", this,
+        m_bus.connect("org.bluez", "/", ObjectManager, "InterfacesRemoved", "oas", this,
                       SLOT(interfacesRemoved(QDBusObjectPath, QStringList)));
-        m_bus.connect(Service, QString(), Properties, "PropertiesChanged", "sa{sv}as", this,
+        m_bus.connect("org.bluez", QString(), Properties, "PropertiesChanged", "sa{sv}as", this,
                       SLOT(propertiesChanged(QString, QVariantMap, QStringList, QDBusMessage)));
         for (QDBusConnection bus : {m_bus, QDBusConnection::systemBus()})
             bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
-                        "Disconnected", this, SLOT(busLost()));
+                        "Disconnected", this, SLOT(lost()));
         auto *const watcher = new QDBusServiceWatcher(
-            Service, m_bus, QDBusServiceWatcher::WatchForUnregistration, this);
-        connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this, [this] {
-            if (!m_owner.isEmpty())
-                fail("BlueZ 5 has gone");
-        });
+            "org.bluez", m_bus, QDBusServiceWatcher::WatchForUnregistration, this);
+        connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this, &Bluez5::lost);
         readObjects();
     }
 
     /** The adapter is there and on, and takes the sound of phones. */
-    bool isReady() const
-    {
-        return m_hasEndpoint && interfaces(m_adapter)[Adapter1].value("Powered").toBool();
-    }
-
+    bool isReady() const { return m_hasEndpoint && properties(m_adapter)["Powered"].toBool(); }
     QString adapter() const { return m_adapter; }
     /** The transport of a phone's sound, or empty. One at a time: the endpoint takes no more. */
     QString stream() const { return m_stream; }
     QStringList paths() const { return m_objects.keys(); }
     /** Empty when the object is not there. */
-    Interfaces interfaces(const QString &path) const { return m_objects.value(path); }
+    QVariantMap properties(const QString &path) const { return m_objects.value(path); }
     /** The phone that something below it belongs to, or itself. */
     static QString phoneOf(const QString &path) { return path.section('/', 0, 4); }
+    bool hasStream(const QString &phone) const { return phoneOf(m_stream) == phone; }
+    bool isLinked(const QString &phone) const { return properties(phone)["Connected"].toBool(); }
 
     /** BlueZ 5 also has keyboards. Of a new phone it does not know yet what that offers. */
     bool isPhone(const QString &path) const
     {
-        const QVariantMap device = interfaces(path)[Device1];
-        const QStringList services = device.value("UUIDs").toStringList();
-        if (phoneOf(m_stream) == path || services.contains(SourceService))
-            return !device.isEmpty();
-        return !device.isEmpty() && services.isEmpty()
-            && !device.value("Icon").toString().startsWith("input-");
+        const QStringList services = properties(path)["UUIDs"].toStringList();
+        const bool isInput = properties(path)["Icon"].toString().startsWith("input-");
+        return hasStream(path) || services.contains(SourceService)
+            || (isDevice(path) && services.isEmpty() && !isInput);
     }
 
-    /** As send() does. */
-    void call(const QString &path, const QString &method, const QVariantList &arguments,
-              const Answered &answered = nullptr, int timeout = -1)
+    void call(const QString &path, const QString &interface, const QString &method,
+              const QVariantList &arguments, const Answered &answered = nullptr, int timeout = -1)
     {
-        send(m_bus, Service, path, method, arguments, answered, timeout);
-    }
-
-    void set(const QString &path, const QString &interface, const QString &property,
-             const QVariant &value, const Answered &answered = nullptr)
-    {
-        call(path, Properties + QString(".Set"),
-             {interface, property, QVariant::fromValue(QDBusVariant(value))}, answered);
+        send(m_bus, methodCall("org.bluez", path, interface, method, arguments), answered, timeout);
     }
 
     /** Disconnects all phones. */
     void cutLinks()
     {
         for (const QString &path : paths()) {
-            if (isPhone(path) && interfaces(path)[Device1].value("Connected").toBool())
-                call(path, "org.bluez.Device1.Disconnect", {});
+            if (isPhone(path) && isLinked(path))
+                call(path, Device1, "Disconnect", {});
         }
     }
 
@@ -138,102 +114,102 @@ public:
             QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
         // With its answer, the calls before have arrived as well.
         if (m_hasEndpoint)
-            m_bus.call(QDBusMessage::createMethodCall(Service, m_adapter, "org.bluez.Media1",
-                                                      "UnregisterEndpoint")
-                           << objectPath(EndpointPath),
+            m_bus.call(methodCall("org.bluez", m_adapter, "org.bluez.Media1", "UnregisterEndpoint",
+                                  {objectPath(EndpointPath)}),
                        QDBus::Block, 500);
     }
 
 Q_SIGNALS:
-    /** An object has come, has changed, or has gone; or all is ready. */
-    void changed(const QString &path);
+    /** An object has come or changed, with these properties, or has gone; or all is ready. */
+    void changed(const QString &path, const QVariantMap &properties = QVariantMap());
 
-public Q_SLOTS: // of the endpoint, for BlueZ 5
+public Q_SLOTS: // of the endpoint; the bus lets BlueZ 5 call them, as it is root's
     void SetConfiguration(const QDBusObjectPath &stream, const QVariantMap &properties)
     {
         const QString path = stream.path();
-        if (!isBluez5() || !m_stream.isEmpty() || phoneOf(path) == path
-            || !interfaces(phoneOf(path)).contains(Device1))
+        if (!m_stream.isEmpty() || path == phoneOf(path) || !isDevice(phoneOf(path)))
             return sendErrorReply("org.bluez.Error.InvalidArguments", "no stream of a phone");
         m_stream = path;
-        m_objects[path].insert(MediaTransport1, properties);
+        m_objects.insert(path, properties);
         Q_EMIT changed(path);
     }
 
     void ClearConfiguration(const QDBusObjectPath &stream)
     {
-        if (isBluez5() && stream.path() == m_stream)
-            interfacesRemoved(stream, {MediaTransport1});
+        if (stream.path() == m_stream)
+            remove(stream.path());
     }
 
-    void Release()
-    {
-        if (!isBluez5())
-            return sendErrorReply(QDBusError::UnknownMethod, "only for BlueZ 5");
-        fail("BlueZ 5 has given up the endpoint");
-    }
-
+    void Release() { } // it ends, or the adapter has gone
     /** 44.1 kHz and joint stereo where the phone has them; 16 blocks of 8 bands every phone has. */
     QByteArray SelectConfiguration(const QByteArray &offered)
     {
-        const int modes = offered.size() == Capabilities.size() ? offered[0] : 0;
-        const int rate = modes & 0x20 ? 0x20 : modes & 0x10;
-        const int channels = modes & -modes & 0x0f; // the lowest bit is the best of them
-        const int bitpool = rate && channels ? qMin<uchar>(offered[3], Capabilities[3]) : 0;
-        if (bitpool == 0 || uchar(offered[2]) > bitpool) {
-            sendErrorReply("org.bluez.Error.InvalidArguments", "no SBC that the unit has");
-            return QByteArray();
+        for (const char mode : {0x21, 0x22, 0x24, 0x28, 0x11, 0x12, 0x14, 0x18}) {
+            if (offered.size() != Capabilities.size() || (offered[0] & mode) != mode)
+                continue;
+            const char bitpool = qMin<uchar>(offered[3], Capabilities[3]);
+            return QByteArray().append(mode).append(0x15).append(offered[2]).append(bitpool);
         }
-        return QByteArray().append(rate | channels).append(0x15).append(offered[2]).append(bitpool);
+        sendErrorReply("org.bluez.Error.InvalidArguments", "no SBC that the unit has");
+        return QByteArray();
     }
 
 private Q_SLOTS:
-    void busLost() { fail("a bus has gone"); }
-
+    void lost() { fail("BlueZ 5, or a bus, has gone"); }
     void interfacesAdded(const QDBusObjectPath &object, const Interfaces &interfaces)
     {
         const QString path = object.path();
         if (m_adapter.isEmpty() && interfaces.contains(Adapter1))
             takeAdapter(path);
-        if (m_adapter.isEmpty() || !path.startsWith(m_adapter))
+        if (!interfaces.contains(kindOf(path)) || !path.startsWith(m_adapter) || path == m_stream)
             return;
-        m_objects[path].insert(interfaces);
-        Q_EMIT changed(path);
+        m_objects.insert(path, interfaces.value(kindOf(path)));
+        Q_EMIT changed(path, m_objects.value(path));
     }
 
     void interfacesRemoved(const QDBusObjectPath &object, const QStringList &removed)
     {
-        const QString path = object.path();
-        if (path == m_adapter && removed.contains(Adapter1))
-            fail("the adapter has gone");
-        for (const QString &interface : removed)
-            m_objects[path].remove(interface);
-        if (m_objects[path].isEmpty())
-            m_objects.remove(path);
-        if (!interfaces(m_stream).contains(MediaTransport1)
-            || !interfaces(phoneOf(m_stream)).contains(Device1))
-            m_stream.clear();
-        Q_EMIT changed(path);
+        if (removed.contains(kindOf(object.path())))
+            remove(object.path());
     }
 
     void propertiesChanged(const QString &interface, const QVariantMap &changes,
                            const QStringList &, const QDBusMessage &signal)
     {
-        if (!interfaces(signal.path()).contains(interface))
+        const QString path = signal.path();
+        if (!m_objects.contains(path) || interface != kindOf(path))
             return;
-        m_objects[signal.path()][interface].insert(changes);
-        Q_EMIT changed(signal.path());
+        m_objects[path].insert(changes);
+        Q_EMIT changed(path, changes);
     }
 
 private:
-    bool isBluez5() const { return message().service() == m_owner; }
+    bool isDevice(const QString &path) const { return properties(path).contains("Adapter"); }
+
+    /** The interface of an object that matters. */
+    QString kindOf(const QString &path) const
+    {
+        return path == m_adapter ? Adapter1 : path == m_stream ? MediaTransport1 : Device1;
+    }
+
+    /** With its stream, if that is a phone. */
+    void remove(const QString &path)
+    {
+        if (path == m_adapter)
+            fail("the adapter has gone");
+        m_objects.remove(path);
+        if (path == m_stream || hasStream(path)) {
+            m_objects.remove(m_stream);
+            m_stream.clear();
+        }
+        Q_EMIT changed(path);
+    }
 
     /** Until it succeeds: a call starts a BlueZ 5 that has crashed, but not always at once. */
     void readObjects()
     {
         const auto answered = [=](const QDBusMessage &answer) {
             const QDBusReply<ManagedObjects> objects = answer;
-            m_owner = answer.service();
             if (!objects.isValid()) {
                 warn("BlueZ 5 is not there: " + objects.error().message());
                 QTimer::singleShot(2000, this, &Bluez5::readObjects);
@@ -242,7 +218,7 @@ private:
             for (const QDBusObjectPath &object : objects.value().keys())
                 interfacesAdded(object, objects.value().value(object));
         };
-        call("/", ObjectManager + QString(".GetManagedObjects"), {}, answered);
+        call("/", ObjectManager, "GetManagedObjects", {}, answered);
     }
 
     void takeAdapter(const QString &path)
@@ -251,14 +227,14 @@ private:
                                       {"Codec", QVariant::fromValue(uchar(0))},
                                       {"Capabilities", Capabilities}};
         m_adapter = path;
-        if (qEnvironmentVariableIsSet("BLUEZHOSTNAME"))
-            set(path, Adapter1, "Alias", qEnvironmentVariable("BLUEZHOSTNAME"));
-        set(path, Adapter1, "DiscoverableTimeout", 0u);
-        set(path, Adapter1, "Powered", true, [](const QDBusMessage &answer) {
+        const QString name = qEnvironmentVariable("BLUEZHOSTNAME");
+        const auto switchedOn = [](const QDBusMessage &answer) {
             if (!answer.errorName().isEmpty())
-                warn("the radio cannot be switched on, rfkill may block it: "
-                     + answer.errorMessage());
-        });
+                warn("the radio is not on, rfkill may block it: " + answer.errorMessage());
+        };
+        call(path, Properties, "Set", {Adapter1, "Alias", variant(name)});
+        call(path, Properties, "Set", {Adapter1, "DiscoverableTimeout", variant(0u)});
+        call(path, Properties, "Set", {Adapter1, "Powered", variant(true)}, switchedOn);
         setDeviceClass(path);
         const auto answered = [=](const QDBusMessage &answer) {
             m_hasEndpoint = answer.errorName().isEmpty();
@@ -266,14 +242,13 @@ private:
                 warn("phones cannot connect their sound: " + answer.errorMessage());
             Q_EMIT changed(path);
         };
-        const QVariantList arguments = {objectPath(EndpointPath), endpoint};
-        call(path, "org.bluez.Media1.RegisterEndpoint", arguments, answered);
+        call(path, "org.bluez.Media1", "RegisterEndpoint", {objectPath(EndpointPath), endpoint},
+             answered);
     }
 
     QDBusConnection m_bus;
-    QString m_owner; // of BlueZ 5's name, when it is there
     bool m_hasEndpoint = false;
     QString m_adapter;
     QString m_stream;
-    QMap<QString, Interfaces> m_objects;
+    QMap<QString, QVariantMap> m_objects; // the adapter, devices, and the stream
 };

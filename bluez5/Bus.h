@@ -6,6 +6,7 @@
 #include <csignal>
 #include <functional>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -53,43 +54,44 @@ inline QVariant objectPath(const QString &path)
     return QVariant::fromValue(QDBusObjectPath(path));
 }
 
-/** Calls "interface.method". An error goes to the log, unless the answer is asked for. */
-inline void send(const QDBusConnection &bus, const QString &service, const QString &path,
-                 const QString &method, const QVariantList &arguments,
+inline QVariant variant(const QVariant &value)
+{
+    return QVariant::fromValue(QDBusVariant(value));
+}
+
+inline QDBusMessage methodCall(const QString &service, const QString &path,
+                               const QString &interface, const QString &method,
+                               const QVariantList &arguments)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(service, path, interface, method);
+    call.setArguments(arguments);
+    return call;
+}
+
+/** An error goes to the log, unless the answer is asked for. */
+inline void send(const QDBusConnection &bus, const QDBusMessage &call,
                  const Answered &answered = nullptr, int timeout = -1)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(service, path, method.section('.', 0, -2),
-                                                       method.section('.', -1));
-    call.setArguments(arguments);
     auto *const watcher = new QDBusPendingCallWatcher(bus.asyncCall(call, timeout), qApp);
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, qApp, [=] {
         watcher->deleteLater();
         if (answered)
             answered(watcher->reply());
         else if (watcher->isError())
-            warn(method + ": " + watcher->error().message());
+            warn(call.member() + ": " + watcher->error().message());
     });
 }
 
-/** Sends on the product's bus; true. */
-inline bool send(const QDBusMessage &message)
+/** Sends on the product's bus. */
+inline void send(const QDBusMessage &message)
 {
-    return QDBusConnection::systemBus().send(message);
-}
-
-/** Tells "interface.signal" there. */
-inline void tell(const QString &path, const QString &signal, const QVariantList &arguments)
-{
-    QDBusMessage message =
-        QDBusMessage::createSignal(path, signal.section('.', 0, -2), signal.section('.', -1));
-    message.setArguments(arguments);
-    send(message);
+    QDBusConnection::systemBus().send(message);
 }
 
 /** Answers there with an error of BlueZ, such as "Failed". */
-inline bool refuse(const QDBusMessage &call, const QString &error, const QString &text)
+inline void refuse(const QDBusMessage &call, const QString &error, const QString &text)
 {
-    return send(call.createErrorReply("org.bluez.Error." + error, text));
+    send(call.createErrorReply("org.bluez.Error." + error, text));
 }
 
 /** Answers there with what BlueZ 5 does, whose errors have BlueZ 4's names. */
@@ -101,16 +103,4 @@ inline Answered passTo(const QDBusMessage &call)
                      ? call.createReply(reply.arguments())
                      : call.createErrorReply(reply.errorName(), reply.errorMessage()));
     };
-}
-
-/** What is not as it was told, and is taken for told from now on. */
-inline QVariantMap news(QVariantMap *told, const QVariantMap &properties)
-{
-    QVariantMap changes;
-    for (const QString &name : properties.keys()) {
-        if (!told->contains(name) || told->value(name) != properties.value(name))
-            changes.insert(name, properties.value(name));
-    }
-    told->insert(changes);
-    return changes;
 }

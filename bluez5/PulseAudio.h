@@ -4,10 +4,10 @@
 #include "Bluez5.h"
 
 /**
- * PulseAudio plays only a stream that its own endpoint was given. It registers that here, on the
- * product's bus, and is given the open stream with its descriptor: no sound passes through the
- * bridge. But BlueZ 5 suspends what plays and is not taken within five seconds, and a phone may not
- * begin again. So the bridge takes it, and throws the sound away until PulseAudio is there.
+ * PulseAudio plays only a stream that was given to its own endpoint, which it registers here: no
+ * sound passes through the bridge. But BlueZ 5 suspends what plays and is not taken within five
+ * seconds, and a phone may not begin again. So the bridge takes it, and keeps the descriptor until
+ * PulseAudio asks for it. What nobody reads meanwhile, the kernel throws away.
  */
 class PulseAudio : public QObject
 {
@@ -23,176 +23,136 @@ public:
     /** Answers "interface.method(signature)", at once or later; false when there is none. */
     bool handle(const QString &method, const QDBusMessage &call)
     {
-        const QString adapter = m_bluez5->adapter();
+        const Interfaces adapter = {{Adapter1, m_bluez5->properties(m_bluez5->adapter())}};
+        const ManagedObjects shown = {{QDBusObjectPath(m_bluez5->adapter()), adapter}};
         if (call.path() == m_stream)
-            return handleStream(call);
-        if (call.path() == "/"
-            && method == "org.freedesktop.DBus.ObjectManager.GetManagedObjects()") {
-            // The phone is told with its stream.
-            const ManagedObjects objects = {
-                {QDBusObjectPath(adapter), m_bluez5->interfaces(adapter)}};
-            return send(call.createReply(QVariant::fromValue(objects)));
-        }
-        // Having found no RegisterApplication, PulseAudio registers one endpoint after the other.
-        if (call.path() != adapter || method != "org.bluez.Media1.RegisterEndpoint(oa{sv})")
+            handleStream(call);
+        else if (method == "org.freedesktop.DBus.ObjectManager.GetManagedObjects()")
+            send(call.createReply(QVariant::fromValue(shown))); // the phone comes with its stream
+        else if (method == "org.bluez.Media1.RegisterEndpoint(oa{sv})")
+            registerEndpoint(call);
+        else
             return false;
+        return true;
+    }
+
+private:
+    /** Having found no RegisterApplication, PulseAudio registers one after the other. */
+    void registerEndpoint(const QDBusMessage &call)
+    {
         const auto path = qvariant_cast<QDBusObjectPath>(call.arguments().at(0));
         const auto endpoint = qdbus_cast<QVariantMap>(call.arguments().at(1));
         if (endpoint.value("UUID").toString().toLower() == SinkService)
             setEndpoint(call.service(), path.path());
-        return send(call.createReply());
+        send(call.createReply());
     }
 
-private:
-    /** All but a descriptor that the bridge has is BlueZ 5's own answer. */
-    bool handleStream(const QDBusMessage &call)
+    /** All but the descriptor, which the bridge asks for, is BlueZ 5's own answer. */
+    void handleStream(const QDBusMessage &call)
     {
-        const QString method = call.interface() + '.' + call.member();
         if (call.service() != m_owner)
             return refuse(call, "NotAuthorized", "Operation Not Authorized");
-        if (m_drain && call.member().endsWith("Acquire")) {
-            send(call.createReply(m_taken.arguments()));
-            letGo();
-        } else {
-            m_bluez5->call(m_stream, method, call.arguments(), passTo(call));
-        }
-        return true;
+        if (!call.member().endsWith("Acquire"))
+            return m_bluez5->call(m_stream, call.interface(), call.member(), call.arguments(),
+                                  passTo(call));
+        m_askers << passTo(call);
+        if (m_taken.type() == QDBusMessage::ReplyMessage)
+            handOver(m_taken);
+        else if (!m_isAsked)
+            take(call.member());
     }
 
     /** PulseAudio's, for phones; of nobody where there is none. */
     void setEndpoint(const QString &owner, const QString &path)
     {
-        // What PulseAudio had, nobody reads any more, and nobody could take.
-        if (!m_owner.isEmpty() && !m_stream.isEmpty() && !m_drain)
-            m_bluez5->call(m_stream, "org.bluez.MediaTransport1.Release", {});
-        if (m_drain)
-            m_drain->setEnabled(owner.isEmpty());
+        // What PulseAudio may have had, nobody reads any more, and nobody could take.
+        if (!m_owner.isEmpty() && !m_stream.isEmpty() && !isOurs())
+            m_bluez5->call(m_stream, MediaTransport1, "Release", {}, [](const QDBusMessage &) {});
+        m_askers.clear();
         m_owner = owner;
         m_endpoint = path;
         m_watcher.setWatchedServices(QStringList(owner));
         give();
-        if (!owner.isEmpty())
-            return;
-        m_state.clear(); // what PulseAudio was about to take
-        update();
     }
 
-    void update()
+    void update(const QString &path, const QVariantMap &changes)
     {
         if (m_stream != m_bluez5->stream()) {
-            letGo();
-            m_isAsked = false;
-            callEndpoint("ClearConfiguration", {objectPath(m_stream)}, [](const QDBusMessage &) {});
+            handOver(QDBusMessage::createError("org.bluez.Error.NotAvailable", "it has closed"));
+            if (!m_owner.isEmpty() && !m_stream.isEmpty())
+                send(endpointCall("ClearConfiguration", {objectPath(m_stream)}));
             m_stream = m_bluez5->stream();
-            m_state.clear();
             give();
+        } else if (path == m_stream) {
+            if (changes.value("State") == "idle")
+                m_taken = QDBusMessage();
+            else if (changes.value("State") == "pending" && !isOurs())
+                take("TryAcquire");
+            send(QDBusMessage::createSignal(m_stream, Properties, "PropertiesChanged")
+                 << MediaTransport1 << changes << QStringList());
         }
-        const QVariant before = m_state;
-        m_state = m_bluez5->interfaces(m_stream)[MediaTransport1].value("State");
-        if (m_state == "idle")
-            letGo();
-        else if (m_state == "pending" && m_state != before && !m_isAsked && !m_drain)
-            take();
-        tellStream();
-    }
-
-    /** PulseAudio hears that it plays when there is a descriptor to ask for. */
-    void tellStream()
-    {
-        QVariantMap properties = m_bluez5->interfaces(m_stream)[MediaTransport1];
-        if (m_isAsked)
-            properties.remove("State");
-        const QVariantMap changes = news(&m_told, properties);
-        if (!changes.isEmpty())
-            tell(m_stream, "org.freedesktop.DBus.Properties.PropertiesChanged",
-                 {MediaTransport1, changes, QStringList()});
     }
 
     /** The open stream, if there is one, to PulseAudio. */
     void give()
     {
         const QString phone = Bluez5::phoneOf(m_stream);
-        QVariantMap device = m_bluez5->interfaces(phone)[Device1];
-        const auto answered = [=](const QDBusMessage &reply) {
-            if (!reply.errorName().isEmpty())
-                warn("PulseAudio does not take the phone: " + reply.errorMessage());
-            forgetState();
-            update();
-        };
-        m_told = m_bluez5->interfaces(m_stream)[MediaTransport1];
-        if (m_stream.isEmpty())
+        const QVariantMap properties = m_bluez5->properties(m_stream);
+        QVariantMap device = m_bluez5->properties(phone);
+        if (m_owner.isEmpty() || m_stream.isEmpty())
             return;
         // Of a new phone BlueZ 5 does not know it yet; and no other service is the unit's.
         device.insert("UUIDs", QStringList(SourceService));
-        tell("/", "org.freedesktop.DBus.ObjectManager.InterfacesAdded",
-             {objectPath(phone), QVariant::fromValue(Interfaces {{Device1, device}})});
-        callEndpoint("SetConfiguration", {objectPath(m_stream), m_told}, answered);
-        forgetState();
+        send(QDBusMessage::createSignal("/", ObjectManager, "InterfacesAdded")
+             << objectPath(phone) << QVariant::fromValue(Interfaces {{Device1, device}}));
+        send(QDBusConnection::systemBus(),
+             endpointCall("SetConfiguration", {objectPath(m_stream), properties}));
+        // What has begun before is taken when it is told once more. But not "idle": while
+        // PulseAudio asks for the descriptor, it takes that for the stream's end, and is silent.
+        if (properties.value("State") != "idle")
+            update(m_stream, {{"State", properties.value("State")}});
     }
 
-    /**
-     * Has the state told once more, so that what has begun before is taken. But not "idle": while
-     * PulseAudio asks for the descriptor, it takes that for the stream's end, and is silent.
-     */
-    void forgetState()
+    QDBusMessage endpointCall(const QString &method, const QVariantList &arguments) const
     {
-        if (m_told.value("State") != "idle")
-            m_told.remove("State");
+        return methodCall(m_owner, m_endpoint, "org.bluez.MediaEndpoint1", method, arguments);
     }
 
-    void callEndpoint(const QString &method, const QVariantList &arguments,
-                      const Answered &answered)
-    {
-        if (!m_owner.isEmpty() && !m_stream.isEmpty())
-            send(QDBusConnection::systemBus(), m_owner, m_endpoint,
-                 "org.bluez.MediaEndpoint1." + method, arguments, answered);
-    }
-
-    void take()
+    void take(const QString &method)
     {
         const QString stream = m_stream;
-        const auto answered = [=](const QDBusMessage &taken) {
-            if (m_stream != stream)
-                return; // closed meanwhile: the descriptor goes with the message
-            m_isAsked = false;
-            if (taken.signature() == "hqq")
-                hold(taken);
-            tellStream();
+        const auto answered = [=](const QDBusMessage &answer) {
+            if (m_stream == stream) // or else the descriptor goes with the message
+                handOver(answer);
         };
         m_isAsked = true;
-        m_bluez5->call(stream, "org.bluez.MediaTransport1.TryAcquire", {}, answered);
+        m_bluez5->call(stream, MediaTransport1, method, {}, answered);
     }
 
-    /** And throws away what comes, unless PulseAudio is there, which is about to ask. */
-    void hold(const QDBusMessage &taken)
+    /** The descriptor to PulseAudio, if that has asked, without old sound. If not, it is kept. */
+    void handOver(const QDBusMessage &answer)
     {
-        const auto descriptor = qvariant_cast<QDBusUnixFileDescriptor>(taken.arguments().at(0));
-        m_taken = taken;
-        m_drain = new QSocketNotifier(descriptor.fileDescriptor(), QSocketNotifier::Read, this);
-        m_drain->setEnabled(m_owner.isEmpty());
-        connect(m_drain, &QSocketNotifier::activated, this, [=](int socket) {
+        const bool isTaken = answer.signature() == "hqq";
+        if (isTaken && !m_askers.isEmpty()) {
+            const auto socket = qvariant_cast<QDBusUnixFileDescriptor>(answer.arguments().at(0));
             char sound[4096];
-            if (read(socket, sound, sizeof sound) <= 0)
-                letGo();
-        });
+            while (recv(socket.fileDescriptor(), sound, sizeof sound, MSG_DONTWAIT) > 0)
+                continue;
+        }
+        m_isAsked = false;
+        for (const Answered &asker : m_askers)
+            asker(answer);
+        m_taken = isTaken && m_askers.isEmpty() ? answer : QDBusMessage();
+        m_askers.clear();
     }
 
-    /** Closes what the bridge has of the descriptor. */
-    void letGo()
-    {
-        delete m_drain;
-        m_drain = nullptr;
-        m_taken = QDBusMessage();
-    }
-
+    bool isOurs() const { return m_isAsked || m_taken.type() == QDBusMessage::ReplyMessage; }
     Bluez5 *const m_bluez5;
     QDBusServiceWatcher m_watcher;
     QString m_owner; // PulseAudio's name on the bus, or empty
     QString m_endpoint;
     QString m_stream; // empty when none is open
-    QVariantMap m_told; // its properties
-    QVariant m_state; // what BlueZ 5 has told last: each "pending" is taken once
     bool m_isAsked = false; // BlueZ 5, for its descriptor
     QDBusMessage m_taken; // with it, while the bridge has it
-    QSocketNotifier *m_drain = nullptr;
+    QList<Answered> m_askers; // of PulseAudio, while BlueZ 5 is asked
 };

@@ -10,24 +10,15 @@ class Agent : public QObject, public QDBusContext
     Q_CLASSINFO("D-Bus Interface", "org.bluez.Agent1")
 
 public:
-    Agent(const QString &pin, int delay) : m_pin(pin), m_delay(delay) { }
+    explicit Agent(const QString &pin) : m_pin(pin) { }
 
 public Q_SLOTS:
     void Release() { QCoreApplication::quit(); }
-    void Cancel() { } // nobody waits for the PIN then
-
-    QString RequestPinCode(const QDBusObjectPath &)
-    {
-        const QDBusMessage request = message();
-        setDelayedReply(true);
-        QTimer::singleShot(m_delay, this, [=] { machineBus().send(request.createReply(m_pin)); });
-        return QString();
-    }
-
+    void Cancel() { }
+    QString RequestPinCode(const QDBusObjectPath &) { return m_pin; }
     // Without a PIN phones pair only where the service has switched that on at the adapter.
     void RequestConfirmation(const QDBusObjectPath &, uint) { }
     void RequestAuthorization(const QDBusObjectPath &) { }
-
     void AuthorizeService(const QDBusObjectPath &, const QString &uuid)
     {
         // Sound and remote control: A2DP source, sink and distribution, AVRCP in its three roles.
@@ -38,22 +29,18 @@ public Q_SLOTS:
 
 private:
     const QString m_pin;
-    const int m_delay; // in milliseconds
 };
 
 int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
     const QStringList arguments = application.arguments();
-    // Spelt as the service spells it.
-    if (arguments.size() != 8 || arguments[1] != "--path" || arguments[3] != "--delay"
-        || arguments[5] != "--capabilites") {
+    if (arguments.size() != 8 || arguments[5] != "--capabilites") { // as the service spells it
         fputs("usage: agent --path PATH --delay SECONDS --capabilites CAPABILITY PIN\n", stderr);
         return 1;
     }
-
     quitOnTermination();
-    Agent agent(arguments[7], arguments[4].toInt() * 1000);
+    Agent agent(arguments[7]);
     QDBusConnection bus = machineBus();
     bus.registerObject(arguments[2], &agent, QDBusConnection::ExportAllSlots);
     QDBusServiceWatcher watcher("org.bluez", bus, QDBusServiceWatcher::WatchForUnregistration);
@@ -61,20 +48,18 @@ int main(int argc, char **argv)
     bus.connect(QString(), "/org/freedesktop/DBus/Local", "org.freedesktop.DBus.Local",
                 "Disconnected", &application, SLOT(quit()));
     const auto ask = [&](const QString &method, const QVariantList &values) {
-        QDBusMessage call = QDBusMessage::createMethodCall("org.bluez", "/org/bluez",
-                                                           "org.bluez.AgentManager1", method);
-        call.setArguments(values);
+        const QDBusMessage call =
+            methodCall("org.bluez", "/org/bluez", "org.bluez.AgentManager1", method, values);
         const QString error = bus.call(call, QDBus::Block, 5000).errorMessage();
-        return error.isEmpty() ? error : method + ": " + error;
+        if (!error.isEmpty())
+            fail(method + ": " + error);
     };
-    QString error = ask("RegisterAgent", {objectPath(arguments[2]), arguments[6]});
-    if (error.isEmpty())
-        error = ask("RequestDefaultAgent", {objectPath(arguments[2])});
-    if (!error.isEmpty())
-        fail(error);
+    const QVariant path = objectPath(arguments[2]);
+    ask("RegisterAgent", {path, arguments[6]});
+    ask("RequestDefaultAgent", {path});
     application.exec();
     if (bus.interface()->isServiceRegistered("org.bluez")) // it would be started for a call
-        ask("UnregisterAgent", {objectPath(arguments[2])});
+        ask("UnregisterAgent", {path});
 }
 
 #include "agent.moc"

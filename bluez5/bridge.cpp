@@ -13,11 +13,11 @@ public:
     QString introspect(const QString &) const override { return QString(); }
     bool handleMessage(const QDBusMessage &call, const QDBusConnection &) override
     {
-        const QString method =
-            call.interface() + '.' + call.member() + '(' + call.signature() + ')';
+        const QString name = call.interface() + '.' + call.member() + '(' + call.signature() + ')';
         // QtDBus would call the object unknown; PulseAudio has to hear it of the method.
-        return m_bluez4.handle(method, call) || m_pulseAudio.handle(method, call)
-            || send(call.createErrorReply(QDBusError::UnknownMethod, "no " + call.member()));
+        if (!m_bluez4.handle(name, call) && !m_pulseAudio.handle(name, call))
+            send(call.createErrorReply(QDBusError::UnknownMethod, "no " + call.member()));
+        return true;
     }
 
 private:
@@ -29,12 +29,11 @@ int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
     quitOnTermination();
-    QDBusConnection product = QDBusConnection::systemBus();
-    if (!product.isConnected() || !machineBus().isConnected())
+    if (!QDBusConnection::systemBus().isConnected() || !machineBus().isConnected())
         fail("no bus");
     Bluez5 bluez5;
     ProductObjects objects(&bluez5);
-    product.registerVirtualObject("/", &objects, QDBusConnection::SubPath);
+    QDBusConnection::systemBus().registerVirtualObject("/", &objects, QDBusConnection::SubPath);
     application.exec();
     bluez5.leave();
 }

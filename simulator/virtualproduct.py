@@ -34,7 +34,6 @@ class VirtualProduct:
         source = Source(self.journal)
         self.programs = Programs(self.journal, self.faults, self.bluez, source, real_pulse)
         self.bluez.stream_changed.append(source.stream_changed)
-        source.taken = self.bluez.take_stream
         # What the service has said before comes first; and a program that it has waited for has
         # ended before what it says next.
         self.programs.about_to_speak = self.service.drain

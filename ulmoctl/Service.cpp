@@ -49,7 +49,7 @@ Outcome errorOutcome(const QDBusConnection &bus, const QDBusMessage &error, int 
 
 QDBusConnection serviceBus()
 {
-    if (qgetenv(AddressVariable).isEmpty())
+    if (busAddress().isEmpty() || busAddress().startsWith("unix:path=/run/user/"))
         qputenv(AddressVariable, ProductAddress);
     // On Qt's own one an answer may overtake signals, which it holds back until the loop runs.
     return QDBusConnection::connectToBus(QDBusConnection::SessionBus, "ulmoctl");

@@ -6,7 +6,7 @@
 
 #include "Outcome.h"
 
-/** The session bus of the environment or, if that names none, the product's. */
+/** The session bus of the environment or, if that names none or a login's own, the product's. */
 QDBusConnection serviceBus();
 
 /** What to tell when that failed. */

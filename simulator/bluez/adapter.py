@@ -8,7 +8,6 @@ from bluez.device import Device
 from core import loop
 from core.bus import Bus, Call, Reply
 
-AUDIO_CLASS = 0x4c0100
 AGENT_LIMIT = 60  # seconds of product time
 
 #: Gets whether the agent has agreed, and the PIN if that was asked for.
@@ -24,8 +23,7 @@ class Adapter:
         self.is_raw_hci = False
         #: Raw HCI in which news of audio connections come before those of links.
         self.audio_first = False
-        #: A local client takes every stream, so that it is not suspended for want of one.
-        self.stream_taken = False
+        self.takes_streams = False  # for PulseAudio
         self.path = ""
         self.is_powered = False
         #: Pairs without the agent.
@@ -55,17 +53,10 @@ class Adapter:
         self.emit("/", "Manager.AdapterAdded", "o", self.path)
         self.emit_changed("/", "Manager", "Adapters", ("ao", [self.path]))
         self.emit("/", "Manager.DefaultAdapterChanged", "o", self.path)
-        if not self.is_raw_hci:
-            self._changed("Name", ("s", ""))
         self._changed("Powered", ("b", True))
-        if self.is_raw_hci:
-            self._changed("Pairable", ("b", True))
-            self._changed("Class", ("u", AUDIO_CLASS))
         self._changed("Name", ("s", name))
         self._changed("Pairable", ("b", True))
         self._changed("Discoverable", ("b", self._discoverable))
-        if not self.is_raw_hci:
-            self._changed("Pairable", ("b", True))
 
     def vanish(self) -> None:
         """The daemon has gone, with its connection to the bus."""
@@ -243,6 +234,13 @@ class Adapter:
     def release_sink(self, device: Device) -> None:
         if self._sink_owner is device:
             self._sink_owner = None
+
+    def take_streams(self, taken: bool) -> None:
+        """PulseAudio takes every stream from now on, or none: one that nobody takes is suspended.
+        It has an open one started, whether or not the phone plays."""
+        self.takes_streams = taken
+        if self._sink_owner:
+            self._sink_owner.audio.start_for_client()
 
     def _device_paths(self) -> list[str]:
         return [device.path for device in self._devices]

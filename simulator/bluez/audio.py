@@ -52,7 +52,6 @@ class Audio:
         self._phase = Phase.IDLE
         self._is_authorised = False  # by the agent, for the life of the device
         self._disconnected_at = 0.0  # when the unit has ended the link
-        self._has_dead_session = False  # after a Connect that was refused
         self._connect: Call | None = None
         self._next = Timer()  # what happens next by itself
         self._grace = Timer()  # until Connect fails
@@ -61,14 +60,16 @@ class Audio:
     def is_active(self) -> bool:
         return self._phase != Phase.IDLE
 
+    @property
+    def is_started(self) -> bool:
+        return self._phase == Phase.PLAYING
+
     # ---- methods
 
     def handle(self, call: Call) -> bool:
         """Answers a call to the object; false when there is no such method."""
         if call.method == "AudioSource.Connect()":
             self._connect_called(call)
-        elif call.method == "AudioSource.Disconnect()":
-            self._disconnect_called(call)
         elif call.method == "AudioSource.GetProperties()":
             call.reply("a{sv}", {"State": ("s", self._state)})
         else:
@@ -79,7 +80,6 @@ class Audio:
         # By the clock, since the timer may be late on a busy machine.
         is_early = (time.monotonic() - self._disconnected_at) * 1000 < DISCONNECT_NOTICED
         if self._phase == Phase.DYING and is_early:
-            self._has_dead_session = True
             if self._adapter.is_raw_hci:
                 call.fail("AlreadyConnected")
             else:
@@ -93,7 +93,6 @@ class Audio:
         elif not self._adapter.is_powered:
             call.fail("Failed", "Unable to get a session")
         else:
-            self._has_dead_session = False
             self._connect = call
             # In other phases it joins what is being set up.
             if self._phase == Phase.WAITING:
@@ -105,18 +104,6 @@ class Audio:
                 self._set_state("connecting")
                 self._device.page(
                     lambda is_up: self._open_signalling() if is_up else self.hang_up(2))
-
-    def _disconnect_called(self, call: Call) -> None:
-        is_alive = self._phase not in (Phase.IDLE, Phase.DYING)
-        if self._connect:
-            call.fail("InProgress", "Operation already in progress")
-        elif not is_alive and not self._has_dead_session:
-            call.fail("NotConnected")
-        else:
-            self._has_dead_session = False
-            if is_alive:
-                self.close_stream("the unit closes it")
-            call.reply()
 
     def _fail_connect(self) -> None:
         self._grace.stop()
@@ -217,8 +204,16 @@ class Audio:
             self._connect.reply()
         self._connect = None
         self._set_state("connected")
+        self.start_for_client()
 
-    def phone_starts(self) -> None:
+    def start_for_client(self) -> None:
+        if self._adapter.takes_streams and self._phase == Phase.OPEN:
+            self._ask(self.start)
+
+    def start(self) -> None:
+        """By the phone or the unit, whoever is first."""
+        if self.is_started:
+            return
         self._phase = Phase.PLAYING
         self._set_state("playing")
         # Whoever takes it does so in real time.
@@ -228,7 +223,7 @@ class Audio:
         def suspend() -> None:
             self._phone.set_stream("paused", "nobody takes it: the unit suspends it")
             self.phone_suspends()
-        if not self._adapter.stream_taken:
+        if not self._adapter.takes_streams:
             self._ask(suspend)
 
     def phone_suspends(self) -> None:

@@ -79,10 +79,6 @@ class BlueZ:
             agent.leave()
             self.adapter.forget_agent()
 
-    def take_stream(self, taken: bool) -> None:
-        """PulseAudio takes the phones' streams: BlueZ does not suspend them after 5 s."""
-        self.adapter.stream_taken = taken
-
     # ---- control
 
     def describe_phones(self, _: list[str]) -> str:

@@ -3,7 +3,6 @@ for its services."""
 
 from __future__ import annotations
 
-from enum import Enum, auto
 from typing import TYPE_CHECKING, Callable
 
 from bluez.audio import SOURCE, Audio
@@ -26,12 +25,6 @@ SEARCH_TIME = 50
 LONGEST_PIN = 16
 
 
-class Search(Enum):
-    NONE = auto()
-    PAGING = auto()
-    BROWSING = auto()
-
-
 class Device:
     """One that is not bonded is there only as long as its link."""
 
@@ -46,14 +39,14 @@ class Device:
         self._paired = False  # the property: the bond as far as it was signalled
         self._name_known = False  # even without the device
         self._connected = False  # the property: the link as far as it was signalled
-        self._search = Search.NONE
         self._uuids: list[str] = []
         self._disconnect_calls: list[Call] = []  # answered when the link ends
         self._is_unwanted = False  # after RemoveDevice
         self._page_waiters: list[Callable[[bool], None]] = []
         self._disconnect = Timer()
         self._link = Timer()  # until it is up, or dropped for want of users
-        self._searching = Timer()
+        self._search_delay = Timer()
+        self._browsing = Timer()  # its services, over the link
 
     @property
     def path(self) -> str:
@@ -151,10 +144,8 @@ class Device:
         self.phone.link_went_down(why)
         self._link.stop()
         self._disconnect.stop()
+        self._browsing.stop()
         self.adapter.cancel_question(self)
-        if self._search == Search.BROWSING:
-            self._search = Search.NONE
-
         by_unit = bool(self._disconnect_calls)
         had_audio = self.audio.is_active
         if had_audio and self.adapter.audio_first:
@@ -175,7 +166,7 @@ class Device:
         """Somebody has begun or ceased to use the link: one without users is dropped."""
         if not self.is_link_up:
             return
-        if self.is_pairing or self.audio.is_active or self._search == Search.BROWSING:
+        if self.is_pairing or self.audio.is_active or self._browsing.is_active:
             self._link.stop()
         elif not self._link.is_active:
             self._link.start(LINK_IDLE, lambda: self.drop_link("nobody uses the link"))
@@ -189,7 +180,7 @@ class Device:
 
     def remove_on(self, call: Call) -> None:
         """Adapter.RemoveDevice."""
-        if not self.is_bonded or self._is_unwanted or self._search != Search.NONE:
+        if not self.is_bonded or self._is_unwanted or self._browsing.is_active:
             call.fail("DoesNotExist", "Device creation in progress")
         elif self._connected:
             self._is_unwanted = True
@@ -210,11 +201,10 @@ class Device:
         if self.is_link_up:
             self.phone.link_went_down("the unit ends the link")
         self.audio.retire()
-        for timer in (self._disconnect, self._link, self._searching):
+        for timer in (self._disconnect, self._link, self._search_delay, self._browsing):
             timer.stop()
         self._page_waiters = []
         self._disconnect_calls = []
-        self._search = Search.NONE
         self.is_link_up = self._connected = self.is_pairing = self._is_unwanted = False
         if not self.is_bonded:
             # Nothing is left of it, for as long as it does not come again.
@@ -250,8 +240,8 @@ class Device:
         if not self._paired:
             self.announce_paired()
         self.link_users_changed()
-        if self._search == Search.NONE and not self._searching.is_active:
-            self._searching.start(SEARCH_DELAY, self._start_search)
+        if not self._search_delay.is_active:
+            self._search_delay.start(SEARCH_DELAY, lambda: self.page(self._browse))
         self.phone.pairing_finished()
         self.audio.open_when_paired()
 
@@ -262,18 +252,12 @@ class Device:
 
     # ---- services
 
-    def _start_search(self) -> None:
-        self._search = Search.PAGING
-        self.page(self._browse)
-
     def _browse(self, is_linked: bool) -> None:
-        self._search = Search.BROWSING if is_linked else Search.NONE
-        self.link_users_changed()
         if is_linked:
-            self._searching.start(SEARCH_TIME, self._finish_search)
+            self._browsing.start(SEARCH_TIME, self._finish_search)
+            self.link_users_changed()
 
     def _finish_search(self) -> None:
-        self._search = Search.NONE
         self.add_service(SOURCE)
         if not self.audio.is_active:
             self._link.start(LINK_IDLE_AFTER_SEARCH, lambda: self.drop_link("nobody uses the link"))

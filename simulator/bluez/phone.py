@@ -12,7 +12,7 @@ from core.loop import Action, Timer
 from core.words import Refused, unknown_word
 
 # Milliseconds of product time.
-REACTION = 100  # between two steps of its own
+LINK_KEPT = 1900  # after its audio
 AUDIO_AFTER_PAIRING = 500  # of a usual phone
 AUTO_PLAY = 350  # from an open stream to one that plays by itself
 
@@ -98,7 +98,8 @@ class Phone:
         self._needs(self.stream == "paused", "plays already")
 
     def needs_play(self) -> None:
-        self._needs(self.stream == "playing", "does not play")
+        # Also what the unit has started, and the phone does not fill.
+        self._needs(self.device.audio.is_started, "does not play")
 
     def _needs(self, holds: bool, why_not: str) -> None:
         if not holds:
@@ -174,24 +175,19 @@ class Phone:
 
     def play(self) -> None:
         self.set_stream("playing")
-        self.device.audio.phone_starts()
+        self.device.audio.start()
 
     def pause(self) -> None:
         self.set_stream("paused")
         self.device.audio.phone_suspends()
 
     def leave(self) -> None:
-        """Pause, stream, signalling channel, link: each step only if there is something to end."""
-        if self.stream == "playing":
-            self.pause()
-        elif self.stream:
-            self.device.audio.close_stream()
-        elif self.device.audio.is_active:
+        """Ends its audio, if there is any, also while it plays, and the link a good while later."""
+        if self.device.audio.is_active:
             self.device.audio.hang_up()
+            self._step.start(LINK_KEPT, self.leave)
         else:
             self.device.drop_link("the phone leaves")
-            return
-        self._step.start(REACTION, self.leave)
 
     def go_out_of_range(self) -> None:
         self.is_in_range = False

@@ -83,9 +83,7 @@ class Programs:
         self._files = {file.name: os.readlink(file) for file in PROGRAM_FOLDER.iterdir()}
         self._stubs: list[Stub] = []  # in the order of their start
         self._serving: dict[str, Stub] = {}  # of the daemons by their names
-        # The scripted sound server.
-        self._discovery = False
-        self._loopback = ""  # the source that it takes
+        self._loopback = ""  # the source that the scripted sound server takes
         bluez.agent_exited = self._agent_exited
         bluez.stream_changed.append(self._stream_changed)
 
@@ -252,25 +250,23 @@ class Programs:
     def _load_module(self, arguments: list[str]) -> bool:
         """False when the scripted server would not load a module."""
         if DISCOVERY in arguments:
-            self._discovery = True
-            if self._real_pulse:
-                self._source.set_discovered(True)
+            self._set_discovered(True)
         if "module-loopback" not in arguments:
             return True
         for phone in self._bluez.phones.values():
-            if phone.stream and self._discovery and f"source={source_name(phone)}" in arguments:
-                self._set_loopback(source_name(phone))
+            is_there = phone.stream and self._bluez.adapter.takes_streams
+            if is_there and f"source={source_name(phone)}" in arguments:
+                self._loopback = source_name(phone)
                 return True
         return False
 
+    def _set_discovered(self, discovered: bool) -> None:
+        self._source.set_discovered(discovered and self._real_pulse)
+        self._bluez.adapter.take_streams(discovered)
+
     def _stream_changed(self, phone: Phone) -> None:
         if not phone.stream and self._loopback == source_name(phone):
-            self._set_loopback("")
-
-    def _set_loopback(self, source: str) -> None:
-        if source != self._loopback:
-            self._loopback = source
-            self._bluez.take_stream(bool(source))
+            self._loopback = ""
 
     def _termination_requested(self, stub: Stub) -> None:
         if stub.ignores_term:
@@ -300,6 +296,5 @@ class Programs:
         elif stub.name == "agent":
             self._bluez.stop_agent(orderly)
         else:
-            self._discovery = False
-            self._set_loopback("")
-            self._source.set_discovered(False)
+            self._loopback = ""
+            self._set_discovered(False)

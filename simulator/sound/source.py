@@ -4,7 +4,6 @@ with what the phone plays."""
 import subprocess
 import time
 from pathlib import Path
-from typing import Callable
 
 from bluez.phone import Phone
 from core import loop
@@ -23,8 +22,6 @@ class Source:
     """It exists while the discovery module is loaded and a stream is open."""
 
     def __init__(self, journal: Journal) -> None:
-        #: Called when PulseAudio has taken the stream as a source, or has left it.
-        self.taken: Callable[[bool], None] = lambda taken: None
         self._journal = journal
         self._phone: Phone | None = None  # whose stream is open; of two the one that came first
         self._discovered = False
@@ -75,7 +72,6 @@ class Source:
         self._module = answer.decode().strip()
         self._record(f"{source_name(phone)} exists")
         self._feed()
-        self.taken(True)
         self._update()
 
     def _remove(self) -> None:
@@ -85,7 +81,6 @@ class Source:
                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self._module = ""
         self._record("the source of the phone is gone")
-        self.taken(False)
 
     def _record(self, line: str) -> None:
         self._journal.record("pulse", "output", line)

@@ -48,6 +48,7 @@ everything ends
 nothing else
 # Longer than the attempt would take, a phone is silent.
 - phone add anna trusted
-- phone anna connect
++ anna comes
+- phone anna pause
 4 CONNECTED BUT NOT PLAYING
 never 2 restart agent ok

@@ -3,6 +3,7 @@
 
 == A phone that is trusted is connected again at once, and played
 + there is anna
+- phone anna auto-play on
 - phone anna connect
 4 Device {anna} CONNECTED AND ACCEPTED
 in BluetoothManager.cpp bluetoothobj void BluetoothManager::DevicePropertyChanged(*)
@@ -192,6 +193,23 @@ nothing else
 4 reconnect
 + anna is played
 
+== A phone that has ended its audio holds its place as long as its link
++ anna is playing
+- phone add berta trusted
+# Phones keep the link for some seconds, here for many.
+- timescale 20
+- phone anna leave
+~ anna AudioSource.State disconnected
+- timescale 0.05
+- phone berta connect
+4 DevicePropertyChanged but not for me, disconnect !!
+* berta link-down
+never 4 Device {anna} DISCONNECT*
+- phone anna drop
++ anna is gone
+--
++ berta comes
+
 == The last word of a phone that is gone is a first sign of it ({how})
 for how, outcome
 | leave | 4 Device {berta} CONNECTED AND ACCEPTED
@@ -224,10 +242,11 @@ after 9.4 to 14 s
 never 4 reconnect
 
 == A phone that was silent is not reported any more when {what}
-for what, line, sign, told
-| it plays | - phone anna play | | 2 error enabling sound manager for bluetooth play
-| Bluetooth is switched off | - disable | @ BluetoothOn false | never 2 *
-| another one is refused | - phone berta connect-acl | > Device.Disconnect berta |
+for what, before, line, sign, told
+| its stream is started | ~ anna AudioSource.State playing | | | 2 error enabling sound manager *
+| it plays | - phone anna pause | - phone anna play | | 2 error enabling sound manager *
+| Bluetooth is switched off | - phone anna pause | - disable | @ BluetoothOn false | never 2 *
+| another one is refused | - phone anna pause | - phone berta connect-acl | > Device.Disconnect berta |
 + there is anna
 - phone add berta known
 # The answer to the play request, which comes after the timer's start, is later than its end.
@@ -235,6 +254,9 @@ for what, line, sign, told
 - phone anna connect
 4 start/restart timer for no play
 @ PlayBluetooth
+# PulseAudio has the stream started without the phone, which then suspends it.
+{before}
+--
 {line}
 {sign}
 < PlayBluetooth Failed *

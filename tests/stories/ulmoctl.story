@@ -88,6 +88,7 @@ ends ulmoctl: the service ended before it answered\nSee whether bluetoothmanager
 shell ulmoctl off => ulmoctl: the service is not running: *\nSee whether bluetoothmanager runs, *(3)
 - bus session kill
 shell ulmoctl off => ulmoctl: no bus at unix:*\nThis is the address in DBUS_SESSION_BUS_ADDRESS*(3)
+shell DBUS_SESSION_BUS_ADDRESS=unix:path=/run/user/0/bus ulmoctl off => ulmoctl: no bus at unix:path=/run/ulmo/bus *(3)
 
 == What the service says, and its coming and going, are told as they come, until nobody reads it
 + the service runs with Bluetooth off
