@@ -1,28 +1,13 @@
 """Virtual machines, and phones on them: BlueZ 5 and PulseAudio with a controller of their own."""
 
 import subprocess
-import time
 from pathlib import Path
-from typing import Any, Callable
 
-from product import ProductError
+from product import ProductError, wait_for
 
 PATIENCE = 120  # seconds; without acceleration a machine is much slower than a board
 BOOT = Path(__file__).resolve().parents[2] / "packaging/machine"
-PIN = "7351"
-PINS = "/run/pins"
-TRIES = 5  # of a person
 SINK = "0000110b-0000-1000-8000-00805f9b34fb"
-
-
-def wait_for(what: str, happens: Callable[[], Any], timeout: float = PATIENCE) -> Any:
-    """Waits until it returns something true, and returns that."""
-    deadline = time.monotonic() + timeout
-    while not (answer := happens()):
-        if time.monotonic() > deadline:
-            raise ProductError(f"did not happen within {timeout:g} s: {what}")
-        time.sleep(0.2)
-    return answer
 
 
 class Machine:
@@ -36,16 +21,13 @@ class Machine:
         self._process = subprocess.Popen([BOOT, name, str(controllers), disk, out, faster])
 
     def await_start(self) -> None:
-        wait_for(f"the machine {self.name} starts", self._is_up, 3 * PATIENCE)
+        start = [*self._ssh, "systemctl is-system-running --wait"]
+        wait_for(f"the machine {self.name} starts", lambda: self._process.poll() is not None
+                 or subprocess.run(start, capture_output=True, check=False).returncode != 255,
+                 3 * PATIENCE)  # 255 is ssh's own
         self.follow("journalctl --follow --lines=all --output=json", f"{self.name}.jsonl")
         for number in range(self._controllers):
             self.plug(number)
-
-    def _is_up(self) -> bool:
-        if self._process.poll() is not None:
-            raise ProductError(f"the machine {self.name} has ended")
-        wait = [*self._ssh, "systemctl is-system-running --wait"]
-        return subprocess.run(wait, capture_output=True, check=False).returncode != 255  # ssh's own
 
     def run(self, command: str, sent: bytes = b"") -> str:
         """Runs a shell command there, which may read what is sent, and returns what it prints."""
@@ -82,16 +64,15 @@ class Phone:
         """With a controller of the machine. unit is the address of the speaker's."""
         self.address = machine.address(number)
         self.machine = machine
-        self.number = number
-        self._adapter = f"/org/bluez/hci{number}"
-        self._device = f"{self._adapter}/dev_{unit.replace(':', '_')}"
+        self._adapter = f"hci{number}"
+        self._device = f"/org/bluez/{self._adapter}/dev_{unit.replace(':', '_')}"
 
     @staticmethod
     def prepare(machine: Machine, tone: bytes) -> None:
         """What all phones of a machine share: the sound, and an agent that knows the PIN."""
         machine.run("cat > /run/tone", tone)
-        machine.run(f"usermod --append --groups pulse-access root; echo '* {PIN}' > {PINS}; "
-                    f"systemd-run --quiet --unit=agent bt-agent --pin={PINS}; "
+        machine.run("usermod --append --groups pulse-access root; touch /run/pins; "
+                    "systemd-run --quiet --unit=agent bt-agent --pin=/run/pins; "
                     "systemd-run --quiet --unit=sound pulseaudio --system; "
                     "until pactl load-module module-bluetooth-discover; do sleep 0.2; done")
 
@@ -99,25 +80,23 @@ class Phone:
         """What BlueZ says; nothing when it did it."""
         return self.machine.run(f"busctl --quiet --timeout={PATIENCE} call org.bluez {what} ||:")
 
-    def pair(self, pin: str = PIN) -> str:
-        """Looks for the unit and pairs with it, to let it in from then on as phones do; or says why
-        not."""
+    def pair(self, pin: str = "7351") -> str:
+        """Looks for the unit, and pairs with it as with one to be let in; or says why not."""
         self.machine.run(
             # bt-agent has two signals mixed up: this one has it read its file again.
-            f"echo '* {pin}' > {PINS}; systemctl kill --signal=TERM agent; "
-            f"systemd-run --quiet --unit=search bt-adapter --adapter=hci{self.number} --discover; "
+            f"echo '* {pin}' > /run/pins; systemctl kill --signal=TERM agent; "
+            f"systemd-run --quiet --unit=search bt-adapter --adapter={self._adapter} --discover; "
             f"until busctl set-property org.bluez {self._device} org.bluez.Device1 Trusted b true "
             "2> /dev/null; do sleep 0.2; done; systemctl stop search")
         return self._call(f"{self._device} org.bluez.Device1 Pair")
 
     def forget(self) -> None:
-        self._call(f"{self._adapter} org.bluez.Adapter1 RemoveDevice o {self._device}")
+        self._call(f"/org/bluez/{self._adapter} org.bluez.Adapter1 RemoveDevice o {self._device}")
 
     def connect(self) -> None:
-        """Whether that lasts is the unit's affair. A kernel may refuse a stream that comes before
-        it is through with a new link's encryption. A radio takes longer than that, this air does
-        not: so it is asked again, as people do."""
-        for _ in range(TRIES):
+        """A kernel may refuse a stream before it is through with a new link's encryption, for which
+        a radio leaves it the time, this air not: so it is asked again, as people do."""
+        for _ in range(5):
             begin = self.machine.run("date +%s.%N")
             self._call(f"{self._device} org.bluez.Device1 ConnectProfile s {SINK}")
             if not self.machine.run(f"journalctl --unit=bluetooth --since=@{begin} --output=cat "
