@@ -69,12 +69,15 @@ class Phone:
 
     @staticmethod
     def prepare(machine: Machine, tone: bytes) -> None:
-        """What all phones of a machine share: the sound, and an agent that knows the PIN."""
-        machine.run("cat > /run/tone", tone)
-        machine.run("usermod --append --groups pulse-access root; touch /run/pins; "
+        """What all phones of a machine share: the sound, an agent, and a link between two of its
+        three controllers. btvirt hands data on under its sender's number of the link: so the second
+        phone's first number is taken, and its next one is that of the unit's second link."""
+        machine.run("cat > /run/tone; touch /run/pins; usermod -a --groups pulse-access root; "
                     "systemd-run --quiet --unit=agent bt-agent --pin=/run/pins; "
                     "systemd-run --quiet --unit=sound pulseaudio --system; "
-                    "until pactl load-module module-bluetooth-discover; do sleep 0.2; done")
+                    "until pactl load-module module-bluetooth-discover; do sleep 0.2; done; "
+                    "hciconfig hci2 pscan; systemd-run --quiet --unit=link -p Restart=always "
+                    f"l2ping -i hci1 -d 1000000 {machine.address(2)}", tone)
 
     def _call(self, what: str) -> str:
         """What BlueZ says; nothing when it did it."""
@@ -83,6 +86,7 @@ class Phone:
     def pair(self, pin: str = "7351") -> str:
         """Looks for the unit, and pairs with it as with one to be let in; or says why not."""
         self.machine.run(
+            "systemctl restart link; until hcitool -i hci1 con|grep 'handle 42'; do sleep 1; done; "
             # bt-agent has two signals mixed up: this one has it read its file again.
             f"echo '* {pin}' > /run/pins; systemctl kill --signal=TERM agent; "
             f"systemd-run --quiet --unit=search bt-adapter --adapter={self._adapter} --discover; "
