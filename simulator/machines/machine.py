@@ -65,6 +65,7 @@ class Phone:
         self.address = machine.address(number)
         self.machine = machine
         self._adapter = f"hci{number}"
+        self._unit = unit
         self._device = f"/org/bluez/{self._adapter}/dev_{unit.replace(':', '_')}"
 
     @staticmethod
@@ -94,9 +95,6 @@ class Phone:
             "2> /dev/null; do sleep 0.2; done; systemctl stop search")
         return self._call(f"{self._device} org.bluez.Device1 Pair")
 
-    def forget(self) -> None:
-        self._call(f"/org/bluez/{self._adapter} org.bluez.Adapter1 RemoveDevice o {self._device}")
-
     def connect(self) -> None:
         """A kernel may refuse a stream before it is through with a new link's encryption, for which
         a radio leaves it the time, this air not: so it is asked again, as people do."""
@@ -106,6 +104,11 @@ class Phone:
             if not self.machine.run(f"journalctl --unit=bluetooth --since=@{begin} --output=cat "
                                     "--grep='Connection refused' ||:"):
                 return
+
+    def is_cut_off(self) -> bool:
+        """Whether the unit ends a link that nothing else would."""
+        return "it stays" not in self.machine.run(
+            f"timeout 30 l2ping -i {self._adapter} {self._unit}; [ $? != 124 ] || echo it stays")
 
     def leave(self) -> None:
         """Also a link whose other end has gone, which a radio tells after a while, this air not."""
