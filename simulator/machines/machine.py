@@ -65,7 +65,6 @@ class Phone:
         self.address = machine.address(number)
         self.machine = machine
         self._adapter = f"hci{number}"
-        self._unit = unit
         self._device = f"/org/bluez/{self._adapter}/dev_{unit.replace(':', '_')}"
 
     @staticmethod
@@ -105,11 +104,6 @@ class Phone:
             if not self.machine.run(f"journalctl --unit=bluetooth --since=@{begin} --output=cat "
                                     "--grep='Connection re(fused|set)' ||:"):
                 return
-
-    def is_cut_off(self) -> bool:
-        """Whether the unit ends a link that nothing else would."""
-        return "it stays" not in self.machine.run(
-            f"timeout 30 l2ping -i {self._adapter} {self._unit}; [ $? != 124 ] || echo it stays")
 
     def leave(self) -> None:
         """Also a link whose other end has gone, which a radio tells after a while, this air not."""
