@@ -18,7 +18,7 @@ import sys
 import tempfile
 import time
 from pathlib import Path
-from typing import Any, NamedTuple
+from typing import Any, Callable, NamedTuple
 
 LAUNCHER = Path(__file__).resolve().parent / "virtual-product"
 #: Longer than anything takes that is going to happen, in seconds.
@@ -41,6 +41,16 @@ class ProductError(Exception):
 
 class Ended(ProductError):
     """The product is not there, or has gone."""
+
+
+def wait_for(what: str, happens: Callable[[], Any], timeout: float = PATIENCE) -> Any:
+    """Waits until it returns something true, and returns that; ProductError when it does not."""
+    deadline = time.monotonic() + timeout
+    while not (answer := happens()):
+        if time.monotonic() > deadline:
+            raise ProductError(f"did not happen within {timeout:g} s: {what}")
+        time.sleep(0.2)
+    return answer
 
 
 def check() -> int:

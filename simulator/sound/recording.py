@@ -6,6 +6,7 @@ import math
 import re
 import shlex
 import shutil
+import statistics
 import subprocess
 import time
 from dataclasses import dataclass
@@ -26,10 +27,14 @@ class Recording:
         with (folder / "journal.jsonl").open() as journal:
             self._began = json.loads(journal.readline())["began"]
 
+    def now(self) -> int:
+        """In frames from the beginning."""
+        return int((time.monotonic() - self._began) * RATE)
+
     def heard(self, seconds: float) -> bytes:
         """What was heard in the last `seconds`; silence is silence, whatever the reason."""
         count = round(seconds * RATE)
-        first = int((time.monotonic() - self._began) * RATE) - count
+        first = self.now() - count
         with self.path.open("rb") as file:
             file.seek(max(first, 0) * FRAME)
             missing = min(max(-first, 0), count)
@@ -119,6 +124,11 @@ class Loudness:
         samples = array.array("h", sound)
         self.steps = [math.sqrt(sum(sample * sample for sample in samples[at:at + 2 * self.STEP:3]))
                       for at in range(0, len(samples), 2 * self.STEP)]
+
+    def gaps(self) -> float:
+        """How many seconds of a sound that is steady are missing."""
+        usual = statistics.median(self.steps)
+        return sum(step < usual / 2 for step in self.steps) * self.SECONDS
 
     def place_of(self, part: "Loudness", earliest: int, latest: int) -> int:
         """The step in `earliest`..`latest` from which on this goes up and down as `part` does."""
