@@ -71,6 +71,13 @@ STORIES = {
         client asks anna AudioSource.Connect > anna State connecting;
         client asks anna Device.Disconnect; bluez5 refuses ConnectProfile br-connection-canceled
             > Connect Failed > anna State disconnected; {DISCONNECTS}""",
+    "A phone is removed while it is connected, and another while it connects": f"""
+        {COMES} anna is_forgotten > anna State disconnected > anna Connected 0;
+        bert is_there > hci0 DeviceCreated bert;
+        client asks bert AudioSource.Connect > bert State connecting;
+        bert is_forgotten; bluez5 refuses ConnectProfile br-connection-canceled > Connect Failed""",
+    "What sends no sound is no phone": f"""
+        bert is_there 0 {SINK}; anna is_there 0 - input-keyboard""",
     "BlueZ 5 tries to connect for longer than BlueZ 4": f"""
         {IS_THERE} client asks anna AudioSource.Connect > anna State connecting > Connect Failed
             > anna State disconnected > anna Connected 0;
@@ -85,7 +92,8 @@ STORIES = {
         bluez5 answers RemoveDevice; {REGISTERS} {TAKES} pulse hears; {LEAVES}""",
     "PulseAudio is there before the phone, and turns it down": f"""
         {REGISTERS} {COMES} pulse sees /sink SetConfiguration stream;
-        {PLAYS} anna is_taken; anna is_lost; pulse sees stream PropertiesChanged pending;
+        pulse sees / InterfacesAdded anna {SOURCE}; anna is_shown; {PLAYS} anna is_taken;
+        anna is_lost; pulse sees stream PropertiesChanged pending;
         pulse lacks PropertiesChanged idle; {TAKES}
         pulse hears; pulse sees TryAcquire 672 672;
         pulse orders stream Properties.Set org.bluez.MediaTransport1 Volume 40;
@@ -93,8 +101,9 @@ STORIES = {
         bluez5 answers Release; pulse sees Release ok; pulse lacks None; {LEAVES}
         pulse sees /sink ClearConfiguration stream""",
     "Without PulseAudio the sound is thrown away, before it and after it": f"""
-        {COMES} {PLAYS} anna is_taken; anna tells active; anna is_lost; {REGISTERS}
-        pulse sees /sink SetConfiguration stream; pulse sees stream PropertiesChanged State;
+        {COMES} {PLAYS} anna is_taken; anna tells active; anna is_lost;
+        pulse sees stream PropertiesChanged active; {REGISTERS}
+        pulse sees /sink SetConfiguration stream; pulse sees stream PropertiesChanged active;
         {TAKES} pulse hears; pulse bus.close; bluez5 answers Release;
         anna tells idle > anna State connected;
         {PLAYS} anna is_taken; anna is_lost; sound close; {LEAVES}""",
@@ -107,13 +116,17 @@ STORIES = {
         {TAKES} bluez5 sees stream TryAcquire; {LEAVES}
         bluez5 answers TryAcquire descriptor 672 672; pulse sees TryAcquire""",
     "Nonsense from either bus is refused, and changes nothing": f"""
-        {COMES} bluez5 signals anna Properties.PropertiesChanged x;
+        bluez5 asks registered MediaEndpoint1.SetConfiguration hci0 strange;
+        bluez5 sees SetConfiguration Invalid;
+        bluez5 asks registered MediaEndpoint1.SetConfiguration stream strange;
+        bluez5 sees SetConfiguration Invalid; {COMES} bluez5 signals anna Properties.PropertiesChanged x;
         bluez5 signals / ObjectManager.InterfacesAdded x;
         bluez5 signals / ObjectManager.InterfacesAdded anna sink;
         bluez5 signals / ObjectManager.InterfacesRemoved hci0 org.bluez.Adapter1;
         stranger signals / ObjectManager.InterfacesRemoved hci0 adapter;
-        bluez5 asks registered MediaEndpoint1.SetConfiguration hci0 strange;
+        bluez5 asks registered MediaEndpoint1.SetConfiguration stream strange;
         bluez5 sees SetConfiguration Invalid;
+        client asks stream MediaTransport1.TryAcquire > TryAcquire NotAuthorized;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration x;
         bluez5 sees SelectConfiguration Unknown;
         bluez5 asks registered MediaEndpoint1.SelectConfiguration zeros;
@@ -306,9 +319,14 @@ class Machine(dbusmock.DBusTestCase):
         self.root.AddObject(path, interface, properties, [])
         objects[path].object_manager_emit_added(path)
 
-    def is_there(self, path, is_linked="0"):
+    def is_there(self, path, is_linked="0", service="-", icon="phone"):
         self._shows(path, "org.bluez.Device1", Connected=dbus.Boolean(int(is_linked)),
-                    Adapter=VALUES["hci0"], UUIDs=dbus.Array([SOURCE]))
+                    Adapter=VALUES["hci0"], Icon=dbus.String(icon),
+                    UUIDs=dbus.Array([service] if service != "-" else [], "s"))
+
+    def is_shown(self, _):
+        """Its stream, as late as BlueZ 5 may."""
+        objects[PATHS["stream"]].object_manager_emit_added(PATHS["stream"])
 
     def is_forgotten(self, path):
         objects[path].object_manager_emit_removed(path)
@@ -352,7 +370,8 @@ class Machine(dbusmock.DBusTestCase):
         self.client = Peer(self, "SYSTEM", "interface=org.bluez.Device,member=PropertyChanged",
                            "interface=org.bluez.AudioSource", "arg0=Discoverable",
                            "member=DeviceCreated", "arg0=org.bluez")
-        self.pulse = Peer(self, "SYSTEM", f"interface={dbus.PROPERTIES_IFACE}")
+        self.pulse = Peer(self, "SYSTEM", f"interface={dbus.PROPERTIES_IFACE}",
+                          "member=InterfacesAdded")
         self.stranger = Peer(self, "SESSION")
         self.start_bluez5()
         self.root.AddAdapter("hci0", "machine")
