@@ -2,6 +2,7 @@
 
 import os
 import statistics
+import subprocess
 import time
 from collections.abc import Iterator
 from pathlib import Path
@@ -77,6 +78,24 @@ class Comparison:
 
     def medians(self) -> list[float]:
         return [statistics.median(column) for column in zip(*self.pairs)]
+
+
+class Monitor:
+    """Listens on a bus in a process of its own, which looks at the clock at once."""
+
+    def __init__(self, address: str, rule: str):
+        self.process = subprocess.Popen(["dbus-monitor", "--profile", "--address", address, rule],
+                                        stdout=subprocess.PIPE, text=True)
+        while "NameLost" not in self.process.stdout.readline():  # it has become one
+            pass
+
+    def heard(self) -> float:
+        """When the next message came, in seconds since 1970."""
+        return float(self.process.stdout.readline().split()[1])
+
+    def end(self) -> None:
+        self.process.kill()
+        self.process.communicate()
 
 
 def wake_ups(when: str, figures: Figures, seconds: int) -> Comparison:
