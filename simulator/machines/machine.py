@@ -26,8 +26,10 @@ class Machine:
                  or subprocess.run(start, capture_output=True, check=False).returncode != 255,
                  3 * PATIENCE)  # 255 is ssh's own
         self.follow("journalctl --follow --lines=all --output=json", f"{self.name}.jsonl")
-        for number in range(self._controllers):
-            self.plug(number)
+        for number in range(self._controllers):  # whose packets are those of a console
+            self.run(f"systemd-run --quiet --unit=radio{number} "
+                     f"btattach --bredr /dev/hvc{number} --protocol h4")
+            self.address(number)
 
     def run(self, command: str, sent: bytes = b"") -> str:
         """Runs a shell command there, which may read what is sent, and returns what it prints."""
@@ -46,12 +48,6 @@ class Machine:
         """Keeps what a command there prints, as long as the machine runs."""
         with (self._out / file).open("wb") as output:
             subprocess.Popen([*self._ssh, command], stdin=subprocess.DEVNULL, stdout=output)
-
-    def plug(self, number: int) -> None:
-        """A controller, whose packets are those of a console; and waits until BlueZ has it."""
-        self.run(f"systemd-run --quiet --unit=radio{number} "
-                 f"btattach --bredr /dev/hvc{number} --protocol h4")
-        self.address(number)
 
     def address(self, number: int) -> str:
         """Of a controller, once BlueZ has it."""
@@ -93,6 +89,10 @@ class Phone:
             f"until busctl set-property org.bluez {self._device} org.bluez.Device1 Trusted b true "
             "2> /dev/null; do sleep 0.2; done; systemctl stop search")
         return self._call(f"{self._device} org.bluez.Device1 Pair")
+
+    def forget(self) -> None:
+        """The unit, if it knows that."""
+        self._call(f"/org/bluez/{self._adapter} org.bluez.Adapter1 RemoveDevice o {self._device}")
 
     def connect(self) -> None:
         """A kernel may refuse a stream before it is through with a new link's encryption, for which
