@@ -47,7 +47,8 @@ class Machine:
     def follow(self, command: str, file: str) -> None:
         """Keeps what a command there prints, as long as the machine runs."""
         with (self._out / file).open("wb") as output:
-            subprocess.Popen([*self._ssh, command], stdin=subprocess.DEVNULL, stdout=output)
+            subprocess.Popen([*self._ssh, command], stdin=subprocess.DEVNULL, stdout=output,
+                             stderr=subprocess.DEVNULL)
 
     def address(self, number: int) -> str:
         """Of a controller, once BlueZ has it."""
