@@ -97,13 +97,13 @@ class Phone:
 
     def connect(self) -> None:
         """A kernel may refuse a stream before it is through with a new link's encryption, for which
-        a radio leaves it the time, this air not; and may have a link whose other end has gone. So
-        it is asked again, as people do."""
+        a radio leaves it the time, this air not; BlueZ may miss so quick a link; and its other end
+        may have gone. So it is asked again, as people do."""
         for _ in range(6):
             begin = self.machine.run("date +%s.%N")
             self._call(f"{self._device} org.bluez.Device1 ConnectProfile s {SINK}")
             if not self.machine.run(f"journalctl --unit=bluetooth --since=@{begin} --output=cat "
-                                    "--grep='Connection re(fused|set)' ||:"):
+                                    "--grep='Connection re(fused|set)|select SEP' ||:"):
                 return
 
     def leave(self) -> None:
