@@ -66,9 +66,8 @@ class Phone:
 
     @staticmethod
     def prepare(machine: Machine, tone: bytes) -> None:
-        """What all phones of a machine share: the sound, an agent, and a link between two of its
-        three controllers. btvirt hands data on under its sender's number of the link: so the second
-        phone's first number is taken, and its next one is that of the unit's second link."""
+        """The sound, an agent, and a link of the second phone's: btvirt hands data on under its
+        sender's number of a link, and its next number is then that of the unit's second one."""
         machine.run("cat > /run/tone; touch /run/pins; usermod -a --groups pulse-access root; "
                     "systemd-run --quiet --unit=agent bt-agent --pin=/run/pins; "
                     "systemd-run --quiet --unit=sound pulseaudio --system; "
@@ -92,19 +91,20 @@ class Phone:
         return self._call(f"{self._device} org.bluez.Device1 Pair")
 
     def forget(self) -> None:
-        """The unit, if it knows that."""
         self._call(f"/org/bluez/{self._adapter} org.bluez.Adapter1 RemoveDevice o {self._device}")
 
     def connect(self) -> None:
-        """A kernel may refuse a stream before it is through with a new link's encryption, for which
-        a radio leaves it the time, this air not; BlueZ may miss so quick a link; and its other end
-        may have gone. So it is asked again, as people do."""
+        """Of a link as quick as on this air, a kernel may not yet see the encryption, BlueZ may miss
+        it, its other end may have gone. So it is asked again, as people do."""
         for _ in range(6):
             begin = self.machine.run("date +%s.%N")
             self._call(f"{self._device} org.bluez.Device1 ConnectProfile s {SINK}")
-            if not self.machine.run(f"journalctl --unit=bluetooth --since=@{begin} --output=cat "
-                                    "--grep='Connection re(fused|set)|select SEP' ||:"):
+            failure = self.machine.run(f"journalctl --unit=bluetooth --since=@{begin} --output=cat "
+                                       "--grep='Connection re(fused|set)|select SEP' ||:")
+            if not failure:
                 return
+            if "SEP" in failure:  # over a link that the unit's BlueZ has missed
+                self.leave()
 
     def leave(self) -> None:
         """Also a link whose other end has gone, which a radio tells after a while, this air not."""
