@@ -1,13 +1,16 @@
 """What is measured: figures of a process, comparisons with a baseline, and how they are shown."""
 
+import operator
 import os
 import statistics
 import subprocess
 import time
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from pathlib import Path
 
 PATIENCE = 30  # seconds; it only matters where something goes wrong
+KINDS = {"ratio": ("x", operator.truediv), "difference": ("+", operator.sub),
+         "absolute": ("", lambda measured, _: measured)}
 
 
 class Figures:
@@ -67,14 +70,7 @@ class Comparison:
         self.pairs.append((measured, baseline))
 
     def compared(self) -> float:
-        if self.kind == "ratio":
-            return statistics.median(measured / baseline for measured, baseline in self.pairs)
-        if self.kind == "difference":
-            return statistics.median(measured - baseline for measured, baseline in self.pairs)
-        return statistics.median(measured for measured, _ in self.pairs)
-
-    def is_met(self) -> bool:
-        return self.compared() <= self.bar
+        return statistics.median(KINDS[self.kind][1](*pair) for pair in self.pairs)
 
     def medians(self) -> list[float]:
         return [statistics.median(column) for column in zip(*self.pairs)]
@@ -107,19 +103,23 @@ def wake_ups(when: str, figures: Figures, seconds: int) -> Comparison:
     return row
 
 
-SIGNS = {"ratio": "x", "difference": "+", "absolute": ""}
-
-
 def number(value: float) -> str:
     if value == round(value):
         return str(round(value))
     return f"{value:.{2 if abs(value) < 10 else 1 if abs(value) < 100 else 0}f}"
 
 
-def show(row: Comparison) -> None:
-    unit = "" if row.kind == "ratio" else row.unit
-    texts = [f"{number(value)} {row.unit}" for value in row.medians()]
-    texts += [f"{SIGNS[row.kind]}{number(value)} {unit}" for value in (row.compared(), row.bar)]
-    cells = "".join(f"{text.strip().replace('+-', '-'):>11}" for text in texts)
-    print(f"{row.what:<36}{cells}\n    against {row.baseline}"
-          + ("" if row.is_met() else ": MISSED"), flush=True)
+def show(rows: Iterable[Comparison]) -> bool:
+    """As they come. Returns whether all bars are met."""
+    missed = 0
+    for row in rows:
+        unit = "" if row.kind == "ratio" else row.unit
+        texts = [f"{number(value)} {row.unit}" for value in row.medians()]
+        texts += [f"{KINDS[row.kind][0]}{number(value)} {unit}"
+                  for value in (row.compared(), row.bar)]
+        cells = "".join(f"{text.strip().replace('+-', '-'):>11}" for text in texts)
+        is_missed = row.compared() > row.bar
+        missed += is_missed
+        print(f"{row.what:<36}{cells}\n    against {row.baseline}"
+              + (": MISSED" if is_missed else ""), flush=True)
+    return missed == 0

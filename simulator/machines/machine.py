@@ -110,12 +110,12 @@ class Phone:
         """Also a link whose other end has gone, which a radio tells after a while, this air not."""
         self._call(f"{self._device} org.bluez.Device1 Disconnect")
 
-    def play(self) -> None:
-        find = "pactl list short sinks | grep -o 'bluez_sink[^\t]*'"
+    def play(self, options: str = "") -> None:
+        """Over this connection and later ones, unless these options of pacat's say where."""
         self.machine.run(
-            f"until {find}; do sleep 0.2; done; systemd-run --quiet --unit=tone sh -c "
-            "'while cat /run/tone; do :; done | pacat --raw --rate=44100 --channels=2 "
-            f"--format=s16le --device='$({find})")
+            "until pactl list short sinks | grep bluez_sink; do sleep 0.2; done; "
+            f"systemd-run --quiet --unit=tone-{self._adapter} sh -c 'while cat /run/tone; do :; "
+            f"done | pacat --raw --rate=44100 --channels=2 --format=s16le {options}'")
 
     def pause(self) -> None:
-        self.machine.run("systemctl stop tone ||:")
+        self.machine.run(f"systemctl stop tone-{self._adapter} ||:")
