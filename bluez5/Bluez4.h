@@ -174,7 +174,7 @@ private:
         m_told[path][Device].insert("Connected", false);
     }
 
-    void updatePhone(const QString &path, bool isLate = false)
+    void updatePhone(const QString &path, bool hasWaited = false)
     {
         if (!m_told.value(path).contains(Device))
             return;
@@ -185,7 +185,7 @@ private:
         const bool hasStream = m_bluez5->hasStream(path);
         const char *const newState = !hasStream ? "disconnected" : plays ? "playing" : "connected";
         // Of a phone that is quick, BlueZ 5 hears of the link after the stream, or never.
-        if (hasStream && !wasConnected && !m_bluez5->isLinked(path) && !isLate)
+        if (hasStream && !wasConnected && !m_bluez5->isLinked(path) && !hasWaited)
             return QTimer::singleShot(LinkTimeout, this, [=] { updatePhone(path, true); });
         // Sound begins after the link and ends before it: who has forgotten a phone with its link
         // would keep the place for it after a word of its sound.

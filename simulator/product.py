@@ -237,7 +237,10 @@ class Product:
             except Ended:
                 # It does not listen yet, or any more.
                 self._launcher.send_signal(signal.SIGTERM)
-            status = self._launcher.wait(PATIENCE)
+            try:
+                status = self._launcher.wait(PATIENCE)
+            except subprocess.TimeoutExpired as error:
+                raise ProductError("virtual-product does not end") from error
             self._launcher.stdout.close()
             self._launcher = None
         if self._own_out:
