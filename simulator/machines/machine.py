@@ -14,9 +14,7 @@ class Machine:
     """One that runs, see packaging/machine. Its journal goes to OUT/NAME.jsonl."""
 
     def __init__(self, name: str, controllers: int, disk: Path, out: Path, faster: str) -> None:
-        self.name = name
-        self._controllers = controllers
-        self._out = out
+        self.name, self._controllers, self._out = name, controllers, out
         self._ssh = ["ssh", "-F", str(out / "ssh.config"), name]
         self._process = subprocess.Popen([BOOT, name, str(controllers), disk, out, faster])
 
