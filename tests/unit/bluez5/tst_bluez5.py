@@ -107,6 +107,11 @@ STORIES = {
         {TAKES} pulse hears; pulse bus.close; bluez5 answers Release;
         anna tells idle > anna State connected;
         {PLAYS} anna is_taken; anna is_lost; sound close; {LEAVES}""",
+    "PulseAudio ends while it waits for the sound, which is thrown away then": f"""
+        {REGISTERS} {COMES} {PLAYS} {TAKES} pulse ends;
+        client asks / Manager.DefaultAdapter > DefaultAdapter hci0;
+        anna is_taken; client asks / Manager.DefaultAdapter > DefaultAdapter hci0;
+        anna is_lost; {LEAVES}""",
     "Wrong and late answers of BlueZ 5 cost PulseAudio no more than the stream": f"""
         {REGISTERS} {COMES} {PLAYS} bluez5 refuses TryAcquire no;
         anna tells idle > anna State connected; {TAKES} bluez5 refuses TryAcquire no;
@@ -174,6 +179,7 @@ class Peer:
         self.bus = dbus.bus.BusConnection(os.environ[f"DBUS_{bus}_BUS_ADDRESS"])
         self.bus.set_exit_on_disconnect(False)
         test.addCleanup(self.bus.close)
+        self.test = test
         self.lines, self.held, self.given = [], {}, []
         for rule in rules:
             self.bus.add_match_string(rule)
@@ -256,6 +262,12 @@ class Peer:
 
     def refuses(self, member: str, error: str):
         self.answers(member, error=error)
+
+    def ends(self):
+        """And its bus has told everybody."""
+        name = self.bus.get_unique_name()
+        self.bus.close()
+        await_that(lambda: not self.test.client.bus.name_has_owner(name))
 
 
 class Machine(dbusmock.DBusTestCase):
