@@ -6,8 +6,8 @@
 const int ConnectTimeout = 8500; // ms; what BlueZ 4 takes for a phone out of range
 const int ConnectAgain = 500; // ms
 const int LinkTimeout = 1000; // ms; for the word of a link
-/** A phone that closes the door on the stream, by BlueZ 5.66 and by 5.82. */
-const QStringList Refusals = {"br-connection-unknown", "br-connection-refused"};
+/** BlueZ 5's word for a connection that was ended while it was made. */
+const char Canceled[] = "br-connection-canceled";
 
 /** Manager, Adapter, Device and AudioSource on the product's bus, at BlueZ 5's paths. */
 class Bluez4 : public QObject
@@ -95,16 +95,16 @@ private:
         openStream(call, QDeadlineTimer(ConnectTimeout), false);
     }
 
-    // A phone's kernel may refuse the stream while it does not yet take the link for encrypted.
+    // It fails where a phone connects at the same moment, or does not yet see the link encrypted.
     // That passes; but after an error the service would forget the phone. So it is tried twice.
     void openStream(const QDBusMessage &call, const QDeadlineTimer &deadline, bool isLast)
     {
         const auto again = [=] { openStream(call, deadline, true); };
         const auto answered = [=](const QDBusMessage &reply) {
-            if (!isLast && Refusals.contains(reply.errorMessage()))
-                return QTimer::singleShot(ConnectAgain, this, again);
             if (reply.errorName() == "org.freedesktop.DBus.Error.NoReply")
                 m_bluez5->call(call.path(), Device1, "Disconnect", {}); // it would go on
+            else if (!isLast && !reply.errorName().isEmpty() && reply.errorMessage() != Canceled)
+                return QTimer::singleShot(ConnectAgain, this, again);
             endConnect(call);
         };
         m_bluez5->call(call.path(), Device1, "ConnectProfile", {SourceService}, answered,

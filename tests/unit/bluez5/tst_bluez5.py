@@ -42,7 +42,7 @@ LEAVES = "anna closes > anna State disconnected; anna links 0 > anna Connected 0
 CONNECTS = f"""{IS_THERE} client asks anna AudioSource.Connect > anna State connecting;
     bluez5 sees anna ConnectProfile {SOURCE};
     client asks anna AudioSource.Connect > Connect InProgress; anna links > anna Connected 1;
-    bluez5 refuses ConnectProfile br-connection-unknown;"""
+    bluez5 refuses ConnectProfile br-connection-create-socket;"""
 DISCONNECTS = "bluez5 answers Disconnect > Disconnect ok; anna links 0 > anna Connected 0;"
 REGISTERS = """pulse asks / ObjectManager.GetManagedObjects; pulse sees GetManagedObjects hci0;
     pulse asks hci0 Media1.RegisterApplication hci0 sink; pulse sees RegisterApplication UnknownM;
