@@ -3,11 +3,8 @@
 
 #include "Bluez5.h"
 
-const int ConnectTimeout = 8500; // ms; what BlueZ 4 takes for a phone out of range
-const int ConnectAgain = 500; // ms
+const int ConnectTimeout = 8500, ConnectAgain = 500; // ms; as BlueZ 4 for a phone out of range
 const int LinkTimeout = 1000; // ms; for the word of a link
-/** BlueZ 5's word for a connection that was ended while it was made. */
-const char Canceled[] = "br-connection-canceled";
 
 /** Manager, Adapter, Device and AudioSource on the product's bus, at BlueZ 5's paths. */
 class Bluez4 : public QObject
@@ -78,6 +75,8 @@ private:
     {
         if (!m_told[call.path()][Device].value("Connected").toBool())
             return refuse(call, "NotConnected", "Not Connected");
+        if (state(call.path()) == "connecting")
+            tellNews(call.path(), AudioSource, {{"State", "disconnected"}});
         send(QDBusMessage::createSignal(call.path(), Device, "DisconnectRequested"));
         if (m_bluez5->isLinked(call.path()))
             return m_bluez5->call(call.path(), Device1, "Disconnect", {}, passTo(call));
@@ -92,21 +91,23 @@ private:
         if (m_bluez5->hasStream(call.path()))
             return refuse(call, "AlreadyConnected", "Already Connected");
         tellNews(call.path(), AudioSource, {{"State", "connecting"}});
-        openStream(call, QDeadlineTimer(ConnectTimeout), false);
+        openStream(call, QDeadlineTimer(ConnectTimeout));
     }
 
-    // It fails where a phone connects at the same moment, or does not yet see the link encrypted.
-    // That passes; but after an error the service would forget the phone. So it is tried twice.
-    void openStream(const QDBusMessage &call, const QDeadlineTimer &deadline, bool isLast)
+    // It fails while a phone connects by itself, or does not yet take the link for encrypted. That
+    // passes; but after an error the service would forget the phone. So it is tried again.
+    void openStream(const QDBusMessage &call, const QDeadlineTimer &deadline)
     {
-        const auto again = [=] { openStream(call, deadline, true); };
+        const auto again = [=] { openStream(call, deadline); };
         const auto answered = [=](const QDBusMessage &reply) {
             if (reply.errorName() == "org.freedesktop.DBus.Error.NoReply")
                 m_bluez5->call(call.path(), Device1, "Disconnect", {}); // it would go on
-            else if (!isLast && !reply.errorName().isEmpty() && reply.errorMessage() != Canceled)
+            else if (!reply.errorName().isEmpty() && !m_bluez5->hasStream(call.path()))
                 return QTimer::singleShot(ConnectAgain, this, again);
             endConnect(call);
         };
+        if (state(call.path()) != "connecting")
+            return endConnect(call);
         m_bluez5->call(call.path(), Device1, "ConnectProfile", {SourceService}, answered,
                        int(deadline.remainingTime()));
     }
@@ -118,7 +119,7 @@ private:
                  ? call.createReply()
                  : call.createErrorReply("org.bluez.Error.Failed", "Stream setup failed"));
         if (state(call.path()) != "connecting")
-            return; // it has been removed meanwhile
+            return; // the phone has been disconnected or removed meanwhile
         Interfaces &told = m_told[call.path()];
         told[AudioSource].remove("State");
         // The service keeps the place for a phone that was connecting until it hears that the link

@@ -9,17 +9,16 @@ typedef QMap<QDBusObjectPath, Interfaces> ManagedObjects;
 Q_DECLARE_METATYPE(Interfaces)
 Q_DECLARE_METATYPE(ManagedObjects)
 
-/** Of objects of BlueZ 5. */
+/** Interfaces. */
 const char Adapter1[] = "org.bluez.Adapter1";
 const char Device1[] = "org.bluez.Device1";
 const char MediaTransport1[] = "org.bluez.MediaTransport1";
-
-/** A2DP: what a phone offers, and what the unit does. */
-const char SourceService[] = "0000110a-0000-1000-8000-00805f9b34fb";
-const char SinkService[] = "0000110b-0000-1000-8000-00805f9b34fb";
-
 const char ObjectManager[] = "org.freedesktop.DBus.ObjectManager";
 const char Properties[] = "org.freedesktop.DBus.Properties";
+
+/** A2DP: what a phone offers, and what the unit does, and where. */
+const char SourceService[] = "0000110a-0000-1000-8000-00805f9b34fb";
+const char SinkService[] = "0000110b-0000-1000-8000-00805f9b34fb";
 const char EndpointPath[] = "/ulmo/sink";
 // SBC as A2DP lays it out: modes, blocks and bands, least and greatest bitpool.
 const QByteArray Capabilities("\xff\xff\x02\x35", 4);

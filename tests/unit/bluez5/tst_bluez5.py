@@ -62,15 +62,17 @@ STORIES = {
         anna opens > anna Connected 1 > anna State connecting > anna State connected;
         anna closes > anna State disconnected > anna Connected 0""",
     "The unit connects a phone, which BlueZ 5 refuses once, and disconnects it": f"""
-        {CONNECTS} anna opens;
-        bluez5 answers ConnectProfile > Connect ok > anna State connected;
+        {CONNECTS} bluez5 sees anna ConnectProfile; anna opens;
+        bluez5 refuses ConnectProfile br-connection-busy > Connect ok > anna State connected;
         client asks anna Device.Disconnect; anna closes > anna State disconnected; {DISCONNECTS}""",
     "The unit cannot connect a phone, and disconnects it before it is connected": f"""
-        {CONNECTS} bluez5 refuses ConnectProfile br-connection-unknown
-            > Connect Failed > anna State disconnected;
-        client asks anna AudioSource.Connect > anna State connecting;
-        client asks anna Device.Disconnect; bluez5 refuses ConnectProfile br-connection-canceled
-            > Connect Failed > anna State disconnected; {DISCONNECTS}""",
+        {CONNECTS} bluez5 refuses ConnectProfile br-connection-unknown;
+        bluez5 sees anna ConnectProfile; client asks anna Device.Disconnect > anna State disconnected;
+        bluez5 refuses ConnectProfile br-connection-canceled > Connect Failed; {DISCONNECTS}
+        client asks anna AudioSource.Connect > anna State connecting; anna links > anna Connected 1;
+        bluez5 refuses ConnectProfile br-connection-busy;
+        client asks anna Device.Disconnect > anna State disconnected > Connect Failed;
+        bluez5 lacks ConnectProfile; {DISCONNECTS}""",
     "A phone is removed while it is connected, and another while it connects": f"""
         {COMES} anna is_forgotten > anna State disconnected > anna Connected 0;
         bert is_there > hci0 DeviceCreated bert;
