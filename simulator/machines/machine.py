@@ -1,5 +1,6 @@
 """Virtual machines, and phones on them: BlueZ 5 and PulseAudio with a controller of their own."""
 
+import shlex
 import subprocess
 from pathlib import Path
 
@@ -19,10 +20,9 @@ class Machine:
         self._process = subprocess.Popen([BOOT, name, str(controllers), disk, out, faster])
 
     def await_start(self) -> None:
-        start = [*self._ssh, "systemctl is-system-running --wait"]
+        start = [*self._ssh, "systemctl is-system-running --wait"]  # 255: ssh itself failed
         wait_for(f"the machine {self.name} starts", lambda: self._process.poll() is not None
-                 or subprocess.run(start, capture_output=True, check=False).returncode != 255,
-                 3 * PATIENCE)  # 255 is ssh's own
+                 or subprocess.run(start, capture_output=True).returncode != 255, 3 * PATIENCE)
         self.follow("journalctl --follow --lines=all --output=json", f"{self.name}.jsonl")
         for number in range(self._controllers):  # whose packets are those of a console
             self.run(f"systemd-run --quiet --unit=radio{number} "
@@ -31,9 +31,9 @@ class Machine:
 
     def run(self, command: str, sent: bytes = b"") -> str:
         """Runs a shell command there, which may read what is sent, and returns what it prints."""
-        done = subprocess.run(["timeout", str(PATIENCE), *self._ssh, command], input=sent,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
-        text = done.stdout.decode(errors="replace").strip()
+        there = f"timeout {PATIENCE} sh -c {shlex.quote(command)}"  # ssh's end would not end it
+        done = subprocess.run([*self._ssh, there], input=sent, capture_output=True)
+        text = (done.stdout + done.stderr).decode(errors="replace").strip()
         if done.returncode:
             raise ProductError(f"{self.name}: {command}: {text or done.returncode}")
         return text
@@ -92,8 +92,8 @@ class Phone:
         self._call(f"/org/bluez/{self._adapter} org.bluez.Adapter1 RemoveDevice o {self._device}")
 
     def connect(self) -> None:
-        """Of a link as quick as on this air, a kernel may not yet see the encryption, BlueZ may miss
-        it, its other end may have gone. So it is asked again, as people do."""
+        """Of a link as quick as on this air, a kernel may not yet see the encryption, BlueZ may
+        miss it, its other end may have gone. So it is asked again, as people do."""
         for _ in range(6):
             begin = self.machine.run("date +%s.%N")
             self._call(f"{self._device} org.bluez.Device1 ConnectProfile s {SINK}")

@@ -163,6 +163,15 @@ def await_that(holds):
     GLib.source_remove(timer)
 
 
+def is_listening() -> bool:
+    """The bus, whose socket is there before: dbusmock waits for that."""
+    try:
+        dbus.bus.BusConnection(os.environ["DBUS_SYSTEM_BUS_ADDRESS"]).close()
+        return True
+    except dbus.exceptions.DBusException:
+        return False
+
+
 def full(interface: str) -> str:
     is_common = interface in ("ObjectManager", "Properties")
     return ("org.freedesktop.DBus." if is_common else "org.bluez.") + interface
@@ -277,6 +286,7 @@ class Machine(dbusmock.DBusTestCase):
     def setUpClass(cls):
         cls.start_session_bus()
         cls.start_system_bus()
+        await_that(is_listening)
 
     def start_bluez5(self):
         objects.clear()
