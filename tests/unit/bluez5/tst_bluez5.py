@@ -62,7 +62,7 @@ STORIES = {
         anna opens > anna Connected 1 > anna State connecting > anna State connected;
         anna closes > anna State disconnected > anna Connected 0""",
     "The unit connects a phone, which BlueZ 5 refuses once, and disconnects it": f"""
-        {CONNECTS} bluez5 sees anna ConnectProfile; anna opens;
+        {CONNECTS} bluez5 sees anna ConnectProfile; anna opens; bluez5 sees SetConfiguration ok;
         bluez5 refuses ConnectProfile br-connection-busy > Connect ok > anna State connected;
         client asks anna Device.Disconnect; anna closes > anna State disconnected; {DISCONNECTS}""",
     "The unit cannot connect a phone, and disconnects it before it is connected": f"""
@@ -116,6 +116,7 @@ STORIES = {
         anna is_lost; {LEAVES}""",
     "Wrong and late answers of BlueZ 5 cost PulseAudio no more than the stream": f"""
         {REGISTERS} {COMES} {PLAYS} bluez5 refuses TryAcquire no;
+        pulse asks stream MediaTransport1.Release; bluez5 answers Release; pulse sees Release ok;
         anna tells idle > anna State connected; {TAKES} bluez5 refuses TryAcquire no;
         pulse sees TryAcquire Failed; {TAKES} bluez5 answers TryAcquire x; pulse sees TryAcquire;
         {TAKES} bluez5 answers TryAcquire descriptor; pulse sees TryAcquire;
