@@ -84,6 +84,10 @@ STORIES = {
         {IS_THERE} client asks anna AudioSource.Connect > anna State connecting > Connect Failed
             > anna State disconnected > anna Connected 0;
         bluez5 sees anna Disconnect; bluez5 answers ConnectProfile""",
+    "BlueZ 5 refuses to connect for longer than BlueZ 4 tries": f"""
+        {IS_THERE} bluez5 holds.remove ConnectProfile; client asks anna AudioSource.Connect
+            > anna State connecting > Connect Failed > anna State disconnected > anna Connected 0;
+        bluez5 sees anna Disconnect; bluez5 holds.add ConnectProfile""",
     "A second phone is refused and removed, and the first one plays on": f"""
         {COMES} {PLAYS} anna is_taken; bert is_there > hci0 DeviceCreated bert;
         bert links > bert Connected 1;
